@@ -1,0 +1,174 @@
+// What the kernels of several operations share: the choice of a kernel's class, element types, the adaptation of an
+// element to its destination, and the two ways out of a kernel.
+#pragma once
+
+#include "kel_frame.h"
+#include "kel_io.h"
+#include "kel_limits.h"
+
+// ---- Dispatch --------------------------------------------------------------------------------------------------------
+
+// The element types of the kernels, in the order of their classes: a class is twice the type's number, and odd for the
+// forms that walk a pointer over aligned elements of equal widths. Dispatch takes uint8 for widths of zero alone and
+// never an odd class or one of uint16 and uint32; those lead to the general kernels all the same.
+enum kel_type_t : unsigned { kel_type_uintptr, kel_type_uint8, kel_type_uint16, kel_type_uint32, kel_type_uint64,
+                             kel_type_uint128, kel_type_uint256, kel_types };
+
+// The formats of the kernels.
+enum kel_fmt_t : unsigned { kel_fmt_fixed, kel_fmt_rle, kel_fmt_mixed, kel_fmts };
+
+// The width in bytes that dispatch sees of a vector or value, and of a source, whose variable elements count as 16.
+uint64_t kel_dispatch_bytes(uint64_t format, uint32_t elem_width);
+uint64_t kel_dispatch_bytes(const kel_vec_t *src);
+
+// The class for the widest of the operands, in bytes.
+unsigned kel_class(uint64_t wide);
+
+inline kel_fmt_t kel_dispatch_fmt(const kel_vec_t *src)
+{
+    return src->format & KEL_RLE ? kel_fmt_rle : src->format & KEL_VAR ? kel_fmt_mixed : kel_fmt_fixed;
+}
+
+// Whether the kernels with extra checks are taken.
+inline unsigned kel_dispatch_ext(const kel_context_t *ctx, const kel_vec_t *src)
+{
+    return ctx->debug_options & KEL_DEBUG_EXTRA || src->format & KEL_VAR;
+}
+
+// ---- Ends of a kernel ------------------------------------------------------------------------------------------------
+
+// The end of a destination as kernels see it: its byte length rounded up to the unit of padding.
+inline void *kel_dst_end(void *start, uint64_t bytes)
+{
+    return static_cast<uint8_t *>(start) + (bytes + kel_dst_align - 1) / kel_dst_align * kel_dst_align;
+}
+
+// Reports that a kernel stopped with status at the stored element that is the given one, counted from 1.
+void kel_kernel_failed(kel_context_t *ctx, kel_status_t status, uint64_t element);
+
+// Finishes the destination: pads it, counts its bytes, and answers the kernel's status, or that of the padding if the
+// kernel has none of its own. An ext kernel pads the aux stream of a KEL_VAR destination, too.
+kel_status_t kel_finish_output(const kel_vec_t *dst, kel_output_t out, void *end, unsigned ext, kel_status_t status,
+                               cca_t *cca);
+
+// ---- Adaptation of an element to the width of a destination element --------------------------------------------------
+//
+// The element of src_bits is right-aligned in its word. Too wide for dst_bits, it keeps its top bytes; narrower, it stands
+// at the low end, or at the high end with KEL_PAD. It is written count times.
+
+// Shifts of a word of Word's width, taken modulo that width as the processor does.
+template <class Word>
+inline Word kel_word_shift(Word v, bool left, uint64_t bits)
+{
+    const uint64_t masked = bits & (8 * sizeof(Word) < 32 ? 31 : 8 * sizeof(Word) - 1);
+    return static_cast<Word>(left ? uint64_t{v} << masked : uint64_t{v} >> masked);
+}
+
+inline qword_t kel_word_shift(qword_t v, bool left, uint64_t bits)
+{
+    return left ? qword_lshift(v, bits) : qword_rshift(v, bits);
+}
+
+inline oword_t kel_word_shift(oword_t v, bool left, uint64_t bits)
+{
+    return left ? oword_lshift(v, bits) : oword_rshift(v, bits);
+}
+
+template <class Word>
+inline Word kel_adapt(uint64_t flags, Word v, ulong_t src_bits, ulong_t dst_bits)
+{
+    const uint64_t rounded = kel_round_bits(src_bits);
+    if (rounded > dst_bits)
+        return kel_word_shift(v, false, rounded - dst_bits);
+    if (flags & KEL_PAD && rounded < dst_bits)
+        return kel_word_shift(v, true, dst_bits - rounded);
+    return v;
+}
+
+// The aligned forms store whole elements at out->buf, which is a plain byte pointer here.
+template <class Word>
+inline void kel_put_pad_aligned(kel_output_t *out, uint64_t flags, Word v, ulong_t src_bits, ulong_t dst_bits,
+                                ulong_t count)
+{
+    v = kel_adapt(flags, v, src_bits, dst_bits);
+    for (; count > 0; count--) {
+        kel_store_be(out->buf, v);
+        kelio_advance(out, sizeof v);
+    }
+}
+
+inline void put_pad_uint8(kel_output_t *out, uint64_t flags, uint8_t v, ulong_t src_bits, ulong_t dst_bits, ulong_t count)
+{
+    kel_put_pad_aligned(out, flags, v, src_bits, dst_bits, count);
+}
+
+inline void put_pad_uint16(kel_output_t *out, uint64_t flags, uint16_t v, ulong_t src_bits, ulong_t dst_bits,
+                           ulong_t count)
+{
+    kel_put_pad_aligned(out, flags, v, src_bits, dst_bits, count);
+}
+
+inline void put_pad_uint32(kel_output_t *out, uint64_t flags, uint32_t v, ulong_t src_bits, ulong_t dst_bits,
+                           ulong_t count)
+{
+    kel_put_pad_aligned(out, flags, v, src_bits, dst_bits, count);
+}
+
+inline void put_pad_uint64(kel_output_t *out, uint64_t flags, uint64_t v, ulong_t src_bits, ulong_t dst_bits,
+                           ulong_t count)
+{
+    kel_put_pad_aligned(out, flags, v, src_bits, dst_bits, count);
+}
+
+inline void put_pad_uint64_unalign(kel_output_t *out, uint64_t flags, uint64_t v, ulong_t src_bits, ulong_t dst_bits,
+                                   ulong_t count)
+{
+    v = kel_adapt(flags, v, src_bits, dst_bits);
+    for (; count > 0; count--)
+        kelio_put_bits(out, v, dst_bits);
+}
+
+inline void put_pad_uint128_unalign(kel_output_t *out, uint64_t flags, qword_t v, ulong_t src_bits, ulong_t dst_bits,
+                                    ulong_t count)
+{
+    v = kel_adapt(flags, v, src_bits, dst_bits);
+    for (; count > 0; count--)
+        kelio_put_qword(out, v, dst_bits);
+}
+
+inline void put_pad_uint256_unalign(kel_output_t *out, uint64_t flags, oword_t v, ulong_t src_bits, ulong_t dst_bits,
+                                    ulong_t count)
+{
+    v = kel_adapt(flags, v, src_bits, dst_bits);
+    for (; count > 0; count--)
+        kelio_put_oword(out, v, dst_bits);
+}
+
+// The element as bytes, written at out->buf.
+inline void put_pad_uintptr(kel_output_t *out, uint64_t flags, const uint8_t *element, ulong_t src_bits,
+                            ulong_t dst_bits, ulong_t count)
+{
+    const size_t size = dst_bits / 8;
+    const size_t bytes = kel_round_bits(src_bits) / 8;
+    const size_t kept = bytes < size ? bytes : size;
+    const size_t front = flags & KEL_PAD ? 0 : size - kept;
+    for (; count > 0; count--) {
+        auto *to = reinterpret_cast<uint8_t *>(out->buf);
+        memset(to, 0, size);
+        memcpy(to + front, element, kept);
+        kelio_advance(out, size);
+    }
+}
+
+inline void put_pad_uintptr_unalign(kel_output_t *out, uint64_t flags, const uint8_t *element, ulong_t src_bits,
+                                    ulong_t dst_bits, ulong_t count)
+{
+    put_pad_uintptr(out, flags, element, src_bits, dst_bits, count);
+}
+
+// count is a flag: once, or not at all.
+inline void put_pad_ptr(kel_output_t *out, uint64_t flags, const uint8_t *element, ulong_t src_bits, ulong_t dst_bits,
+                        ulong_t count)
+{
+    put_pad_uintptr(out, flags, element, src_bits, dst_bits, count != 0);
+}

@@ -1,0 +1,112 @@
+// The road of an operation, from the exported function to its work and back, written once for all operations.
+//
+//   kel_<op>        kel_execute: reads the context's options and picks one of the specialised bodies
+//   kel_<op>_il     kel_il: entry line, validation, return line; nothing of that in the bare body
+//   <op>_exec       exec: an empty completion record, the emulation, the diagnosis of a failure
+//   kel_<op>_emulate  the operation's own work
+//
+// An operation is a struct that holds only what is its own:
+//
+//   args            its arguments after the flags
+//   return_format   the text of its return line, for a status word and a count
+//   log_entry(ctx, flags, args)
+//   valid(ctx, flags, args, queue, version)   argument tests; the queue of a posted request, or null
+//   valid_extra(ctx, flags, args)             tests that depend on the data
+//   emulate(ctx, flags, args, cca)
+//   diagnosed(args)                           the source that is looked at after a failure, or null
+//
+// A posted request takes the same description: its bodies differ in the first and the last step only.
+#pragma once
+
+#include "kel_init.h"
+#include "kel_text.h"
+#include "kel_vector.h"
+
+// What an emulation leaves behind of its request.
+typedef struct {
+    uint32_t output_sz;   // bytes written to the destination, padding included
+    uint32_t n_processed; // input elements consumed
+    uint64_t retval;      // the operation's count
+} cca_t;
+
+// Whether the calling thread owns the context.
+inline bool kel_owner(const kel_context_t *ctx)
+{
+    return pthread_equal(pthread_self(), ctx->thread->tid);
+}
+
+// The owner test as one test of a validator.
+int thread_valid(kel_context_t *ctx, int do_log);
+
+// The owner test of the calls that have no validator: any debug option arms it. True: return KEL_ETHREAD.
+bool bad_thread_return(kel_context_t *ctx);
+
+// Runs the tests of a validator. tests(do_log) makes all its tests in the order of their reports, each with do_log, and
+// answers 1 when none failed. The first pass is silent; only if something failed does a second one report. So every
+// fault of a call is reported, in a fixed order, and a good call pays for the comparisons alone.
+template <class Tests>
+inline int kel_validate(const Tests &tests)
+{
+    if (tests(0)) [[likely]]
+        return 1;
+    tests(1);
+    return 0;
+}
+
+// One test of a validator, with the report of its failure.
+#define kel_test(do_log, passed, ctx, ...)                                                                             \
+    ((passed) ? 1 : [&] {                                                                                              \
+        if (do_log)                                                                                                    \
+            kel_report(ctx, __VA_ARGS__);                                                                              \
+        return 0;                                                                                                      \
+    }())
+
+template <class Op, unsigned version>
+kel_status_t kel_check(kel_context_t *ctx, uint64_t flags, const typename Op::args &args, kel_queue_t *queue)
+{
+    if (ctx->debug_options & KEL_DEBUG_ARG && !Op::valid(ctx, flags, args, queue, version))
+        return kel_owner(ctx) ? KEL_EINVAL : KEL_ETHREAD;
+    if (ctx->debug_options & KEL_DEBUG_EXTRA && !Op::valid_extra(ctx, flags, args))
+        return KEL_EINVAL;
+    return KEL_SUCCESS;
+}
+
+template <class Op>
+kel_result_t exec(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
+{
+    cca_t cca = {};
+    const kel_status_t status = Op::emulate(ctx, flags, args, &cca);
+    if (const kel_vec_t *src = Op::diagnosed(args); src && status != KEL_SUCCESS)
+        vec_diagnose(ctx, src, status);
+    return {status, 0, cca.retval};
+}
+
+template <class Op, unsigned version, int do_log>
+kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
+{
+    if constexpr (!do_log)
+        return exec<Op>(ctx, flags, args);
+
+    if (ctx->log.options & KEL_LOG_ENTRY)
+        Op::log_entry(ctx, flags, args);
+    const kel_status_t refused = kel_check<Op, version>(ctx, flags, args, nullptr);
+    const kel_result_t result = refused ? kel_result_t{refused, 0, 0} : exec<Op>(ctx, flags, args);
+    if (ctx->log.options & KEL_LOG_RETURN)
+        kel_log_msg(ctx, KEL_LOG_RETURN, Op::return_format, kel_status_str(result.status),
+                    static_cast<long>(result.count));
+    return result;
+}
+
+// Whether a call takes the logging body.
+inline bool kel_do_log(const kel_context_t *ctx)
+{
+    return (ctx->log.options & kel_log_levels) || ctx->debug_options;
+}
+
+template <class Op>
+inline kel_result_t kel_execute(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
+{
+    if (kel_do_log(ctx))
+        return ctx->api_version == 2 ? kel_il<Op, 2, 1>(ctx, flags, args) : kel_il<Op, 1, 1>(ctx, flags, args);
+    return ctx->api_version == 2 ? kel_il<Op, 2, 0>(ctx, flags, args) : kel_il<Op, 1, 0>(ctx, flags, args);
+}

@@ -1,0 +1,82 @@
+// Bit streams: the start of a reader, the finish of a writer, and the count of bits.
+#include "kel_io.h"
+#include "kel_limits.h"
+#include <cpuid.h>
+
+void kelio_bits_init(const void *data, unsigned offset, uint64_t **buf, uint64_t *cache, uint64_t *cache_bits)
+{
+    auto *bytes = static_cast<const uint8_t *>(data);
+    const auto *boundary = kel_align_up(bytes, sizeof(uint64_t));
+    uint64_t held = 0;
+    uint64_t bits = 8 * static_cast<uint64_t>(boundary - bytes);
+    if (bits == 0) {
+        held = kel_load_be<uint64_t>(bytes);
+        boundary += sizeof(uint64_t);
+        bits = 64;
+    } else {
+        while (bytes < boundary)
+            held = held << 8 | *bytes++;
+        held <<= 64 - bits;
+    }
+    *buf = reinterpret_cast<uint64_t *>(const_cast<uint8_t *>(boundary));
+    *cache = kel_shl(held, offset);
+    *cache_bits = bits - offset;
+}
+
+int kelio_pad_output(kel_output_t *out, const void *end)
+{
+    if (static_cast<const void *>(kel_align_up(out->buf, kel_dst_align)) > end)
+        return KEL_EOVERFLOW;
+    if (out->cache_bits != 0) {
+        out->cache &= kel_shl(~uint64_t{0}, 64 - out->cache_bits);
+        kelio_flush(out);
+    }
+    uint64_t *next = kel_align_up(out->buf, kel_dst_align);
+    const auto padding = reinterpret_cast<uint8_t *>(next) - reinterpret_cast<uint8_t *>(out->buf);
+    if (padding > 0)
+        memset(out->buf, 0, static_cast<size_t>(padding));
+    out->buf = next;
+    return KEL_SUCCESS;
+}
+
+unsigned popcnt_supported(void)
+{
+    unsigned eax = 0;
+    unsigned ebx = 0;
+    unsigned ecx = 0;
+    unsigned edx = 0;
+    __get_cpuid(0x80000001, &eax, &ebx, &ecx, &edx);
+    return ecx >> 23 & 1;
+}
+
+namespace
+{
+
+__attribute__((target("popcnt"))) uint64_t popc_words_instruction(const uint64_t *words, size_t n)
+{
+    uint64_t count = 0;
+    for (size_t i = 0; i < n; i++)
+        count += popc_instruction(words[i]);
+    return count;
+}
+
+// Sums of ever wider neighbours, all in one word.
+uint64_t popc_words_parallel(const uint64_t *words, size_t n)
+{
+    uint64_t count = 0;
+    for (size_t i = 0; i < n; i++) {
+        uint64_t v = words[i];
+        v -= v >> 1 & 0x5555555555555555;
+        v = (v & 0x3333333333333333) + (v >> 2 & 0x3333333333333333);
+        v = (v + (v >> 4)) & 0x0f0f0f0f0f0f0f0f;
+        count += v * 0x0101010101010101 >> 56;
+    }
+    return count;
+}
+
+} // namespace
+
+uint64_t popc_words(const uint64_t *words, size_t n)
+{
+    return __builtin_cpu_supports("popcnt") ? popc_words_instruction(words, n) : popc_words_parallel(words, n);
+}

@@ -1,0 +1,26 @@
+// Limits of the command set, each stated once: the validators test them, the properties publish them.
+#pragma once
+
+#include "kel.h"
+
+inline constexpr unsigned kel_max_elem_bytes = 16;  // widest element
+inline constexpr unsigned kel_max_elem_bits_v1 = 16; // widest element that is not a whole number of bytes
+inline constexpr unsigned kel_max_elem_bits_v2 = 24;
+inline constexpr unsigned kel_max_offset_elem_bits = 64; // widest element whose vector may have an offset
+inline constexpr unsigned kel_max_offset = 7;            // bits
+inline constexpr unsigned kel_dst_align = 64;            // bytes; also the unit in which a destination is padded
+inline constexpr unsigned kel_max_int_bytes = 16;        // widest value that kel_int_create builds
+
+inline constexpr unsigned kel_max_elem_bits(unsigned version)
+{
+    return version == 2 ? kel_max_elem_bits_v2 : kel_max_elem_bits_v1;
+}
+
+// The flags that every operation accepts, unless it forbids some.
+inline constexpr uint64_t kel_base_flags = KEL_CACHE | KEL_NOWAIT | KEL_COND | KEL_SERIAL;
+
+// The flags that belong to posted requests alone.
+inline constexpr uint64_t kel_sync_flags(unsigned version)
+{
+    return version == 2 ? KEL_SYNC_FLAGS_V2 : KEL_SYNC_FLAGS_V1;
+}

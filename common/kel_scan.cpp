@@ -1,0 +1,219 @@
+// Scans: the values that elements are compared with, and the public calls.
+#include "kel_scan.h"
+#include "kel_valid.h"
+
+// ---- Values ----------------------------------------------------------------------------------------------------------
+
+static int kel_int_create_valid(kel_context_t *ctx, size_t len)
+{
+    return kel_validate([=](int do_log) {
+        int valid = kel_test(do_log, len >= 1 && len <= kel_max_int_bytes, ctx, "Invalid len %ld",
+                             static_cast<long>(len));
+        valid &= thread_valid(ctx, do_log);
+        return valid;
+    });
+}
+
+static uint64_t big_endian(const uint8_t *bytes, size_t len)
+{
+    uint64_t word = 0;
+    for (size_t i = 0; i < len; i++)
+        word = word << 8 | bytes[i];
+    return word;
+}
+
+static kel_status_t int_create(kel_context_t *ctx, const uint8_t *bytes, size_t len, kel_int_t *val)
+{
+    if (ctx->debug_options && !kel_int_create_valid(ctx, len))
+        return kel_owner(ctx) ? KEL_EINVAL : KEL_ETHREAD;
+    val->format = KEL_BYTES;
+    val->elem_width = static_cast<uint32_t>(len);
+    const size_t above = len > 8 ? len - 8 : 0; // bytes above the last word
+    if (above > 0)
+        val->dword[1] = big_endian(bytes, above);
+    val->dword[2] = big_endian(bytes + above, len - above);
+    return KEL_SUCCESS;
+}
+
+kel_status_t kel_int_create(kel_context_t *ctx, const void *buf, size_t len, kel_int_t *val)
+{
+    if (ctx->log.options & KEL_LOG_ENTRY)
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_int_create(): ctx=0x%lx, buf=0x%lx, len=%ld, val=0x%lx", kel_log_ptr(ctx),
+                    kel_log_ptr(buf), static_cast<long>(len), kel_log_ptr(val));
+    const kel_status_t status = int_create(ctx, static_cast<const uint8_t *>(buf), len, val);
+    if (ctx->log.options & KEL_LOG_RETURN)
+        kel_log_msg(ctx, KEL_LOG_RETURN, "kel_int_create() returns %s", kel_status_str(status));
+    return status;
+}
+
+// The word of a value that holds its top, if that has bits above the value's whole bytes; such bits are to be zero. A
+// value whose bytes end at a word's border has none.
+static bool val_valid(const kel_int_t *val)
+{
+    const uint64_t bits = kel_width_bits(val->format, val->elem_width);
+    const uint64_t rounded = (bits + 7) / 8 * 8;
+    if (bits > 192 || rounded % 64 == 0)
+        return true;
+    return val->dword[2 - rounded / 64] >> (rounded % 64) == 0;
+}
+
+// ---- Validation ------------------------------------------------------------------------------------------------------
+
+// Sets of operators, a bit for each.
+static constexpr uint32_t value_ops = 1u << KEL_EQ | 1u << KEL_GE | 1u << KEL_NE | 1u << KEL_LT | 1u << KEL_LE |
+                                      1u << KEL_GT;
+static constexpr uint32_t range_ops = 1u << KEL_EQ_OR_EQ | 1u << KEL_GE_AND_LE | 1u << KEL_NE_AND_NE |
+                                      1u << KEL_LT_OR_GT | 1u << KEL_GE_AND_LT | 1u << KEL_LT_OR_GE |
+                                      1u << KEL_GT_AND_LE | 1u << KEL_LE_OR_GT | 1u << KEL_GT_AND_LT |
+                                      1u << KEL_LE_OR_GE;
+
+static int val_shape_valid(kel_context_t *ctx, const kel_int_t *val, const char *name, unsigned version, int log)
+{
+    char fmt[kel_fmt_text_size];
+    int valid = kel_test(log, val->format <= KEL_BITS, ctx, "Invalid %s format: %s; must be KEL_BITS or KEL_BYTES",
+                         name, fmt_str(ctx, val->format & ~KEL_BITS, fmt, sizeof fmt));
+    valid &= kel_test(log, width_valid(val->format, val->elem_width, version), ctx,
+                      "Invalid %s elem_width %u %s; must be 1-%u bits or 1-%u bytes", name, val->elem_width,
+                      bit_byte_fmt_str(val->format & KEL_BITS), kel_max_elem_bits(version), kel_max_elem_bytes);
+    return valid;
+}
+
+// upper is null for a scan with one value.
+static int scan_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst, kel_compare_t op,
+                      const kel_int_t *val, const kel_int_t *upper, kel_queue_t *queue, unsigned version)
+{
+    return kel_validate([=](int log) {
+        const uint32_t ops = upper ? range_ops : value_ops;
+        const unsigned op_bit = static_cast<uint32_t>(op) % 32; // kept: an operator is tested modulo 32
+
+        int valid = src_valid(ctx, src, KEL_VAR, 0, "src", version, log);
+        valid &= dst_ones_valid(ctx, flags, dst, version, log);
+        valid &= thread_valid(ctx, log);
+        valid &= kel_test(log, ops >> op_bit & 1, ctx, "Invalid op %s", scan_op_str(ctx, op, nullptr, 0));
+        valid &= kel_test(log, dst->elements >= src->elements, ctx, "dst elements %ld is less than src elements %ld",
+                          static_cast<long>(dst->elements), static_cast<long>(src->elements));
+        valid &= flags_valid(ctx, flags, KEL_ONES_INDEX, 0, version, log);
+        valid &= sync_flags_valid(ctx, queue, flags, version, log);
+        if (upper)
+            valid &= val_shape_valid(ctx, upper, "upper", version, log);
+        valid &= val_shape_valid(ctx, val, upper ? "lower" : "val", version, log);
+        return valid;
+    });
+}
+
+static int val_content_valid(kel_context_t *ctx, const kel_int_t *val, const char *name)
+{
+    const uint64_t bits = kel_width_bits(val->format, val->elem_width);
+    return kel_test(1, val_valid(val), ctx, "Invalid %s->dword[%u]: bytes above elem_width %u %s are non-zero", name,
+                    static_cast<unsigned>(2 - (bits - 1) / 64), val->elem_width,
+                    bit_byte_fmt_str(val->format & KEL_BITS));
+}
+
+static int scan_valid_extra(kel_context_t *ctx, uint64_t, const kel_vec_t *src, const kel_vec_t *dst,
+                            const kel_int_t *val, const kel_int_t *upper)
+{
+    int valid = aux_valid_extra(ctx, src, dst, ctx->api_version);
+    valid &= kel_test(1, !vec_overlap(src, dst), ctx, "Invalid src or dst: src data and dst data overlap");
+    valid &= kel_test(1, !aux_overlap(src, dst), ctx, "Invalid src or dst: src aux_data and dst data overlap");
+    valid &= val_content_valid(ctx, val, upper ? "lower" : "val");
+    if (upper)
+        valid &= val_content_valid(ctx, upper, "upper");
+    return valid;
+}
+
+// ---- The two operations ----------------------------------------------------------------------------------------------
+
+struct scan_value_op {
+    struct args {
+        const kel_vec_t *src;
+        const kel_vec_t *dst;
+        kel_compare_t op;
+        const kel_int_t *val;
+    };
+
+    static constexpr char return_format[] = "kel_scan_value() returns {%s, count=%ld}";
+
+    static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
+    {
+        char vectors[kel_args_text_size];
+        char val[kel_args_text_size];
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_value(): %s, \n  op=%s,\n  val = %s",
+                    entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
+                    scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.val, val, sizeof val));
+    }
+
+    static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
+    {
+        return scan_valid(ctx, flags, a.src, a.dst, a.op, a.val, nullptr, queue, version);
+    }
+
+    static int valid_extra(kel_context_t *ctx, uint64_t flags, const args &a)
+    {
+        return scan_valid_extra(ctx, flags, a.src, a.dst, a.val, nullptr);
+    }
+
+    static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const args &a, cca_t *cca)
+    {
+        return kel_scan_value_emulate(ctx, flags, a.src, a.dst, a.op, a.val, cca);
+    }
+
+    static const kel_vec_t *diagnosed(const args &a)
+    {
+        return a.src;
+    }
+};
+
+struct scan_range_op {
+    struct args {
+        const kel_vec_t *src;
+        const kel_vec_t *dst;
+        kel_compare_t op;
+        const kel_int_t *lower;
+        const kel_int_t *upper;
+    };
+
+    static constexpr char return_format[] = "kel_scan_range() returns {%s, count=%ld}";
+
+    static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
+    {
+        char vectors[kel_args_text_size];
+        char lower[kel_args_text_size];
+        char upper[kel_args_text_size];
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_range(): %s, \n  op=%s,\n  lower = %s,\n  upper = %s",
+                    entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
+                    scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.lower, lower, sizeof lower),
+                    val_str(ctx, a.upper, upper, sizeof upper));
+    }
+
+    static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
+    {
+        return scan_valid(ctx, flags, a.src, a.dst, a.op, a.lower, a.upper, queue, version);
+    }
+
+    static int valid_extra(kel_context_t *ctx, uint64_t flags, const args &a)
+    {
+        return scan_valid_extra(ctx, flags, a.src, a.dst, a.lower, a.upper);
+    }
+
+    static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const args &a, cca_t *cca)
+    {
+        return kel_scan_range_emulate(ctx, flags, a.src, a.dst, a.op, a.lower, a.upper, cca);
+    }
+
+    static const kel_vec_t *diagnosed(const args &a)
+    {
+        return a.src;
+    }
+};
+
+kel_result_t kel_scan_value(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                            kel_compare_t op, const kel_int_t *val)
+{
+    return kel_execute<scan_value_op>(ctx, flags, {src, dst, op, val});
+}
+
+kel_result_t kel_scan_range(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                            kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper)
+{
+    return kel_execute<scan_range_op>(ctx, flags, {src, dst, op, lower, upper});
+}

@@ -1,0 +1,164 @@
+// Argument tests that the operations share. In each function the tests stand in the order of their reports.
+#include "kel_valid.h"
+#include "kel_vector.h"
+
+namespace
+{
+
+const char *unit(uint64_t format)
+{
+    return bit_byte_fmt_str(format & KEL_BITS);
+}
+
+const char *fmt_text(kel_context_t *ctx, uint64_t format, char (&buffer)[kel_fmt_text_size])
+{
+    return fmt_str(ctx, format, buffer, sizeof buffer);
+}
+
+bool source_aux_width(unsigned width)
+{
+    return width == 1 || width == 2 || width == 4 || width == 8;
+}
+
+unsigned misalignment(const void *data)
+{
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(data) % kel_dst_align);
+}
+
+// What every destination has to be: at bit 0 of an aligned address.
+int dst_start_valid(kel_context_t *ctx, const kel_vec_t *vec, int log)
+{
+    int valid = kel_test(log, vec->offset == 0, ctx, "Invalid dst offset %u; must be 0", vec->offset);
+    valid &= kel_test(log, misalignment(vec->data) == 0, ctx, "Invalid dst alignment %u; must be 64",
+                      misalignment(vec->data));
+    return valid;
+}
+
+} // namespace
+
+int width_valid(uint64_t format, uint32_t elem_width, unsigned api_version)
+{
+    const uint64_t bits = kel_width_bits(format, elem_width);
+    return bits != 0 && bits <= 8 * kel_max_elem_bytes && (bits % 8 == 0 || bits <= kel_max_elem_bits(api_version));
+}
+
+int src_valid(kel_context_t *ctx, const kel_vec_t *vec, uint64_t fmt_add, uint64_t fmt_remove, const char *name,
+              unsigned api_version, int log)
+{
+    uint64_t allowed = (fmt_add | KEL_BITS | KEL_RLE | KEL_ZIP) & ~fmt_remove;
+    if ((fmt_add & ~fmt_remove & (KEL_VAR | KEL_RLE)) || !(fmt_remove & KEL_RLE))
+        allowed |= KEL_ADD_ONE;
+    const uint64_t bad = vec->format & ~allowed;
+    const uint64_t good = vec->format & allowed;
+    const bool has_aux = good & (KEL_VAR | KEL_RLE);
+    const uint64_t width = kel_width_bits(vec->format, vec->elem_width);
+    // The widths of KEL_VAR come from its aux stream, so that elem_width may be 0; it is tested like any other if not.
+    const bool width_ok = (width == 0 && good & KEL_VAR) || width_valid(vec->format, vec->elem_width, api_version);
+    const bool wide = width > kel_max_offset_elem_bits;
+    char fmt[kel_fmt_text_size];
+
+    // Kept: the first text says 8 bytes, where its test is above 8.
+    int valid = kel_test(log, !wide || vec->offset == 0, ctx,
+                         "Invalid %s offset %u; must be 0 if elem_width >= 8 bytes", name, vec->offset);
+    valid &= kel_test(log, wide || vec->offset <= kel_max_offset, ctx, "Invalid %s offset %u; must be < 8", name,
+                      vec->offset);
+    valid &= kel_test(log, width_ok, ctx, "Invalid %s elem_width %u %s; must be 1-%u bits or 1-%u bytes", name,
+                      vec->elem_width, unit(good), kel_max_elem_bits(api_version), kel_max_elem_bytes);
+    valid &= kel_test(log, bad == 0, ctx, "Invalid %s format: %s", name, fmt_text(ctx, bad, fmt));
+    valid &= kel_test(log, (good & (KEL_VAR | KEL_RLE)) != (KEL_VAR | KEL_RLE), ctx,
+                      "Invalid %s format: %s; rle and var are mutually exclusive", name, fmt_text(ctx, good, fmt));
+    valid &= kel_test(log, (good & (KEL_VAR | KEL_BITS)) != (KEL_VAR | KEL_BITS), ctx,
+                      "Invalid %s format: %s; cannot set both var and bits", name, fmt_text(ctx, good, fmt));
+    valid &= kel_test(log, !has_aux || source_aux_width(vec->aux_width), ctx,
+                      "Invalid %s aux_width %u bits; must be 1, 2, 4 or 8 bits", name, vec->aux_width);
+    valid &= kel_test(log, !has_aux || vec->aux_offset <= kel_max_offset, ctx, "Invalid %s aux_offset %u; must be < 8",
+                      name, vec->aux_offset);
+    valid &= kel_test(log, has_aux || !(good & KEL_ADD_ONE), ctx,
+                      "Invalid %s format: KEL_ADD_ONE; not allowed because aux_data = NULL", name);
+    return valid;
+}
+
+int dst_valid(kel_context_t *ctx, const kel_vec_t *vec, uint64_t fmt_add, uint64_t fmt_remove, unsigned, int log)
+{
+    const uint64_t allowed = (fmt_add | KEL_BITS) & ~fmt_remove;
+    const bool var = fmt_add & ~fmt_remove & vec->format & KEL_VAR;
+    const uint64_t width = kel_width_bits(vec->format, vec->elem_width);
+    const bool width_ok = width >= 8 && width <= 8 * kel_max_elem_bytes && (width & (width - 1)) == 0;
+    const bool aux_width_ok = vec->aux_width == 8 || vec->aux_width == 16 || vec->aux_width == 32;
+    char fmt[kel_fmt_text_size];
+
+    int valid = dst_start_valid(ctx, vec, log);
+    valid &= kel_test(log, width_ok, ctx, "Invalid dst elem_width %u %s; must be 1, 2, 4, 8, or 16 bytes",
+                      vec->elem_width, unit(vec->format & allowed));
+    valid &= kel_test(log, !(vec->format & ~allowed), ctx, "Invalid dst format: %s", fmt_text(ctx, vec->format, fmt));
+    valid &= kel_test(log, !var || aux_width_ok, ctx, "Invalid dst aux_width %u bits; must be 8, 16 or 32 bits",
+                      vec->aux_width);
+    valid &= kel_test(log, var || !(vec->format & allowed & KEL_ADD_ONE), ctx,
+                      "Invalid dst format: KEL_ADD_ONE; only allowed with dst format KEL_VAR");
+    return valid;
+}
+
+int dst_ones_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *vec, unsigned, int log)
+{
+    const bool ones = flags & KEL_ONES_INDEX;
+    const uint64_t width = kel_width_bits(vec->format, vec->elem_width);
+    char fmt[kel_fmt_text_size];
+
+    int valid = dst_start_valid(ctx, vec, log);
+    valid &= kel_test(log, !ones || width == 16 || width == 32, ctx,
+                      "Invalid dst elem_width %u %s; must be 2 or 4 bytes for KEL_ONES_INDEX", vec->elem_width,
+                      unit(vec->format));
+    valid &= kel_test(log, ones || width == 1, ctx, "Invalid dst elem_width %u %s; must be 1 bit", vec->elem_width,
+                      unit(vec->format));
+    valid &= kel_test(log, vec->format <= KEL_BITS, ctx, "Invalid dst format: %s", fmt_text(ctx, vec->format, fmt));
+    return valid;
+}
+
+int flags_valid(kel_context_t *ctx, uint64_t flags, uint64_t flags_add, uint64_t flags_remove, unsigned api_version,
+                int log)
+{
+    uint64_t allowed = (flags_add | kel_base_flags) & ~flags_remove;
+    if (api_version == 2)
+        allowed |= KEL_PIPE_FLAGS;
+    const uint64_t bad = flags & ~allowed;
+    char text[kel_flags_text_size];
+    return kel_test(log, bad == 0, ctx, "Invalid flags %s", flags_str(ctx, bad, text, sizeof text));
+}
+
+int sync_flags_valid_nopost(kel_context_t *ctx, uint64_t flags, unsigned version, int do_log)
+{
+    const uint64_t bad = flags & kel_sync_flags(version);
+    char text[kel_sync_flags_text_size];
+    return kel_test(do_log, bad == 0, ctx, "Synchronization flags must not be set for non-post functions: flags = %s\n",
+                    flags_str(ctx, bad, text, sizeof text));
+}
+
+int sync_flags_valid(kel_context_t *ctx, kel_queue_t *, uint64_t flags, unsigned version, int do_log)
+{
+    return sync_flags_valid_nopost(ctx, flags, version, do_log);
+}
+
+int aux_valid_extra(kel_context_t *ctx, const kel_vec_t *src, const kel_vec_t *dst, unsigned)
+{
+    constexpr unsigned high_bits = 4;          // an element of 8 bits has this many above the longest length
+    constexpr unsigned high_bits_width = 8;    // the one width that has them
+    constexpr unsigned long longest_length = 15;
+    if (!source_aux_width(src->aux_width))
+        return 1;
+
+    const bool runs = src->format & KEL_RLE;
+    const size_t sum = runs ? aux_sum(ctx, src) : 0;
+    unsigned long index = 0;
+    const bool too_long = src->aux_width > high_bits && src->format & KEL_VAR &&
+                          compare_bits_gt(src->aux_data, src->aux_width, src->aux_offset, src->elements, 255,
+                                          longest_length, &index);
+    int valid = kel_test(1, !runs || sum <= dst->elements, ctx,
+                         "Invalid src: sum of aux_data runs (%ld) > dst elements (%ld)", static_cast<long>(sum),
+                         static_cast<long>(dst->elements));
+    valid &= kel_test(1, !runs || sum != 0, ctx, "Invalid src aux_data: total length is 0");
+    valid &= kel_test(1, !too_long, ctx,
+                      "Invalid src aux_data element at index %lu; high %u bits are non-zero. They must be 0 for "
+                      "variable-width elements with aux_width = %u bits.",
+                      index, high_bits, high_bits_width);
+    return valid;
+}

@@ -1,0 +1,358 @@
+/*
+ * libkel: vector primitives over packed columns.
+ *
+ * A client opens a context for each thread, describes its buffers with vectors (kel_vec_t), and calls an operation
+ * on them. An operation runs on the calling thread and has finished when the call returns.
+ *
+ * This header is the manual. It serves C11 and C++.
+ *
+ * Data. A vector is a stream of bits. Bit 0 of a stream is the most significant bit of its first byte, and a field
+ * of n bits has its first stream bit on top; elements of several bytes are therefore big-endian in memory, on every
+ * processor. Widths and lengths are in bits only where KEL_BITS says so, otherwise in bytes. Counts of elements are 64
+ * bits wide.
+ *
+ * Buffers. A source may start at any address. It is read in aligned 8-byte words, up to the end of the word that holds
+ * its last bit: the bytes up to there must be readable. A destination starts at a multiple of 64 bytes and at bit 0;
+ * its nominal end is its byte length rounded up to 64 bytes. The library pads what it writes with zero bytes to the next
+ * multiple of 64, and a destination needs 64 more bytes of room behind its nominal end, because overflow is noticed
+ * between elements only. The library never takes ownership of a vector or of what its pointers address.
+ *
+ * Failures. A call that fails says so by a negative kel_status_t, never by a signal and never by an exit. An argument
+ * that fails validation leaves every buffer untouched. Reasons are told in log lines at level KEL_LOG_ERROR. A new
+ * context validates its arguments (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule have
+ * undefined results. A null context is not tested for.
+ *
+ * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing.
+ */
+#ifndef KEL_H
+#define KEL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define KEL_API __attribute__((visibility("default")))
+#else
+#define KEL_API
+#endif
+
+/* Enumerations are 32 bits wide and signed in both languages. */
+#ifdef __cplusplus
+#define KEL_INT32 : int32_t
+extern "C" {
+#else
+#define KEL_INT32
+#endif
+
+/* ---- Statuses ---------------------------------------------------------------------------------------------------- */
+
+typedef enum kel_status KEL_INT32 {
+    KEL_SUCCESS = 0,     /* the request was carried out */
+    KEL_EINTERNAL = -1,  /* the library failed inside, for example at creating its thread-specific key */
+    KEL_EINVAL = -2,     /* an argument failed validation */
+    KEL_EPARSE = -3,     /* a comparison that has no kernel */
+    KEL_EDATAFMT = -4,   /* unusable source data: a zero run or width, a bad codeword */
+    KEL_EOVERFLOW = -5,  /* the output did not fit in the destination */
+    KEL_ENOMEM = -6,     /* an allocation failed */
+    KEL_EADI = -7,       /* not produced */
+    KEL_ETHREAD = -8,    /* a context was used from a thread that does not own it */
+    KEL_EBUSY = -9,      /* not produced */
+    KEL_ENOACCESS = -10, /* not produced */
+    KEL_EBADVER = -11,   /* the interface version is refused */
+    KEL_ENODEV = -12,    /* not produced */
+    KEL_ECANCEL = -13,   /* not produced */
+    KEL_EQEMPTY = -14,   /* the queue holds no request */
+    KEL_EQFULL = -15,    /* the queue has no free slot, or requests are outstanding */
+    KEL_ESERIAL = -16,   /* not produced */
+    KEL_ENOMATCH = -17,  /* no outstanding request has this user datum */
+    KEL_EZIP = -18,      /* a buffer could not be compressed */
+    KEL_EPIPE = -19,     /* not produced */
+    KEL_EDATASIZE = -20, /* an element is too wide for its destination element */
+    KEL_ENOTIMPL = -21   /* the operation has no implementation for these arguments */
+} kel_status_t;
+
+/* ---- Request flags ------------------------------------------------------------------------------------------------
+ *
+ * The second argument of every operation, a 64-bit set. Each operation names the flags that it accepts; another bit
+ * is refused with KEL_EINVAL. The synchronisation bits (KEL_SYNC_FLAGS_V1, KEL_SYNC_FLAGS_V2) belong to posted requests
+ * and are refused by the synchronous calls. */
+
+#define KEL_ONES_INDEX UINT64_C(1)    /* the destination receives the indexes of the matches, not a bit vector */
+#define KEL_CACHE UINT64_C(2)         /* accepted, without effect */
+#define KEL_PAD UINT64_C(4)           /* a narrow element stands at the high end of its destination element */
+#define KEL_INVERT UINT64_C(8)        /* inverts the result */
+#define KEL_INVERT_SRC UINT64_C(16)   /* complements the second source of a logical operation */
+#define KEL_NOWAIT UINT64_C(32)       /* accepted, without effect */
+#define KEL_COND UINT64_C(64)         /* the request depends on its serial predecessor */
+#define KEL_SERIAL UINT64_C(128)      /* the next request depends on this one */
+#define KEL_PIPE_SRC UINT64_C(256)    /* the output feeds the next request's source data; version 2 */
+#define KEL_PIPE_AUX UINT64_C(512)    /* the output feeds the next request's source aux_data; version 2 */
+#define KEL_PIPE_MASK UINT64_C(1280)  /* the output feeds the next request's mask or bitmap; version 2 */
+#define KEL_PIPE_FLAGS UINT64_C(1792) /* legal values of this group: 0, KEL_PIPE_SRC, KEL_PIPE_AUX, KEL_PIPE_MASK */
+
+#define KEL_SYNC_FLAGS_V1 (KEL_COND | KEL_SERIAL)
+#define KEL_SYNC_FLAGS_V2 (KEL_SYNC_FLAGS_V1 | KEL_PIPE_FLAGS)
+
+/* ---- Vectors -----------------------------------------------------------------------------------------------------
+ *
+ * Format bits. At most one of KEL_VAR and KEL_RLE; no KEL_BITS with KEL_VAR; KEL_ADD_ONE only with KEL_VAR or KEL_RLE.
+ * A destination is KEL_BYTES or KEL_BITS. */
+
+#define KEL_BYTES UINT64_C(0)    /* elements of fixed width; elem_width counts bytes */
+#define KEL_BITS UINT64_C(1)     /* elements of fixed width; elem_width counts bits */
+#define KEL_VAR UINT64_C(2)      /* elements of variable width: aux_data holds their lengths in bytes */
+#define KEL_RLE UINT64_C(4)      /* run-length: aux_data holds a repeat count for each stored element */
+#define KEL_ZIP UINT64_C(8)      /* data holds codewords, which codec expands to the element stream */
+#define KEL_ADD_ONE UINT64_C(16) /* an aux element is one less than the length or count that it stands for */
+
+typedef struct kel_zip kel_zip_t; /* a dictionary codec */
+
+/* Describes one buffer of elements. All fields are filled in by the caller. */
+typedef struct kel_vec {
+    uint64_t format;     /* format bits */
+    uint64_t elements;   /* number of elements; with KEL_RLE the number of stored elements, runs not expanded */
+    void *data;          /* the first byte of the stream */
+    uint32_t elem_width; /* width of an element, in bits with KEL_BITS, else in bytes; not read with KEL_VAR.
+                            Source: 1 to 16 bytes; in bits 1 to 16 (version 1) or 1 to 24 (version 2), or a whole
+                            number of bytes. */
+    uint8_t offset;      /* bits to skip at the start of data, 0 to 7; 0 if an element is wider than 8 bytes */
+    uint8_t aux_offset;  /* bits to skip at the start of aux_data, 0 to 7 */
+    uint16_t aux_width;  /* width of an aux element in bits: 1, 2, 4 or 8 */
+    void *aux_data;      /* the lengths of KEL_VAR or the counts of KEL_RLE, a stream like data */
+    kel_zip_t *codec;    /* the codec of KEL_ZIP; owned by the caller */
+    uint64_t codewords;  /* number of codewords in data with KEL_ZIP */
+} kel_vec_t;
+
+/* A comparison value of up to 24 bytes, right-aligned. kel_int_create fills one from bytes; a caller may as well fill
+ * it by assignment. The width takes part in every comparison (see kel_scan_value), so it is part of the value. */
+typedef struct kel_int {
+    uint32_t format;     /* KEL_BYTES or KEL_BITS */
+    uint32_t elem_width; /* width of the value, in bits with KEL_BITS, else in bytes; the limits of a source element */
+    uint64_t dword[3];   /* the value, most significant word first: up to 8 bytes stand in dword[2], up to 16 in
+                            dword[1] and dword[2]. Words above the width are to be zero. */
+} kel_int_t;
+
+/* ---- Comparison operators ---------------------------------------------------------------------------------------- */
+
+typedef enum kel_compare KEL_INT32 {
+    /* with one value, for kel_scan_value */
+    KEL_EQ = 0,
+    KEL_GE = 1,
+    KEL_NE = 2,
+    KEL_LT = 3,
+    KEL_LE = 5,
+    KEL_GT = 7,
+    /* with two values, for kel_scan_range: (element OP lower) AND or OR (element OP upper) */
+    KEL_EQ_OR_EQ = 16,
+    KEL_GE_AND_LE = 17,
+    KEL_NE_AND_NE = 18,
+    KEL_LT_OR_GT = 19,
+    KEL_GE_AND_LT = 21,
+    KEL_LT_OR_GE = 23,
+    KEL_GT_AND_LE = 25,
+    KEL_LE_OR_GT = 27,
+    KEL_GT_AND_LT = 29,
+    KEL_LE_OR_GE = 31
+} kel_compare_t;
+
+/* ---- Results ------------------------------------------------------------------------------------------------------ */
+
+/* The outcome of a synchronous operation. */
+typedef struct kel_result {
+    kel_status_t status;
+    uint32_t reserved; /* 0 */
+    uint64_t count;    /* the operation's count; after a failure the count as far as the operation came, or 0 */
+} kel_result_t;
+
+/* The outcome of a posted request. */
+typedef struct kel_poll {
+    kel_status_t status;
+    uint32_t reserved; /* 0 */
+    uint64_t count;    /* as in kel_result_t */
+    void *udata;       /* the datum that the request was posted with */
+} kel_poll_t;
+
+typedef struct kel_context kel_context_t; /* an open context; owned by the library */
+typedef struct kel_queue kel_queue_t;     /* a queue of requests; owned by the library */
+
+/* ---- Logging and debugging ----------------------------------------------------------------------------------------
+ *
+ * A log line has one level, which is one bit of a set of log options. */
+
+#define KEL_LOG_ERROR 1u   /* failed validation and other failures */
+#define KEL_LOG_ENTRY 2u   /* the arguments of a call */
+#define KEL_LOG_RETURN 4u  /* the outcome of a call */
+#define KEL_LOG_VERBOSE 8u /* steps within an operation */
+#define KEL_LOG_WARN 16u   /* no message uses this level */
+#define KEL_LOG_PERF 32u   /* facts about cost */
+#define KEL_LOG_ALL 64u    /* in a call that sets options: all of the above */
+
+#define KEL_DEBUG_ARG 1u   /* validate arguments; the default of a new context */
+#define KEL_DEBUG_EXTRA 2u /* validate what depends on the data, too; costs a pass over it */
+#define KEL_DEBUG_SYNC 4u  /* no effect on a request */
+#define KEL_DEBUG_PERF 8u  /* fire the trace probes */
+#define KEL_DEBUG_ALL 16u  /* in a call that sets options: all of the above */
+
+/* Receives the log lines of a context, on the thread that makes the call. prefix and message live as long as the
+ * callback runs; their concatenation is the line that the other channels show. level is one log option bit. */
+typedef void (*kel_log_func_t)(kel_context_t *ctx, void *cb_data, uint32_t level, const char *prefix,
+                               const char *message);
+
+/* ---- Description of one request, as trace probes present it -------------------------------------------------------- */
+
+typedef enum kel_cmd KEL_INT32 {
+    KEL_CMD_SCAN_VALUE = 0,
+    KEL_CMD_SCAN_RANGE = 1,
+    KEL_CMD_TRANSLATE = 2,
+    KEL_CMD_SELECT = 3,
+    KEL_CMD_EXTRACT = 4,
+    KEL_CMD_COPY = 5,
+    KEL_CMD_FILL = 6,
+    KEL_CMD_AND = 7,
+    KEL_CMD_OR = 8,
+    KEL_CMD_XOR = 9
+} kel_cmd_t;
+
+typedef struct kel_request {
+    uint8_t major;      /* interface version of the context */
+    uint8_t minor;      /* 0 */
+    kel_cmd_t cmd;      /* the operation; selects the member of arg */
+    kel_context_t *ctx; /* the context */
+    kel_queue_t *queue; /* the queue, or null */
+    uint64_t flags;     /* request flags */
+    kel_vec_t src;      /* copies of the vectors that the operation has */
+    kel_vec_t src2;
+    kel_vec_t dst;
+    void *udata; /* the user datum of a posted request */
+    union {
+        struct {
+            kel_compare_t op;
+            kel_int_t val;
+        } scan_value;
+        struct {
+            kel_compare_t op;
+            kel_int_t lower;
+            kel_int_t upper;
+        } scan_range;
+        struct {
+            kel_vec_t mask;
+        } select;
+        struct {
+            kel_vec_t bitmap;
+            size_t val_width;
+        } translate;
+        struct {
+            void *src;
+            void *dst;
+            uint64_t count;
+        } copy;
+        struct {
+            uint64_t val;
+            void *dst;
+            uint64_t count;
+            size_t val_width;
+        } fill;
+    } arg;
+} kel_request_t;
+
+/* ---- Contexts ----------------------------------------------------------------------------------------------------- */
+
+/* Allocates size bytes, at any alignment; null if it cannot. */
+typedef void *(*kel_alloc_t)(uint64_t size, void *cb_data);
+
+/* Releases a block of kel_alloc_t; size is the size that was asked for it. */
+typedef void (*kel_free_t)(void *block, uint64_t size, void *cb_data);
+
+/* An allocator, for kel_thread_init with KEL_ALLOC. The library copies the record. The callbacks run on the thread that
+ * makes the call and must not fail with anything but null. Contexts that are open on one thread at the same time share
+ * a record and must agree on their allocator. */
+typedef struct kel_init_options {
+    kel_alloc_t alloc_func;
+    kel_free_t free_func;
+    void *cb_data; /* handed back to both */
+} kel_init_options_t;
+
+/* Option bit of kel_thread_init: take memory from the callbacks of init_options. Bit 2 is accepted, without effect. */
+#define KEL_ALLOC 1u
+
+/*
+ * Opens a context on the calling thread and stores it in *ctx. The interface version is major 1 or 2, minor 1. Version 2
+ * accepts bit-packed source elements of up to 24 bits (version 1: 16), and pipe flags. A thread may hold several
+ * contexts, of both versions.
+ *
+ * init_options is read only with KEL_ALLOC, and then must not be null. The context record itself and the library's copy
+ * of init_options come from the system's allocator all the same.
+ *
+ * KEL_SUCCESS; KEL_EINVAL: an unknown option bit, or a null callback; KEL_EBADVER: a version that does not exist;
+ * KEL_ENOMEM; KEL_EINTERNAL: the thread-specific key could not be made or set; 12, a positive number, if the first block
+ * that the thread's record needs cannot be had. The reason is written to standard error and to the system log.
+ * After KEL_EINVAL and KEL_EBADVER *ctx is untouched, after a failure to attach to the thread it is null.
+ */
+KEL_API kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options,
+                                     const kel_init_options_t *init_options, kel_context_t **ctx);
+
+/*
+ * Closes a context: releases all that it holds. The caller's vectors and buffers are not touched.
+ *
+ * KEL_SUCCESS; KEL_ETHREAD: the calling thread does not own the context, which stays open.
+ */
+KEL_API kel_status_t kel_thread_fini(kel_context_t *ctx);
+
+/*
+ * Stores the major number that the context was opened with in *value.
+ *
+ * KEL_SUCCESS; KEL_ETHREAD: the calling thread does not own the context; *value is untouched.
+ */
+KEL_API kel_status_t kel_version(kel_context_t *ctx, uint32_t *value);
+
+/* ---- Operations ---------------------------------------------------------------------------------------------------
+ *
+ * Of every operation: KEL_EINVAL if an argument failed validation, KEL_ETHREAD if validation found that the calling
+ * thread does not own the context; in both cases nothing was written and count is 0. */
+
+/* Does nothing. Accepts no flags. {KEL_SUCCESS, 0, 0}. */
+KEL_API kel_result_t kel_nop(kel_context_t *ctx, uint64_t flags);
+
+/*
+ * Builds a comparison value of len bytes from the big-endian byte string at buf. Sets format, elem_width and dword[2],
+ * and dword[1] if len is above 8. The other words are left alone, so a caller's record starts zeroed.
+ *
+ * KEL_SUCCESS; KEL_EINVAL: len is not 1 to 16; KEL_ETHREAD. After a failure *val is untouched.
+ */
+KEL_API kel_status_t kel_int_create(kel_context_t *ctx, const void *buf, size_t len, kel_int_t *val);
+
+/*
+ * Compares every element of src with val and writes the outcome to dst: one bit for each element, 1 for a match, or
+ * with KEL_ONES_INDEX the ascending list of the indexes of the matches, counted from 0. With KEL_RLE an element counts
+ * as often as its run says. count is the number of matches.
+ *
+ * src: any format. dst: without KEL_ONES_INDEX elem_width 1 with KEL_BITS; with it 2 or 4 bytes, and a match index that
+ * does not fit in an entry spoils the entries before it. offset 0, data a multiple of 64, dst->elements at least
+ * src->elements; for KEL_RLE the caller makes room for the expanded runs, of which KEL_DEBUG_EXTRA tests the sum.
+ * Source and destination must not overlap (tested by KEL_DEBUG_EXTRA).
+ * flags: KEL_ONES_INDEX, KEL_CACHE, KEL_NOWAIT. op: one of the operators with one value.
+ *
+ * Elements and values are compared as left-aligned byte strings: both are rounded up to whole bytes, the longer one is
+ * cut to the length of the shorter, they are compared as unsigned numbers, and of two that are equal so far the shorter
+ * is the lesser. So values are best given in the width of the elements.
+ *
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run or a width of 0; KEL_EOVERFLOW: the destination is full;
+ * KEL_EPARSE: an operator without kernel (validation off); KEL_ENOTIMPL: a KEL_ZIP source. After KEL_EDATAFMT and
+ * KEL_EOVERFLOW dst holds the outcome of the elements before the failing one, padded, and count their matches.
+ */
+KEL_API kel_result_t kel_scan_value(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                    kel_compare_t op, const kel_int_t *val);
+
+/*
+ * As kel_scan_value, with two values: an element is compared with lower by the first operator of op, with upper by the
+ * second, and matches if both hold (AND) or one does (OR). lower need not be below upper, and the two may differ in
+ * width.
+ */
+KEL_API kel_result_t kel_scan_range(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                    kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,122 @@
+// Comparisons: the definition of a match, and its reduction to intervals.
+//
+// An element and a value are left-aligned byte strings. With both rounded up to whole bytes, the longer is cut to the
+// length of the shorter, the two are compared as unsigned numbers, and a tie goes to the widths: the shorter is the
+// lesser. So a comparison has one of three outcomes, and an operator is the set of those that it accepts.
+//
+// For elements of one width the outcomes are three consecutive intervals of the elements' own domain: below, equal,
+// above. Every operator, with one value or two, is then membership in at most two intervals, perhaps negated, and
+// x in [first, first + span] is one subtraction and one unsigned comparison.
+#pragma once
+
+#include "kel_emulate_subr.h"
+#include <algorithm>
+
+enum outcome_t : unsigned { outcome_less = 1, outcome_equal = 2, outcome_greater = 4 };
+
+constexpr unsigned accept_eq = outcome_equal;
+constexpr unsigned accept_ne = outcome_less | outcome_greater;
+constexpr unsigned accept_lt = outcome_less;
+constexpr unsigned accept_le = outcome_less | outcome_equal;
+constexpr unsigned accept_gt = outcome_greater;
+constexpr unsigned accept_ge = outcome_greater | outcome_equal;
+
+// An operator: what it accepts of the comparison with each value, and how two are joined. {} is none.
+struct operator_t {
+    unsigned accept[2];
+    bool both;
+};
+
+inline bool accepts(unsigned accept, int order)
+{
+    return accept >> (order + 1) & 1;
+}
+
+// ---- Reduction -------------------------------------------------------------------------------------------------------
+
+__extension__ typedef unsigned __int128 uint128_t;
+
+// What is matched of elements of one width: membership in one or two closed intervals.
+struct predicate_t {
+    uint64_t first[2];
+    uint64_t span[2];
+    unsigned intervals;
+    bool negated;
+};
+
+// Elements from begin up to, not including, end. Ends go up to 2 to the 64th.
+struct interval_t {
+    uint128_t begin;
+    uint128_t end;
+
+    bool empty() const
+    {
+        return begin >= end;
+    }
+};
+
+// The borders between the outcomes of elements of element_bits (1 to 64) against a value of value_bits (at least 1).
+struct outcomes_t {
+    uint128_t equal;   // the first element that is not below
+    uint128_t greater; // the first element that is above
+    uint128_t end;     // the end of the domain
+};
+
+inline outcomes_t outcomes(uint64_t element_bits, uint128_t value, uint64_t value_bits)
+{
+    const uint64_t rounded = kel_round_bits(element_bits);
+    const uint64_t value_rounded = kel_round_bits(value_bits);
+    const uint64_t cut = rounded > value_rounded ? rounded - value_rounded : 0; // bits cut off every element
+    if (value_rounded > rounded)
+        value >>= value_rounded - rounded;
+
+    const uint128_t end = uint128_t{1} << element_bits;
+    const uint128_t highest = (end - 1) >> cut; // of what is left of an element
+    const uint128_t at_value = value > highest ? end : value << cut;
+    const uint128_t above_value = value >= highest ? end : (value + 1) << cut;
+    return {rounded >= value_rounded ? at_value : above_value, rounded > value_rounded ? at_value : above_value, end};
+}
+
+// The elements that an operator accepts, but for NE, for which it is those that it does not accept.
+inline interval_t accepted(unsigned accept, const outcomes_t &at)
+{
+    if (accept == accept_ne || accept == accept_eq)
+        return {at.equal, at.greater};
+    const bool low = accept & outcome_less;
+    const uint128_t border = accept == accept_lt || accept == accept_ge ? at.equal : at.greater;
+    return low ? interval_t{0, border} : interval_t{border, at.end};
+}
+
+// Fills in a predicate from its intervals: empty ones are left out, and no interval at all is the negation of all.
+inline predicate_t make_predicate(std::initializer_list<interval_t> intervals, bool negated, uint128_t domain)
+{
+    predicate_t predicate = {{}, {}, 0, negated};
+    const auto add = [&](const interval_t &interval) {
+        predicate.first[predicate.intervals] = static_cast<uint64_t>(interval.begin);
+        predicate.span[predicate.intervals++] = static_cast<uint64_t>(interval.end - interval.begin - 1);
+    };
+    for (const interval_t &interval : intervals)
+        if (!interval.empty())
+            add(interval);
+    if (predicate.intervals == 0) {
+        add({0, domain});
+        predicate.negated = !negated;
+    }
+    return predicate;
+}
+
+inline predicate_t reduce(const operator_t &op, const outcomes_t &at)
+{
+    return make_predicate({accepted(op.accept[0], at)}, op.accept[0] == accept_ne, at.end);
+}
+
+inline predicate_t reduce(const operator_t &op, const outcomes_t &lower, const outcomes_t &upper)
+{
+    const interval_t a = accepted(op.accept[0], lower);
+    const interval_t b = accepted(op.accept[1], upper);
+    if (op.accept[0] == accept_eq || op.accept[0] == accept_ne)
+        return make_predicate({a, b}, op.accept[0] == accept_ne, lower.end);
+    if (op.both)
+        return make_predicate({{std::max(a.begin, b.begin), std::min(a.end, b.end)}}, false, lower.end);
+    return make_predicate({{a.end, b.begin}}, true, lower.end); // below a or above b: not between
+}
