@@ -11,8 +11,16 @@
 // The element types of the kernels, in the order of their classes: a class is twice the type's number, and odd for the
 // forms that walk a pointer over aligned elements of equal widths. Dispatch takes uint8 for widths of zero alone and
 // never an odd class or one of uint16 and uint32; those lead to the general kernels all the same.
-enum kel_type_t : unsigned { kel_type_uintptr, kel_type_uint8, kel_type_uint16, kel_type_uint32, kel_type_uint64,
-                             kel_type_uint128, kel_type_uint256, kel_types };
+enum kel_type_t : unsigned {
+    kel_type_uintptr,
+    kel_type_uint8,
+    kel_type_uint16,
+    kel_type_uint32,
+    kel_type_uint64,
+    kel_type_uint128,
+    kel_type_uint256,
+    kel_types
+};
 
 // The formats of the kernels.
 enum kel_fmt_t : unsigned { kel_fmt_fixed, kel_fmt_rle, kel_fmt_mixed, kel_fmts };
@@ -97,7 +105,8 @@ inline void kel_put_pad_aligned(kel_output_t *out, uint64_t flags, Word v, ulong
     }
 }
 
-inline void put_pad_uint8(kel_output_t *out, uint64_t flags, uint8_t v, ulong_t src_bits, ulong_t dst_bits, ulong_t count)
+inline void put_pad_uint8(kel_output_t *out, uint64_t flags, uint8_t v, ulong_t src_bits, ulong_t dst_bits,
+                          ulong_t count)
 {
     kel_put_pad_aligned(out, flags, v, src_bits, dst_bits, count);
 }

@@ -107,7 +107,8 @@ kel_status_t check_init_arguments(uint32_t major, uint32_t minor, uint32_t optio
     if (options & ~init_option_bits)
         return init_failed(KEL_EINVAL, "kel_thread_init: bad options 0x%x", options & ~init_option_bits);
     if (options & KEL_ALLOC && (!init_options->alloc_func || !init_options->free_func))
-        return init_failed(KEL_EINVAL, "kel_thread_init: KEL_ALLOC is specified and one of alloc_func or free_func is NULL");
+        return init_failed(KEL_EINVAL,
+                           "kel_thread_init: KEL_ALLOC is specified and one of alloc_func or free_func is NULL");
     if (major != 1 && major != 2)
         return init_failed(KEL_EBADVER, "kel_thread_init: bad major version %u", major);
     if (minor != minor_version)

@@ -49,17 +49,6 @@ unsigned popcnt_supported(void)
     return ecx >> 23 & 1;
 }
 
-namespace
-{
-
-__attribute__((target("popcnt"))) uint64_t popc_words_instruction(const uint64_t *words, size_t n)
-{
-    uint64_t count = 0;
-    for (size_t i = 0; i < n; i++)
-        count += popc_instruction(words[i]);
-    return count;
-}
-
 // Sums of ever wider neighbours, all in one word.
 uint64_t popc_words_parallel(const uint64_t *words, size_t n)
 {
@@ -74,7 +63,13 @@ uint64_t popc_words_parallel(const uint64_t *words, size_t n)
     return count;
 }
 
-} // namespace
+__attribute__((target("popcnt"))) static uint64_t popc_words_instruction(const uint64_t *words, size_t n)
+{
+    uint64_t count = 0;
+    for (size_t i = 0; i < n; i++)
+        count += popc_instruction(words[i]);
+    return count;
+}
 
 uint64_t popc_words(const uint64_t *words, size_t n)
 {

@@ -418,5 +418,6 @@ inline uint64_t popc(uint64_t v, int have_popcnt)
 // processors that have the instruction this bit is clear, so no request asks here; see popc_words.
 unsigned popcnt_supported(void);
 
-// Set bits of n words, for the data path.
+// Set bits of n words, for the data path: by the instruction where the processor has it, else by word arithmetic.
 uint64_t popc_words(const uint64_t *words, size_t n);
+uint64_t popc_words_parallel(const uint64_t *words, size_t n);

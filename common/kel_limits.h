@@ -3,7 +3,7 @@
 
 #include "kel.h"
 
-inline constexpr unsigned kel_max_elem_bytes = 16;  // widest element
+inline constexpr unsigned kel_max_elem_bytes = 16;   // widest element
 inline constexpr unsigned kel_max_elem_bits_v1 = 16; // widest element that is not a whole number of bytes
 inline constexpr unsigned kel_max_elem_bits_v2 = 24;
 inline constexpr unsigned kel_max_offset_elem_bits = 64; // widest element whose vector may have an offset

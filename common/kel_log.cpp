@@ -81,16 +81,16 @@ void kel_log_msg(kel_context_t *ctx, uint32_t level, const char *format, ...)
 
     va_list args;
     va_start(args, format);
-    va_list again;
-    va_copy(again, args);
-    const int measured = vsnprintf(nullptr, 0, format, args);
-    va_end(args);
+    va_list measured_args;
+    va_copy(measured_args, args);
+    const int measured = vsnprintf(nullptr, 0, format, measured_args);
+    va_end(measured_args);
     const size_t message_length = measured > 0 ? static_cast<size_t>(measured) : 0;
 
     line_t line = {static_cast<char *>(alloca(prefix_length + message_length + 2)), prefix_length + message_length};
     memcpy(line.text, prefix, prefix_length + 1);
-    vsnprintf(line.text + prefix_length, message_length + 1, format, again);
-    va_end(again);
+    vsnprintf(line.text + prefix_length, message_length + 1, format, args);
+    va_end(args);
 
     if (ctx) {
         write_channels(ctx, level, line, prefix, line.text + prefix_length);

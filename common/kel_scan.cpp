@@ -7,8 +7,8 @@
 static int kel_int_create_valid(kel_context_t *ctx, size_t len)
 {
     return kel_validate([=](int do_log) {
-        int valid = kel_test(do_log, len >= 1 && len <= kel_max_int_bytes, ctx, "Invalid len %ld",
-                             static_cast<long>(len));
+        int valid =
+            kel_test(do_log, len >= 1 && len <= kel_max_int_bytes, ctx, "Invalid len %ld", static_cast<long>(len));
         valid &= thread_valid(ctx, do_log);
         return valid;
     });
@@ -60,12 +60,11 @@ static bool val_valid(const kel_int_t *val)
 // ---- Validation ------------------------------------------------------------------------------------------------------
 
 // Sets of operators, a bit for each.
-static constexpr uint32_t value_ops = 1u << KEL_EQ | 1u << KEL_GE | 1u << KEL_NE | 1u << KEL_LT | 1u << KEL_LE |
-                                      1u << KEL_GT;
-static constexpr uint32_t range_ops = 1u << KEL_EQ_OR_EQ | 1u << KEL_GE_AND_LE | 1u << KEL_NE_AND_NE |
-                                      1u << KEL_LT_OR_GT | 1u << KEL_GE_AND_LT | 1u << KEL_LT_OR_GE |
-                                      1u << KEL_GT_AND_LE | 1u << KEL_LE_OR_GT | 1u << KEL_GT_AND_LT |
-                                      1u << KEL_LE_OR_GE;
+static constexpr uint32_t value_ops =
+    1u << KEL_EQ | 1u << KEL_GE | 1u << KEL_NE | 1u << KEL_LT | 1u << KEL_LE | 1u << KEL_GT;
+static constexpr uint32_t range_ops =
+    1u << KEL_EQ_OR_EQ | 1u << KEL_GE_AND_LE | 1u << KEL_NE_AND_NE | 1u << KEL_LT_OR_GT | 1u << KEL_GE_AND_LT |
+    1u << KEL_LT_OR_GE | 1u << KEL_GT_AND_LE | 1u << KEL_LE_OR_GT | 1u << KEL_GT_AND_LT | 1u << KEL_LE_OR_GE;
 
 static int val_shape_valid(kel_context_t *ctx, const kel_int_t *val, const char *name, unsigned version, int log)
 {

@@ -16,13 +16,14 @@ struct word_t {
 
 // Indexed by the negated status; the statuses from KEL_EPIPE on have no word.
 constexpr const char *status_words[] = {
-    "SUCCESS",   "EINTERNAL", "EINVAL", "EPARSE", "EDATAFMT", "EOVERFLOW", "ENOMEM",  "EADI",     "ETHREAD", "EBUSY",
-    "ENOACCESS", "EBADVER",   "ENODEV", "ECANCEL", "EQEMPTY", "EQFULL",    "ESERIAL", "ENOMATCH", "EZIP",
+    "SUCCESS",   "EINTERNAL", "EINVAL", "EPARSE",  "EDATAFMT", "EOVERFLOW", "ENOMEM",  "EADI",     "ETHREAD", "EBUSY",
+    "ENOACCESS", "EBADVER",   "ENODEV", "ECANCEL", "EQEMPTY",  "EQFULL",    "ESERIAL", "ENOMATCH", "EZIP",
 };
 
 // Words of statuses that no call returns; the first is that of -30.
 constexpr int first_far_status = 30;
-constexpr const char *far_status_words[] = {"EAGAIN", "ENOMAP", "EUNAVAILABLE", "ETIMEOUT", "EPARTIAL", "EPAGEOVERFLOW"};
+constexpr const char *far_status_words[] = {"EAGAIN",   "ENOMAP",   "EUNAVAILABLE",
+                                            "ETIMEOUT", "EPARTIAL", "EPAGEOVERFLOW"};
 
 constexpr word_t level_words[] = {
     {KEL_LOG_ERROR, "ERROR"},     {KEL_LOG_ENTRY, "ENTRY"},  {KEL_LOG_RETURN, "RETURN"},
@@ -50,8 +51,8 @@ constexpr word_t op_words[] = {
 
 // In the order of the bits, but for "nowait", which stands behind the synchronisation words.
 constexpr word_t flag_words[] = {
-    {KEL_ONES_INDEX, "ones"}, {KEL_CACHE, "cache"}, {KEL_PAD, "pad"},       {KEL_INVERT, "invert"},
-    {KEL_INVERT_SRC, "invert_src"}, {KEL_COND, "cond"}, {KEL_SERIAL, "serial"}, {KEL_NOWAIT, "nowait"},
+    {KEL_ONES_INDEX, "ones"},       {KEL_CACHE, "cache"}, {KEL_PAD, "pad"},       {KEL_INVERT, "invert"},
+    {KEL_INVERT_SRC, "invert_src"}, {KEL_COND, "cond"},   {KEL_SERIAL, "serial"}, {KEL_NOWAIT, "nowait"},
 };
 
 // The group of KEL_PIPE_MASK contains KEL_PIPE_SRC, so that either prints both words. Kept: clients read these lines.
@@ -84,9 +85,7 @@ const char *find_word(const word_t (&words)[n], uint64_t value)
 class word_list
 {
   public:
-    word_list(char *to, int to_size) : buffer(to), size(to_size)
-    {
-    }
+    word_list(char *to, int to_size) : buffer(to), size(to_size) {}
 
     template <size_t n>
     void add_set(const word_t (&words)[n], uint64_t set)

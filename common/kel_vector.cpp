@@ -91,10 +91,12 @@ constexpr uint64_t even_fields = ~uint64_t{0} / ((uint64_t{1} << width) + 1);
 template <unsigned width>
 uint64_t sum_fields(uint64_t word)
 {
-    if constexpr (width == 64)
+    if constexpr (width == 64) {
         return word;
-    else
-        return sum_fields<2 * width>((word & even_fields<width>) + (word >> width & even_fields<width>));
+    } else {
+        constexpr uint64_t even = even_fields<width>;
+        return sum_fields<2 * width>((word & even) + (word >> width & even));
+    }
 }
 
 // Kept: of a stream that starts at a word of memory, whole words are taken as they stand in a register, so that fields of
@@ -168,13 +170,15 @@ size_t aux_sum(kel_context_t *ctx, const kel_vec_t *vec)
 int compare_bits_eq(const void *data, unsigned width, unsigned offset, size_t count, unsigned long mask,
                     unsigned long value, unsigned long *index)
 {
-    return search(data, width, offset, count, [=](uint64_t field) { return (field & mask) == value; }, index);
+    const auto equal = [=](uint64_t field) { return (field & mask) == value; };
+    return search(data, width, offset, count, equal, index);
 }
 
 int compare_bits_gt(const void *data, unsigned width, unsigned offset, size_t count, unsigned long mask,
                     unsigned long value, unsigned long *index)
 {
-    return search(data, width, offset, count, [=](uint64_t field) { return (field & mask) > value; }, index);
+    const auto greater = [=](uint64_t field) { return (field & mask) > value; };
+    return search(data, width, offset, count, greater, index);
 }
 
 unsigned long bit_popc(const void *data, unsigned long offset, unsigned long bits)

@@ -29,8 +29,8 @@ class block_source
 {
   public:
     block_source(const kel_vec_t *src, const predicate_t &tested)
-        : predicate(tested),
-          fields{static_cast<const uint8_t *>(src->data), static_cast<unsigned>(kel_width_bits(src)), src->offset},
+        : predicate(tested), fields{static_cast<const uint8_t *>(src->data), static_cast<unsigned>(kel_width_bits(src)),
+                                    src->offset},
           end(fields.data + kel_data_bytes(src)), left(src->elements), whole(src->elements / block_elements),
           make(choose_mask_blocks(fields, tested))
     {

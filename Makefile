@@ -1,0 +1,49 @@
+# Thin faces of the CMake build. Each installs the build tools that it needs, or says exactly which are missing.
+
+BUILD := build/release
+JOBS := $(shell nproc)
+CONFIGURE = cmake --preset release $(CMAKE_FLAGS)
+COMPILE = cmake --build $(BUILD) -j $(JOBS) --target
+
+.PHONY: all demo test bench sanitize install clean tools test-tools bench-tools
+
+all: tools
+	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=OFF
+	$(COMPILE) all
+
+# A column query on 120,000 real flights, checked against plain loops. Other data: make demo FLIGHTS=file.csv
+demo: tools
+	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=OFF
+	$(COMPILE) flights
+	$(BUILD)/examples/flights $(FLIGHTS)
+
+test: test-tools
+	$(CONFIGURE) -DKEL_BUILD_TESTS=ON -DKEL_BUILD_BENCH=OFF
+	$(COMPILE) all
+	ctest --preset release -j $(JOBS)
+
+# The same tests under the address and undefined-behaviour sanitizers.
+sanitize: test-tools
+	cmake --preset sanitize $(CMAKE_FLAGS)
+	cmake --build build/sanitize -j $(JOBS)
+	ctest --preset sanitize -j $(JOBS)
+
+# Options go to the benchmark program: make bench BENCH=--benchmark_filter=nop
+bench: bench-tools
+	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=ON
+	$(COMPILE) kel_bench
+	$(BUILD)/bench/kel_bench $(BENCH)
+
+# To another place: make install PREFIX=/opt/kel (DESTDIR is heeded)
+install: all
+	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))
+
+clean:
+	rm -rf build
+
+tools:
+	@tools/need.sh
+test-tools:
+	@tools/need.sh gtest
+bench-tools:
+	@tools/need.sh benchmark
