@@ -23,12 +23,6 @@ extern "C" void emulate_error(void)
     emulate_error_calls++;
 }
 
-// What the library keeps on purpose: the texts of unknown values, and its copy of a client's allocator.
-extern "C" const char *__lsan_default_suppressions()
-{
-    return "leak:badval\nleak:allocate_context\n";
-}
-
 static void capture(kel_context_t *, void *cb_data, uint32_t level, const char *prefix, const char *message)
 {
     static_cast<test_context *>(cb_data)->lines.push_back({level, prefix, message});

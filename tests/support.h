@@ -67,9 +67,7 @@ class guarded_buffer
 class random_source
 {
   public:
-    explicit random_source(uint64_t seed) : engine(seed)
-    {
-    }
+    explicit random_source(uint64_t seed) : engine(seed) {}
 
     uint64_t word()
     {
