@@ -5,12 +5,21 @@
 #include "kel_frame.h"
 #include "kel_platform.h"
 
-#define WRONG_THREAD                                                                                                   \
-    "Wrong thread %d using context; owner is %d", static_cast<int>(pthread_self()), static_cast<int>(ctx->thread->tid)
+void log_wrong_thread(kel_context_t *ctx)
+{
+    kel_log_line(ctx, KEL_LOG_ERROR, "Wrong thread %d using context; owner is %d", static_cast<int>(pthread_self()),
+                 static_cast<int>(ctx->thread->tid));
+}
 
 int thread_valid(kel_context_t *ctx, int do_log)
 {
-    return kel_test(do_log, kel_owner(ctx), ctx, WRONG_THREAD);
+    if (kel_owner(ctx))
+        return 1;
+    if (do_log) {
+        log_wrong_thread(ctx);
+        kel_debug();
+    }
+    return 0;
 }
 
 bool bad_thread_return(kel_context_t *ctx)

@@ -8,32 +8,34 @@
 // An operation is a struct that holds only what is its own:
 //
 //   args            its arguments after the flags
-//   return_format   the text of its return line, for a status word and a count
+//   return_format        the text of its return line, for a status word and a count
+//   post_return_format   that of its posted form, for a status word
 //   log_entry(ctx, flags, args)
+//   log_post_entry(ctx, flags, args, udata)
 //   valid(ctx, flags, args, queue, version)   argument tests; the queue of a posted request, or null
 //   valid_extra(ctx, flags, args)             tests that depend on the data
 //   emulate(ctx, flags, args, cca)
 //   diagnosed(args)                           the source that is looked at after a failure, or null
+//   pipe_dst(args)                            the output that the next request of a pipeline may read, or null
+//   request(args, request)                    fills in what trace probes show; only where the operation has a probe
 //
-// A posted request takes the same description: its bodies differ in the first and the last step only.
+// A posted request takes the same road to its emulation, kel_post and kel_post_il, and leaves its outcome in a slot of the
+// queue (<op>_post, here post).
 #pragma once
 
-#include "kel_init.h"
+#include "kel_queue.h"
 #include "kel_text.h"
+#include "kel_timers.h"
 #include "kel_vector.h"
-
-// What an emulation leaves behind of its request.
-typedef struct {
-    uint32_t output_sz;   // bytes written to the destination, padding included
-    uint32_t n_processed; // input elements consumed
-    uint64_t retval;      // the operation's count
-} cca_t;
 
 // Whether the calling thread owns the context.
 inline bool kel_owner(const kel_context_t *ctx)
 {
     return pthread_equal(pthread_self(), ctx->thread->tid);
 }
+
+// The line of a failed owner test, if error logging is on.
+void log_wrong_thread(kel_context_t *ctx);
 
 // The owner test as one test of a validator.
 int thread_valid(kel_context_t *ctx, int do_log);
@@ -81,6 +83,22 @@ kel_result_t exec(kel_context_t *ctx, uint64_t flags, const typename Op::args &a
     return {status, 0, cca.retval};
 }
 
+// Presents an execution to trace probes, if the operation has one and KEL_DEBUG_PERF asks for it.
+template <class Op>
+void kel_probe(kel_context_t *ctx, uint64_t flags, const typename Op::args &args, kel_result_t *result)
+{
+    if constexpr (requires(kel_request_t request) { Op::request(args, &request); }) {
+        if (!(ctx->debug_options & KEL_DEBUG_PERF))
+            return;
+        kel_request_t request = {};
+        request.major = static_cast<uint8_t>(ctx->api_version);
+        request.ctx = ctx;
+        request.flags = flags;
+        Op::request(args, &request);
+        kel_probe_execute(ctx, &request, result, &ctx->events);
+    }
+}
+
 template <class Op, unsigned version, int do_log>
 kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
 {
@@ -90,7 +108,11 @@ kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args 
     if (ctx->log.options & KEL_LOG_ENTRY)
         Op::log_entry(ctx, flags, args);
     const kel_status_t refused = kel_check<Op, version>(ctx, flags, args, nullptr);
-    const kel_result_t result = refused ? kel_result_t{refused, 0, 0} : exec<Op>(ctx, flags, args);
+    kel_result_t result = {refused, 0, 0};
+    if (!refused) {
+        result = exec<Op>(ctx, flags, args);
+        kel_probe<Op>(ctx, flags, args, &result);
+    }
     if (ctx->log.options & KEL_LOG_RETURN)
         kel_log_msg(ctx, KEL_LOG_RETURN, Op::return_format, kel_status_str(result.status),
                     static_cast<long>(result.count));
@@ -109,4 +131,50 @@ inline kel_result_t kel_execute(kel_context_t *ctx, uint64_t flags, const typena
     if (kel_do_log(ctx))
         return ctx->api_version == 2 ? kel_il<Op, 2, 1>(ctx, flags, args) : kel_il<Op, 1, 1>(ctx, flags, args);
     return ctx->api_version == 2 ? kel_il<Op, 2, 0>(ctx, flags, args) : kel_il<Op, 1, 0>(ctx, flags, args);
+}
+
+// ---- Posted requests -------------------------------------------------------------------------------------------------
+
+template <class Op>
+kel_status_t post(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
+{
+    cca_t cca = {};
+    const kel_status_t status = Op::emulate(queue->ctx, flags, args, &cca);
+    queue_get_next(queue, flags, &cca, status, udata, Op::pipe_dst(args));
+    return KEL_SUCCESS;
+}
+
+// A full queue comes before every validation, and is the one failure that the bare body knows. The operation's own
+// outcome stays in its slot: a request that fails has been posted all the same.
+template <class Op, unsigned version, int do_log>
+kel_status_t kel_post_il(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
+{
+    kel_context_t *ctx = queue->ctx;
+    if constexpr (do_log)
+        if (ctx->log.options & KEL_LOG_ENTRY)
+            Op::log_post_entry(ctx, flags, args, udata);
+    kel_status_t status = KEL_SUCCESS;
+    if (queue->nitems == queue->size) {
+        kel_report(ctx, "Queue 0x%lx is full", kel_log_ptr(queue));
+        status = KEL_EQFULL;
+    } else if constexpr (do_log) {
+        status = kel_check<Op, version>(ctx, flags, args, queue);
+    }
+    if (status == KEL_SUCCESS)
+        status = post<Op>(queue, flags, args, udata);
+    if constexpr (do_log)
+        if (ctx->log.options & KEL_LOG_RETURN)
+            kel_log_msg(ctx, KEL_LOG_RETURN, Op::post_return_format, kel_status_str(status));
+    return status;
+}
+
+template <class Op>
+inline kel_status_t kel_post(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
+{
+    const kel_context_t *ctx = queue->ctx;
+    if (kel_do_log(ctx))
+        return ctx->api_version == 2 ? kel_post_il<Op, 2, 1>(queue, flags, args, udata)
+                                     : kel_post_il<Op, 1, 1>(queue, flags, args, udata);
+    return ctx->api_version == 2 ? kel_post_il<Op, 2, 0>(queue, flags, args, udata)
+                                 : kel_post_il<Op, 1, 0>(queue, flags, args, udata);
 }

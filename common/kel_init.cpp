@@ -1,5 +1,6 @@
 // Opening and closing of contexts, and the record that ties them to their thread.
 #include "kel_frame.h"
+#include "kel_options.h"
 #include "kel_platform.h"
 #include <atomic>
 #include <cerrno>
@@ -84,21 +85,6 @@ kel_status_t generation_destroy(kel_thread_t *thread, kel_context_t *ctx)
     default:
         kel_assert_fail("0", "common/kel_init.cpp", 105, __func__);
     }
-}
-
-// The options of a new context, before the client sets any.
-void set_default_options(kel_context_t *ctx)
-{
-    ctx->log = {.options_init = 0,
-                .options_set = 0,
-                .options = 0,
-                .fd_init = -1,
-                .fd = -1,
-                .cb = nullptr,
-                .cb_data = nullptr,
-                .syslog_init = 0,
-                .syslog = 0};
-    ctx->debug_options = KEL_DEBUG_ARG;
 }
 
 kel_status_t check_init_arguments(uint32_t major, uint32_t minor, uint32_t options,
@@ -238,7 +224,8 @@ kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options, c
     made->api_version = major;
     made->api_minor = minor;
     made->qlist = nullptr;
-    set_default_options(made);
+    kel_log_init(made);
+    kel_debug_init(made);
     *ctx = made;
     status = kel_thread_attach(made, 0);
     if (status != KEL_SUCCESS) {
@@ -246,7 +233,7 @@ kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options, c
         *ctx = nullptr;
         return status;
     }
-    made->events = {};
+    kel_events_init(made, &made->events);
     return KEL_SUCCESS;
 }
 
@@ -254,6 +241,8 @@ kel_status_t kel_thread_fini(kel_context_t *ctx)
 {
     if (bad_thread_return(ctx))
         return KEL_ETHREAD;
+    while (ctx->qlist)
+        kel_queue_destroy(ctx->qlist->queue);
     kel_thread_detach(ctx);
     // A later use of the stale pointer is to meet the owner test, not the bare road. The barrier keeps the compiler from
     // dropping stores to memory that is about to be freed.

@@ -2,23 +2,11 @@
 #pragma once
 
 #include "kel_log.h"
+#include "kel_timers.h"
 #include <pthread.h>
 
 typedef struct kel_thread kel_thread_t;
 typedef struct kel_queue_list kel_queue_list_t;
-
-// Counters of the last execution. No coprocessor counts here, so they stay zero.
-typedef struct {
-    uint64_t frequency; // clock of the coprocessor in MHz
-    uint64_t cycles;
-    uint32_t page;    // page events
-    uint32_t emulate; // set when the request was emulated
-    uint32_t nomap;   // mapping failures
-    uint32_t copy;    // set when data was copied
-    uint32_t retry;
-    uint32_t split;
-    uint32_t unzip; // set when a compressed source was expanded in software
-} kel_perf_event_t;
 
 struct alignas(64) kel_context {
     uint32_t api_version; // major number of the interface, 1 or 2

@@ -8,8 +8,12 @@ inline constexpr unsigned kel_max_elem_bits_v1 = 16; // widest element that is n
 inline constexpr unsigned kel_max_elem_bits_v2 = 24;
 inline constexpr unsigned kel_max_offset_elem_bits = 64; // widest element whose vector may have an offset
 inline constexpr unsigned kel_max_offset = 7;            // bits
+inline constexpr unsigned kel_max_aux_bits = 8;          // widest aux element of a source
 inline constexpr unsigned kel_dst_align = 64;            // bytes; also the unit in which a destination is padded
 inline constexpr unsigned kel_max_int_bytes = 16;        // widest value that kel_int_create builds
+
+inline constexpr uint32_t kel_log_levels = 63;   // every level that exists
+inline constexpr uint32_t kel_debug_options = 15; // every debug option that exists
 
 inline constexpr unsigned kel_max_elem_bits(unsigned version)
 {

@@ -17,8 +17,6 @@ typedef struct {
     int syslog;      // non-zero: the client's channel is the system log
 } kel_log_t;
 
-inline constexpr uint32_t kel_log_levels = 63; // every level that exists
-
 // Failure hooks, for breakpoints: kel_debug is called after every report of a failure, emulate_error by a kernel that
 // fails. Both are empty and weak, so that a client's function of the same name takes their place.
 extern "C" KEL_API void kel_debug(void);
@@ -35,9 +33,15 @@ void kel_log_msg(kel_context_t *ctx, uint32_t level, const char *format, ...) __
 // the arguments are evaluated, and text is built, only for a line that will be written.
 #define kel_report(ctx, ...)                                                                                           \
     do {                                                                                                               \
-        if (kel_log_on(ctx, KEL_LOG_ERROR))                                                                            \
-            kel_log_msg(ctx, KEL_LOG_ERROR, __VA_ARGS__);                                                              \
+        kel_log_line(ctx, KEL_LOG_ERROR, __VA_ARGS__);                                                                 \
         kel_debug();                                                                                                   \
+    } while (0)
+
+// A line whose text is built only if its level is on; a macro for the same reason.
+#define kel_log_line(ctx, level, ...)                                                                                  \
+    do {                                                                                                               \
+        if (kel_log_on(ctx, level))                                                                                    \
+            kel_log_msg(ctx, level, __VA_ARGS__);                                                                      \
     } while (0)
 
 // A pointer as the log shows it: the formats say 0x%lx, so that null is 0x0.

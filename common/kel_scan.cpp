@@ -81,6 +81,9 @@ static int val_shape_valid(kel_context_t *ctx, const kel_int_t *val, const char 
 static int scan_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst, kel_compare_t op,
                       const kel_int_t *val, const kel_int_t *upper, kel_queue_t *queue, unsigned version)
 {
+    constexpr const char *refusal =
+        "kel_scan_{value/range}_post() cannot be a pipeline target for a source with pipe flags KEL_PIPE_MASK";
+    const pipe_target_t target = {src, nullptr, nullptr, KEL_PIPE_SRC | KEL_PIPE_AUX, refusal};
     return kel_validate([=](int log) {
         const uint32_t ops = upper ? range_ops : value_ops;
         const unsigned op_bit = static_cast<uint32_t>(op) % 32; // kept: an operator is tested modulo 32
@@ -92,7 +95,7 @@ static int scan_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, 
         valid &= kel_test(log, dst->elements >= src->elements, ctx, "dst elements %ld is less than src elements %ld",
                           static_cast<long>(dst->elements), static_cast<long>(src->elements));
         valid &= flags_valid(ctx, flags, KEL_ONES_INDEX, 0, version, log);
-        valid &= sync_flags_valid(ctx, queue, flags, version, log);
+        valid &= chain_valid(ctx, queue, flags, target, version, log);
         if (upper)
             valid &= val_shape_valid(ctx, upper, "upper", version, log);
         valid &= val_shape_valid(ctx, val, upper ? "lower" : "val", version, log);
@@ -131,6 +134,7 @@ struct scan_value_op {
     };
 
     static constexpr char return_format[] = "kel_scan_value() returns {%s, count=%ld}";
+    static constexpr char post_return_format[] = "kel_scan_value_post() returns {%s}";
 
     static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
     {
@@ -139,6 +143,15 @@ struct scan_value_op {
         kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_value(): %s, \n  op=%s,\n  val = %s",
                     entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
                     scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.val, val, sizeof val));
+    }
+
+    static void log_post_entry(kel_context_t *ctx, uint64_t flags, const args &a, const void *udata)
+    {
+        char vectors[kel_args_text_size];
+        char val[kel_args_text_size];
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_value_post(): %s, \n  op=%s,\n  val=%s\n  udata=0x%lx",
+                    entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
+                    scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.val, val, sizeof val), kel_log_ptr(udata));
     }
 
     static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
@@ -160,6 +173,19 @@ struct scan_value_op {
     {
         return a.src;
     }
+
+    static void *pipe_dst(const args &a)
+    {
+        return a.dst->data;
+    }
+
+    static void request(const args &a, kel_request_t *request)
+    {
+        request->cmd = KEL_CMD_SCAN_VALUE;
+        request->src = *a.src;
+        request->dst = *a.dst;
+        request->arg.scan_value = {a.op, *a.val};
+    }
 };
 
 struct scan_range_op {
@@ -172,6 +198,7 @@ struct scan_range_op {
     };
 
     static constexpr char return_format[] = "kel_scan_range() returns {%s, count=%ld}";
+    static constexpr char post_return_format[] = "kel_scan_range_post returns {%s}";
 
     static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
     {
@@ -182,6 +209,18 @@ struct scan_range_op {
                     entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
                     scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.lower, lower, sizeof lower),
                     val_str(ctx, a.upper, upper, sizeof upper));
+    }
+
+    static void log_post_entry(kel_context_t *ctx, uint64_t flags, const args &a, const void *udata)
+    {
+        char vectors[kel_args_text_size];
+        char lower[kel_args_text_size];
+        char upper[kel_args_text_size];
+        kel_log_msg(ctx, KEL_LOG_ENTRY,
+                    "kel_scan_range_post(): %s, \n  op=%s,\n  lower = %s,\n  upper = %s\n  udata = 0x%lx",
+                    entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
+                    scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.lower, lower, sizeof lower),
+                    val_str(ctx, a.upper, upper, sizeof upper), kel_log_ptr(udata));
     }
 
     static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
@@ -203,6 +242,19 @@ struct scan_range_op {
     {
         return a.src;
     }
+
+    static void *pipe_dst(const args &a)
+    {
+        return a.dst->data;
+    }
+
+    static void request(const args &a, kel_request_t *request)
+    {
+        request->cmd = KEL_CMD_SCAN_RANGE;
+        request->src = *a.src;
+        request->dst = *a.dst;
+        request->arg.scan_range = {a.op, *a.lower, *a.upper};
+    }
 };
 
 kel_result_t kel_scan_value(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
@@ -215,4 +267,16 @@ kel_result_t kel_scan_range(kel_context_t *ctx, uint64_t flags, const kel_vec_t 
                             kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper)
 {
     return kel_execute<scan_range_op>(ctx, flags, {src, dst, op, lower, upper});
+}
+
+kel_status_t kel_scan_value_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                 kel_compare_t op, const kel_int_t *val, void *udata)
+{
+    return kel_post<scan_value_op>(queue, flags, {src, dst, op, val}, udata);
+}
+
+kel_status_t kel_scan_range_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                 kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper, void *udata)
+{
+    return kel_post<scan_range_op>(queue, flags, {src, dst, op, lower, upper}, udata);
 }

@@ -1,6 +1,7 @@
 // Argument tests that the operations share. In each function the tests stand in the order of their reports.
 #include "kel_valid.h"
 #include "kel_vector.h"
+#include <bit>
 
 namespace
 {
@@ -17,7 +18,7 @@ const char *fmt_text(kel_context_t *ctx, uint64_t format, char (&buffer)[kel_fmt
 
 bool source_aux_width(unsigned width)
 {
-    return width == 1 || width == 2 || width == 4 || width == 8;
+    return std::has_single_bit(width) && width <= kel_max_aux_bits;
 }
 
 unsigned misalignment(const void *data)
@@ -123,19 +124,6 @@ int flags_valid(kel_context_t *ctx, uint64_t flags, uint64_t flags_add, uint64_t
     const uint64_t bad = flags & ~allowed;
     char text[kel_flags_text_size];
     return kel_test(log, bad == 0, ctx, "Invalid flags %s", flags_str(ctx, bad, text, sizeof text));
-}
-
-int sync_flags_valid_nopost(kel_context_t *ctx, uint64_t flags, unsigned version, int do_log)
-{
-    const uint64_t bad = flags & kel_sync_flags(version);
-    char text[kel_sync_flags_text_size];
-    return kel_test(do_log, bad == 0, ctx, "Synchronization flags must not be set for non-post functions: flags = %s\n",
-                    flags_str(ctx, bad, text, sizeof text));
-}
-
-int sync_flags_valid(kel_context_t *ctx, kel_queue_t *, uint64_t flags, unsigned version, int do_log)
-{
-    return sync_flags_valid_nopost(ctx, flags, version, do_log);
 }
 
 int aux_valid_extra(kel_context_t *ctx, const kel_vec_t *src, const kel_vec_t *dst, unsigned)

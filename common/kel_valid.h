@@ -6,6 +6,7 @@
 
 #include "kel_frame.h"
 #include "kel_limits.h"
+#include "kel_sync.h"
 
 // fmt_add and fmt_remove name the format bits that the caller accepts beyond, or refuses of, the usual ones; name is the
 // vector's role in the messages.
@@ -18,10 +19,6 @@ int dst_valid(kel_context_t *ctx, const kel_vec_t *vec, uint64_t fmt_add, uint64
 int dst_ones_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *vec, unsigned api_version, int log);
 int flags_valid(kel_context_t *ctx, uint64_t flags, uint64_t flags_add, uint64_t flags_remove, unsigned api_version,
                 int log);
-
-// The rule of the synchronisation flags; a synchronous call has no queue and may carry none of them.
-int sync_flags_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, unsigned version, int do_log);
-int sync_flags_valid_nopost(kel_context_t *ctx, uint64_t flags, unsigned version, int do_log);
 
 // The width test of a source element or of a value, without a report; a width of 0 fails.
 int width_valid(uint64_t format, uint32_t elem_width, unsigned api_version);
