@@ -1,8 +1,9 @@
 // The road of an operation, from the exported function to its work and back, written once for all operations.
 //
-//   kel_<op>        kel_execute: reads the context's options and picks one of the specialised bodies
-//   kel_<op>_il     kel_il: entry line, validation, return line; nothing of that in the bare body
-//   <op>_exec       exec: an empty completion record, the emulation, the diagnosis of a failure
+//   kel_<op>          kel_execute: reads the context's options and picks a body
+//   kel_<op>_il       kel_il: entry line, validation, return line, for one interface version; with all options off the
+//                     road is bare, and goes straight on
+//   <op>_exec         exec: an empty completion record, the emulation, the diagnosis of a failure
 //   kel_<op>_emulate  the operation's own work
 //
 // An operation is a struct that holds only what is its own:
@@ -81,12 +82,9 @@ kel_result_t exec(kel_context_t *ctx, uint64_t flags, const typename Op::args &a
     return {status, 0, cca.retval};
 }
 
-template <class Op, unsigned version, int do_log>
+template <class Op, unsigned version>
 kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
 {
-    if constexpr (!do_log)
-        return exec<Op>(ctx, flags, args);
-
     if (ctx->log.options & KEL_LOG_ENTRY)
         Op::log_entry(ctx, flags, args);
     const kel_status_t refused = kel_check<Op, version>(ctx, flags, args, nullptr);
@@ -106,7 +104,7 @@ inline bool kel_do_log(const kel_context_t *ctx)
 template <class Op>
 inline kel_result_t kel_execute(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
 {
-    if (kel_do_log(ctx))
-        return ctx->api_version == 2 ? kel_il<Op, 2, 1>(ctx, flags, args) : kel_il<Op, 1, 1>(ctx, flags, args);
-    return ctx->api_version == 2 ? kel_il<Op, 2, 0>(ctx, flags, args) : kel_il<Op, 1, 0>(ctx, flags, args);
+    if (!kel_do_log(ctx)) [[unlikely]] // a new context validates
+        return exec<Op>(ctx, flags, args);
+    return ctx->api_version == 2 ? kel_il<Op, 2>(ctx, flags, args) : kel_il<Op, 1>(ctx, flags, args);
 }

