@@ -88,8 +88,24 @@ struct bare_context {
         reset_hooks();
     }
 
+    // From here on blocks come from an allocator that counts those that are not back yet.
+    void count_blocks()
+    {
+        ctx.init_options = &counting;
+    }
+
     kel_context_t ctx = {};
     lines_t lines;
+    int live = 0;
+    kel_init_options_t counting = {[](uint64_t size, void *cb_data) {
+                                       ++*static_cast<int *>(cb_data);
+                                       return malloc(size);
+                                   },
+                                   [](void *block, uint64_t, void *cb_data) {
+                                       --*static_cast<int *>(cb_data);
+                                       free(block);
+                                   },
+                                   &live};
 };
 
 static kel_context_t *const untouched = reinterpret_cast<kel_context_t *>(0x40);
@@ -170,8 +186,10 @@ TEST(key, cannot_be_created)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto run = [] {
         bare_context bare;
+        bare.count_blocks();
         countdown.key_create = 1;
         EXPECT_EQ(kel_thread_attach(&bare.ctx, 0), KEL_EINTERNAL);
+        EXPECT_EQ(bare.live, 0);
         EXPECT_EQ(countdown.key_create, 0);
         EXPECT_EQ(bare.lines, lines_t{"pthread_key_create() failed with error: Resource temporarily unavailable"});
         EXPECT_EQ(kel_debug_calls, 1u);
@@ -201,8 +219,10 @@ TEST(key, cannot_be_set)
     EXPECT_EQ(kel_debug_calls, 1u);
 
     bare_context bare;
+    bare.count_blocks();
     countdown.setspecific = 1;
     EXPECT_EQ(kel_thread_attach(&bare.ctx, 0), KEL_EINTERNAL);
+    EXPECT_EQ(bare.live, 0);
     EXPECT_EQ(bare.lines, lines_t{set_failed});
     EXPECT_EQ(kel_debug_calls, 1u);
 

@@ -676,6 +676,24 @@ TEST(scan, list_of_narrow_entries_beyond_65535)
     }
 }
 
+// Lists of all sizes that are too small, with the entries at all places in a word and a block where they run full.
+TEST(scan, list_overflows_at_any_entry)
+{
+    test_context ctx(2, 0);
+    destination_area dst;
+    random_source random(9);
+    const guarded_buffer data(264);
+    for (const uint32_t bytes : {2u, 4u})
+        for (uint64_t lines = 0; lines < 512 * bytes / 64; lines++)
+            for (uint64_t first = 0; first < 70; first++) {
+                for (uint64_t i = 0; i < data.size; i++)
+                    data.data[i] = i < first || random.one_in(100);
+                const kel_vec_t src = {KEL_BYTES, 256, data.data, 1, 0, 0, 0, nullptr, nullptr, 0};
+                scan s = {false, ones, src, index_list(lines * 64 / bytes, bytes), KEL_EQ, zero, {}};
+                ASSERT_TRUE(run_emulations(ctx, {2, 0, KEL_LOG_ERROR}, s, dst));
+            }
+}
+
 // The same by runs, whose last one goes far beyond the end of the destination.
 TEST(scan, runs_beyond_65535)
 {
