@@ -32,7 +32,10 @@ struct alignas(64) kel_context {
     kel_perf_event_t events;
 };
 
-typedef struct kel_ctx_list {
+// A record that stands wherever a client's allocator puts it, which need not be a multiple of anything.
+#define KEL_ANYWHERE __attribute__((packed))
+
+typedef struct KEL_ANYWHERE kel_ctx_list {
     kel_context_t *ctx;
     struct kel_ctx_list *next_ctx;
 } kel_ctx_list_t;

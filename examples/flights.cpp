@@ -100,14 +100,14 @@ void loop_indexes(scan_result &result, const Match &match)
         const uint32_t entry = std::endian::native == std::endian::big ? i : __builtin_bswap32(i);
         memcpy(result.bytes.get() + sizeof entry * count, &entry,
                sizeof entry); // the next one's place unless i matches
-        count += match(i);
+        count += match(i) ? 1 : 0;
     }
     result.count = count;
 }
 
 bool same(const airport_t &a, const airport_t &b)
 {
-    return (a[0] == b[0]) & (a[1] == b[1]) & (a[2] == b[2]);
+    return a[0] == b[0] && a[1] == b[1] && a[2] == b[2];
 }
 
 // ---- Questions -------------------------------------------------------------------------------------------------------
@@ -196,7 +196,7 @@ void query_t::ask_numbers() const
 
     const question_t middle = about("500 to 1000 miles", "distance", distances, flights.distance);
     const scan_t scan_middle = {distances, KEL_GE_AND_LE, {distances.value(near_miles), distances.value(far_miles)}};
-    const auto is_middle = [=](size_t i) { return (distance[i] >= near_miles) & (distance[i] <= far_miles); };
+    const auto is_middle = [=](size_t i) { return distance[i] >= near_miles && distance[i] <= far_miles; };
     scan_result middle_bits = ask(middle, false, scan_middle, is_middle);
 
     const question_t joined = {"500 to 1000 miles, over 2 hours late", "delay, distance",
@@ -207,7 +207,7 @@ void query_t::ask_numbers() const
         scan_middle(ctx, middle_bits);
         join(late_bits, middle_bits, result);
     };
-    ask(joined, false, scan_both, [=](size_t i) { return is_late(i) & is_middle(i); });
+    ask(joined, false, scan_both, [=](size_t i) { return is_late(i) && is_middle(i); });
 }
 
 void query_t::ask_times() const
@@ -230,7 +230,7 @@ void query_t::ask_airports() const
     const airport_t *destination = flights.destination.data();
     ask(about("to Chicago (ORD or MDW)", "destination", destinations, flights.destination), false,
         scan_t{destinations, KEL_EQ_OR_EQ, {airport_value(ctx, chicago[0]), airport_value(ctx, chicago[1])}},
-        [=](size_t i) { return same(destination[i], chicago[0]) | same(destination[i], chicago[1]); });
+        [=](size_t i) { return same(destination[i], chicago[0]) || same(destination[i], chicago[1]); });
     print_rows(ask(about("from San Francisco (SFO)", "origin", origins, flights.origin), true,
                    scan_t{origins, KEL_EQ, {airport_value(ctx, san_francisco), {}}},
                    [=](size_t i) { return same(origin[i], san_francisco); }));

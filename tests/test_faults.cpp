@@ -3,6 +3,7 @@
 #include "support.h"
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <thread>
@@ -22,6 +23,12 @@ std::pair<size_t, size_t> memalign_arguments;
 bool fails_now(int &count)
 {
     return count > 0 && --count == 0;
+}
+
+// Memory that was in use before.
+void *used(void *block, size_t size)
+{
+    return memset(block, 0xa5, size);
 }
 
 } // namespace
@@ -49,7 +56,7 @@ int __wrap_pthread_setspecific(pthread_key_t key, const void *value)
 
 void *__wrap_aligned_alloc(size_t align, size_t size)
 {
-    return fails_now(countdown.aligned_alloc) ? nullptr : __real_aligned_alloc(align, size);
+    return fails_now(countdown.aligned_alloc) ? nullptr : used(__real_aligned_alloc(align, size), size);
 }
 
 void *__wrap_malloc(size_t size)
@@ -65,7 +72,7 @@ void *__wrap_calloc(size_t count, size_t size)
 void *__wrap_memalign(size_t align, size_t size)
 {
     memalign_arguments = {align, size};
-    return fails_now(countdown.memalign) ? nullptr : __real_memalign(align, size);
+    return fails_now(countdown.memalign) ? nullptr : used(__real_memalign(align, size), size);
 }
 }
 
@@ -151,6 +158,39 @@ TEST(memory, for_the_thread_record)
         EXPECT_EQ(bare.lines, lines_t{row.line});
         EXPECT_EQ(kel_debug_calls, 0u);
     }
+}
+
+// Every field is set, whatever the memory held before.
+TEST(memory, of_a_new_context)
+{
+    const kel_init_options_t unread = {};
+    for (const uint32_t version : {1u, 2u})
+        for (const uint32_t options : {0u, 2u}) {
+            kel_context_t *ctx = untouched;
+            ASSERT_EQ(kel_thread_init(version, 1, options, &unread, &ctx), KEL_SUCCESS);
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(ctx) % 64, 0u);
+            EXPECT_EQ(ctx->api_version, version);
+            EXPECT_EQ(ctx->api_minor, 1u);
+            EXPECT_EQ(ctx->kel_version, 0u);
+            EXPECT_EQ(ctx->debug_options, KEL_DEBUG_ARG);
+            EXPECT_EQ(ctx->log.options | ctx->log.options_init | ctx->log.options_set, 0u);
+            EXPECT_EQ(ctx->log.fd_init, -1);
+            EXPECT_EQ(ctx->log.fd, -1);
+            EXPECT_EQ(ctx->log.syslog | ctx->log.syslog_init, 0);
+            EXPECT_EQ(ctx->log.cb, nullptr);
+            EXPECT_EQ(ctx->init_options, nullptr);
+            EXPECT_EQ(ctx->qlist, nullptr);
+            const kel_perf_event_t &events = ctx->events;
+            EXPECT_EQ(events.frequency | events.cycles | events.page | events.emulate | events.nomap | events.copy |
+                          events.retry | events.split | events.unzip,
+                      0u);
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(ctx->thread) % 8192, 0u);
+            EXPECT_EQ(ctx->thread->refc, 1);
+            EXPECT_TRUE(pthread_equal(ctx->thread->tid, pthread_self()));
+            EXPECT_EQ(ctx->thread->ctxl_head->ctx, ctx);
+            EXPECT_EQ(ctx->thread->ctxl_head->next_ctx, nullptr);
+            EXPECT_EQ(kel_thread_fini(ctx), KEL_SUCCESS);
+        }
 }
 
 // Without a context a null result is always reported, with one only at error level.

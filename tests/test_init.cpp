@@ -138,37 +138,6 @@ TEST(init, refused_in_order)
     EXPECT_TRUE(store.requests.empty());
 }
 
-TEST(init, new_context)
-{
-    const kel_init_options_t unread = {};
-    for (const uint32_t version : {1u, 2u})
-        for (const uint32_t options : {0u, 2u}) {
-            kel_context_t *ctx = untouched;
-            ASSERT_EQ(kel_thread_init(version, 1, options, &unread, &ctx), KEL_SUCCESS);
-            EXPECT_EQ(reinterpret_cast<uintptr_t>(ctx) % 64, 0u);
-            EXPECT_EQ(ctx->api_version, version);
-            EXPECT_EQ(ctx->api_minor, 1u);
-            EXPECT_EQ(ctx->kel_version, 0u);
-            EXPECT_EQ(ctx->debug_options, KEL_DEBUG_ARG);
-            EXPECT_EQ(ctx->log.options | ctx->log.options_init | ctx->log.options_set, 0u);
-            EXPECT_EQ(ctx->log.fd_init, -1);
-            EXPECT_EQ(ctx->log.fd, -1);
-            EXPECT_EQ(ctx->log.syslog | ctx->log.syslog_init, 0);
-            EXPECT_EQ(ctx->log.cb, nullptr);
-            EXPECT_EQ(ctx->init_options, nullptr);
-            EXPECT_EQ(ctx->qlist, nullptr);
-            const kel_perf_event_t &events = ctx->events;
-            EXPECT_EQ(events.frequency | events.cycles | events.page | events.emulate | events.nomap | events.copy |
-                          events.retry | events.split | events.unzip,
-                      0u);
-            EXPECT_EQ(reinterpret_cast<uintptr_t>(ctx->thread) % 8192, 0u);
-            EXPECT_EQ(ctx->thread->refc, 1);
-            EXPECT_TRUE(pthread_equal(ctx->thread->tid, pthread_self()));
-            EXPECT_EQ(listed(ctx->thread), std::vector{ctx});
-            EXPECT_EQ(kel_thread_fini(ctx), KEL_SUCCESS);
-        }
-}
-
 // ---- The thread record -----------------------------------------------------------------------------------------------------
 
 TEST(thread, contexts_share_a_record)

@@ -109,6 +109,7 @@ TEST(valid, src)
         {by_scan, KEL_RLE | KEL_BITS | KEL_ZIP | KEL_ADD_ONE, 3, 0, 2, 0},
         {by_select, KEL_BITS | KEL_ZIP, 3, 0, 0, 0},
         {by_translate, KEL_BITS | KEL_RLE | KEL_ADD_ONE, 3, 0, 4, 0},
+        {{KEL_VAR, KEL_RLE}, KEL_VAR | KEL_ADD_ONE, 1, 0, 4, 0},
         // Offsets.
         {by_scan, KEL_BYTES, 8, 8, 0, 0, "Invalid src offset 8; must be < 8\n"},
         {by_scan, KEL_BYTES, 9, 1, 0, 0, "Invalid src offset 1" + wide},
@@ -320,16 +321,19 @@ TEST(overlap, aux_streams_and_addresses)
 {
     const kel_vec_t dst = {KEL_BYTES, 8, at(0x100), 2, 0, 0, 0, nullptr, nullptr, 0};
     const struct {
-        uint64_t format;
+        uint64_t format, elements;
         uintptr_t aux;
         uint8_t offset;
         int overlap;
     } rows[] = {
-        {KEL_RLE, 0x10f, 0, 1}, {KEL_VAR, 0x110, 0, 0}, {KEL_RLE, 0x100, 0, 1}, {KEL_VAR, 0xfd, 0, 1},
-        {KEL_RLE, 0xfc, 0, 0},  {KEL_RLE, 0xfc, 1, 1},  {KEL_ZIP, 0x100, 0, 0}, {KEL_VAR | KEL_ZIP, 0x100, 0, 1},
+        {KEL_RLE, 8, 0x10f, 0, 1}, {KEL_VAR, 8, 0x110, 0, 0},
+        {KEL_RLE, 8, 0x100, 0, 1}, {KEL_VAR, 8, 0xfd, 0, 1},
+        {KEL_RLE, 8, 0xfc, 0, 0},  {KEL_RLE, 8, 0xfc, 1, 1},
+        {KEL_ZIP, 8, 0x100, 0, 0}, {KEL_VAR | KEL_ZIP, 8, 0x100, 0, 1},
+        {KEL_RLE, 0, 0x101, 0, 1}, {KEL_RLE, 0, 0x100, 0, 0}, // at equal addresses the aux stream's length decides
     };
     for (const auto &row : rows) {
-        const kel_vec_t src = {row.format, 8, nullptr, 2, 0, row.offset, 4, at(row.aux), nullptr, 0};
+        const kel_vec_t src = {row.format, row.elements, nullptr, 2, 0, row.offset, 4, at(row.aux), nullptr, 0};
         EXPECT_EQ(aux_overlap(&src, &dst), row.overlap) << "row " << &row - rows;
     }
     EXPECT_EQ(addr_overlap(at(0x100), at(0x10f), 16), 1);
