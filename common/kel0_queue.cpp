@@ -28,9 +28,9 @@ int kel0_poll(kel_queue_t *queue, kel_poll_t *results, size_t nres, int64_t, int
         results[filled] = {state.status, 0, state.cca.retval, state.udata};
         if (do_log)
             kel_log_line(queue->ctx, KEL_LOG_VERBOSE,
-                        "cca = { status=%s,\n  out_bytes=%u, syms_processed=%u, retval=%u }",
-                        kel_status_str(state.status), state.cca.output_sz, state.cca.n_processed,
-                        static_cast<unsigned>(state.cca.retval)); // kept: the low 32 bits
+                         "cca = { status=%s,\n  out_bytes=%u, syms_processed=%u, retval=%u }",
+                         kel_status_str(state.status), state.cca.output_sz, state.cca.n_processed,
+                         static_cast<unsigned>(state.cca.retval)); // kept: the low 32 bits
         queue->nitems--;
     }
     queue->findx = slot;

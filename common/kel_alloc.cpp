@@ -54,14 +54,12 @@ void *_kel_alloc(const kel_init_options_t *options, size_t size)
 
 void log_no_memory(kel_context_t *ctx, const char *function, size_t size)
 {
-    if (kel_log_on(ctx, KEL_LOG_ERROR))
-        kel_log_msg(ctx, KEL_LOG_ERROR, "%s failed to allocate %lu bytes", function, size);
+    kel_log_line(ctx, KEL_LOG_ERROR, "%s failed to allocate %lu bytes", function, size);
 }
 
 void log_no_aligned_memory(kel_context_t *ctx, size_t size, size_t align)
 {
-    if (kel_log_on(ctx, KEL_LOG_ERROR))
-        kel_log_msg(ctx, KEL_LOG_ERROR, "kel_memalign failed to allocate %lu bytes aligned to %lu", size, align);
+    kel_log_line(ctx, KEL_LOG_ERROR, "kel_memalign failed to allocate %lu bytes aligned to %lu", size, align);
 }
 
 // An aligned block of the client's allocator, which ctx has.
@@ -69,9 +67,8 @@ void *alloc_aligned(kel_context_t *ctx, size_t align, size_t size)
 {
     const bool power_of_two = (align & (align - 1)) == 0;
     if (size == 0 || align == 0 || !power_of_two || align >= memalign_limit || size >= memalign_limit) {
-        if (kel_log_on(ctx, KEL_LOG_ERROR))
-            kel_log_msg(ctx, KEL_LOG_ERROR, "kel_memalign: size = %lu, align = %lu: invalid size or alignment", size,
-                        align);
+        kel_log_line(ctx, KEL_LOG_ERROR, "kel_memalign: size = %lu, align = %lu: invalid size or alignment", size,
+                     align);
         errno = EINVAL;
         return nullptr;
     }
@@ -136,7 +133,7 @@ void *kel_memalign(kel_context_t *ctx, size_t align, size_t size)
 
 void *kel_valloc(kel_context_t *ctx, size_t size)
 {
-    return allocator(ctx) ? alloc_aligned(ctx, page_size(), size) : valloc(size);
+    return allocator(ctx) ? kel_memalign(ctx, page_size(), size) : valloc(size);
 }
 
 void kel_free(kel_context_t *ctx, void *block, size_t size)

@@ -2,6 +2,7 @@
 #include "kel_ccb.h"
 #include "kel_io.h"
 #include "kel_log.h"
+#include <iterator>
 
 int kel_submit(ccb_t *, size_t, unsigned int, kel_submit_res_t *)
 {

@@ -1,9 +1,5 @@
 // The owner test, in the two forms in which calls make it.
-#undef NDEBUG // for the declaration of the C library's report
-#include <assert.h>
-
 #include "kel_frame.h"
-#include "kel_platform.h"
 
 void log_wrong_thread(kel_context_t *ctx)
 {
@@ -25,9 +21,4 @@ int thread_valid(kel_context_t *ctx, int do_log)
 bool bad_thread_return(kel_context_t *ctx)
 {
     return ctx->debug_options && !thread_valid(ctx, 1);
-}
-
-void kel_assert_fail(const char *condition, const char *source, unsigned line, const char *function)
-{
-    __assert_fail(condition, source, line, function);
 }

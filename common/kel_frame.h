@@ -1,8 +1,9 @@
 // The road of an operation, from the exported function to its work and back, written once for all operations.
 //
-//   kel_<op>        kel_execute: reads the context's options and picks one of the specialised bodies
-//   kel_<op>_il     kel_il: entry line, validation, return line; nothing of that in the bare body
-//   <op>_exec       exec: an empty completion record, the emulation, the diagnosis of a failure
+//   kel_<op>          kel_execute: reads the context's options and picks a body
+//   kel_<op>_il       kel_il: entry line, validation, return line, for one interface version; with all options off the
+//                     road is bare, and goes straight on
+//   <op>_exec         exec: an empty completion record, the emulation, the diagnosis of a failure
 //   kel_<op>_emulate  the operation's own work
 //
 // An operation is a struct that holds only what is its own:
@@ -23,6 +24,7 @@
 // queue (<op>_post, here post).
 #pragma once
 
+#include "kel_limits.h"
 #include "kel_queue.h"
 #include "kel_text.h"
 #include "kel_timers.h"
@@ -99,12 +101,9 @@ void kel_probe(kel_context_t *ctx, uint64_t flags, const typename Op::args &args
     }
 }
 
-template <class Op, unsigned version, int do_log>
+template <class Op, unsigned version>
 kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
 {
-    if constexpr (!do_log)
-        return exec<Op>(ctx, flags, args);
-
     if (ctx->log.options & KEL_LOG_ENTRY)
         Op::log_entry(ctx, flags, args);
     const kel_status_t refused = kel_check<Op, version>(ctx, flags, args, nullptr);
@@ -128,9 +127,9 @@ inline bool kel_do_log(const kel_context_t *ctx)
 template <class Op>
 inline kel_result_t kel_execute(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
 {
-    if (kel_do_log(ctx))
-        return ctx->api_version == 2 ? kel_il<Op, 2, 1>(ctx, flags, args) : kel_il<Op, 1, 1>(ctx, flags, args);
-    return ctx->api_version == 2 ? kel_il<Op, 2, 0>(ctx, flags, args) : kel_il<Op, 1, 0>(ctx, flags, args);
+    if (!kel_do_log(ctx)) [[unlikely]] // a new context validates
+        return exec<Op>(ctx, flags, args);
+    return ctx->api_version == 2 ? kel_il<Op, 2>(ctx, flags, args) : kel_il<Op, 1>(ctx, flags, args);
 }
 
 // ---- Posted requests -------------------------------------------------------------------------------------------------
@@ -144,27 +143,19 @@ kel_status_t post(kel_queue_t *queue, uint64_t flags, const typename Op::args &a
     return KEL_SUCCESS;
 }
 
-// A full queue comes before every validation, and is the one failure that the bare body knows. The operation's own
-// outcome stays in its slot: a request that fails has been posted all the same.
-template <class Op, unsigned version, int do_log>
+// A full queue comes before every validation. The operation's own outcome stays in its slot: a request that fails has
+// been posted all the same.
+template <class Op, unsigned version>
 kel_status_t kel_post_il(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
 {
     kel_context_t *ctx = queue->ctx;
-    if constexpr (do_log)
-        if (ctx->log.options & KEL_LOG_ENTRY)
-            Op::log_post_entry(ctx, flags, args, udata);
-    kel_status_t status = KEL_SUCCESS;
-    if (queue->nitems == queue->size) {
-        kel_report(ctx, "Queue 0x%lx is full", kel_log_ptr(queue));
-        status = KEL_EQFULL;
-    } else if constexpr (do_log) {
-        status = kel_check<Op, version>(ctx, flags, args, queue);
-    }
+    if (ctx->log.options & KEL_LOG_ENTRY)
+        Op::log_post_entry(ctx, flags, args, udata);
+    kel_status_t status = queue_full(queue) ? KEL_EQFULL : kel_check<Op, version>(ctx, flags, args, queue);
     if (status == KEL_SUCCESS)
         status = post<Op>(queue, flags, args, udata);
-    if constexpr (do_log)
-        if (ctx->log.options & KEL_LOG_RETURN)
-            kel_log_msg(ctx, KEL_LOG_RETURN, Op::post_return_format, kel_status_str(status));
+    if (ctx->log.options & KEL_LOG_RETURN)
+        kel_log_msg(ctx, KEL_LOG_RETURN, Op::post_return_format, kel_status_str(status));
     return status;
 }
 
@@ -172,9 +163,8 @@ template <class Op>
 inline kel_status_t kel_post(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
 {
     const kel_context_t *ctx = queue->ctx;
-    if (kel_do_log(ctx))
-        return ctx->api_version == 2 ? kel_post_il<Op, 2, 1>(queue, flags, args, udata)
-                                     : kel_post_il<Op, 1, 1>(queue, flags, args, udata);
-    return ctx->api_version == 2 ? kel_post_il<Op, 2, 0>(queue, flags, args, udata)
-                                 : kel_post_il<Op, 1, 0>(queue, flags, args, udata);
+    if (!kel_do_log(ctx)) [[unlikely]]
+        return queue_full(queue) ? KEL_EQFULL : post<Op>(queue, flags, args, udata);
+    return ctx->api_version == 2 ? kel_post_il<Op, 2>(queue, flags, args, udata)
+                                 : kel_post_il<Op, 1>(queue, flags, args, udata);
 }

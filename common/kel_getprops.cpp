@@ -1,6 +1,5 @@
 // The published limits of each interface version.
 #include "kel_frame.h"
-#include "kel_limits.h"
 #include "kel_platform.h"
 
 namespace

@@ -38,10 +38,9 @@ kel_thread_t *thread_of_key()
 // Sets the calling thread's record; a failure is reported through ctx, which may be null.
 bool set_thread_of_key(kel_thread_t *thread, kel_context_t *ctx)
 {
-    const int error = pthread_setspecific(kel_pthread_key.load(std::memory_order_acquire), thread);
-    if (error == 0)
+    if (pthread_setspecific(kel_pthread_key.load(std::memory_order_acquire), thread) == 0)
         return true;
-    errno = error;
+    // Kept: the text is that of errno, not of the returned number.
     kel_report(ctx, "Failed to set thread data for key with error: %s", strerror(errno));
     return false;
 }
@@ -65,13 +64,20 @@ void release_thread(kel_thread_t *thread, kel_context_t *ctx)
     kel_free(ctx, thread, sizeof *thread);
 }
 
-// The link that points to the context's node in the thread's list, or to the null at its end.
-kel_ctx_list_t **find_node(kel_thread_t *thread, const kel_context_t *ctx)
+// Takes the context's node out of the thread's list and answers it, or null.
+kel_ctx_list_t *unlink_node(kel_thread_t *thread, const kel_context_t *ctx)
 {
-    kel_ctx_list_t **link = &thread->ctxl_head;
-    while (*link && (*link)->ctx != ctx)
-        link = &(*link)->next_ctx;
-    return link;
+    kel_ctx_list_t *before = nullptr;
+    kel_ctx_list_t *node = thread->ctxl_head;
+    while (node && node->ctx != ctx) {
+        before = node;
+        node = node->next_ctx;
+    }
+    if (node && before)
+        before->next_ctx = node->next_ctx;
+    else if (node)
+        thread->ctxl_head = node->next_ctx;
+    return node;
 }
 
 kel_status_t generation_destroy(kel_thread_t *thread, kel_context_t *ctx)
@@ -187,13 +193,11 @@ kel_status_t kel_thread_attach(kel_context_t *ctx, uint32_t unused)
 kel_status_t kel_thread_detach(kel_context_t *ctx)
 {
     kel_thread_t *thread = ctx->thread;
-    kel_ctx_list_t **link = find_node(thread, ctx);
-    kel_ctx_list_t *node = *link;
+    kel_ctx_list_t *node = unlink_node(thread, ctx);
     if (!node) {
         kel_report(ctx, "Failed to find ctx(0x%lx) for this thread", kel_log_ptr(ctx));
         return KEL_EINTERNAL;
     }
-    *link = node->next_ctx;
     kel_free(ctx, node, sizeof *node);
     ctx->thread = nullptr;
     return --thread->refc == 0 ? kel_thread_destroy(thread, ctx) : KEL_SUCCESS;

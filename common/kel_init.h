@@ -20,7 +20,10 @@ struct alignas(64) kel_context {
     kel_perf_event_t events;
 };
 
-typedef struct kel_ctx_list {
+// A record that stands wherever a client's allocator puts it, which need not be a multiple of anything.
+#define KEL_ANYWHERE __attribute__((packed))
+
+typedef struct KEL_ANYWHERE kel_ctx_list {
     kel_context_t *ctx;
     struct kel_ctx_list *next_ctx;
 } kel_ctx_list_t;
@@ -49,7 +52,7 @@ kel_status_t kel1_thread_create(kel_context_t *ctx, kel_thread_t *thread);
 kel_status_t kel1_thread_destroy(kel_thread_t *thread, kel_context_t *ctx);
 
 // Memory services. A null context, or one without an allocator of its own, means the system's functions. With a client's
-// allocator kel_free needs the very size that the block was asked with. A null result is reported at error level.
+// allocator kel_free needs the very size that the block was asked with. A null result is reported at error level, but for the system's valloc.
 void *kel_malloc(kel_context_t *ctx, size_t size);
 void *kel_calloc(kel_context_t *ctx, size_t count, size_t size);
 void *kel_memalign(kel_context_t *ctx, size_t align, size_t size);

@@ -1,11 +1,12 @@
 // The road of a log line to its channels.
 #include "kel_log.h"
 #include "kel_init.h"
-#include "kel_platform.h"
 #include "kel_text.h"
 #include <alloca.h>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -74,6 +75,7 @@ void kel_log_msg(kel_context_t *ctx, uint32_t level, const char *format, ...)
     if (ctx && !((ctx->log.options | ctx->log.options_init) & level))
         return;
 
+    const int caller_errno = errno; // which writing a line may change
     char prefix[prefix_size];
     const int thread = static_cast<int>(pthread_self());
     const size_t prefix_length =
@@ -98,4 +100,5 @@ void kel_log_msg(kel_context_t *ctx, uint32_t level, const char *format, ...)
         write_fd(STDERR_FILENO, line);
         write_syslog(line);
     }
+    errno = caller_errno;
 }

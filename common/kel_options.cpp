@@ -1,7 +1,6 @@
 // Log and debug options: word lists of the environment, and the setters.
-#include "kel_frame.h"
-#include "kel_limits.h"
 #include "kel_options.h"
+#include "kel_frame.h"
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -10,9 +9,8 @@ namespace
 {
 
 constexpr option_t log_option_table[] = {
-    {"error", KEL_LOG_ERROR},   {"warn", KEL_LOG_WARN},       {"entry", KEL_LOG_ENTRY},
-    {"return", KEL_LOG_RETURN}, {"verbose", KEL_LOG_VERBOSE}, {"perf", KEL_LOG_PERF},
-    {"all", kel_log_levels},
+    {"error", KEL_LOG_ERROR},     {"warn", KEL_LOG_WARN}, {"entry", KEL_LOG_ENTRY}, {"return", KEL_LOG_RETURN},
+    {"verbose", KEL_LOG_VERBOSE}, {"perf", KEL_LOG_PERF}, {"all", kel_log_levels},
 };
 
 constexpr option_t debug_option_table[] = {

@@ -1,4 +1,4 @@
-// What the C library of some systems has and that of this one lacks.
+// A small layer over the C library: what not every one has, and an assertion that holds in every build.
 #pragma once
 
 #include <cstddef>

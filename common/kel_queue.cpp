@@ -32,13 +32,21 @@ void release(kel_context_t *ctx, kel_queue_t *queue, kel_queue_list_t *node)
         kel_free(ctx, node, sizeof *node);
 }
 
-// The link that points to the queue's node in its context's list; with a null queue the list's end.
-kel_queue_list_t **find_node(kel_context_t *ctx, const kel_queue_t *queue)
+// The node whose successor is the queue's node, or with a null queue the last one; null if that is the head of the list.
+kel_queue_list_t *node_before(kel_context_t *ctx, const kel_queue_t *queue)
 {
-    kel_queue_list_t **link = &ctx->qlist;
-    while (*link && (*link)->queue != queue)
-        link = &(*link)->next;
-    return link;
+    kel_queue_list_t *before = nullptr;
+    for (kel_queue_list_t *node = ctx->qlist; node && node->queue != queue; node = node->next)
+        before = node;
+    return before;
+}
+
+void set_next(kel_context_t *ctx, kel_queue_list_t *node, kel_queue_list_t *next)
+{
+    if (node)
+        node->next = next;
+    else
+        ctx->qlist = next;
 }
 
 kel_status_t create(kel_context_t *ctx, int qlen, kel_queue_t **made)
@@ -57,7 +65,7 @@ kel_status_t create(kel_context_t *ctx, int qlen, kel_queue_t **made)
     queue->serial_indx = -1;
     queue->cond_indx = -1;
     node->queue = queue;
-    *find_node(ctx, nullptr) = node;
+    set_next(ctx, node_before(ctx, nullptr), node);
     *made = queue;
     return KEL_SUCCESS;
 }
@@ -67,10 +75,10 @@ kel_status_t destroy(kel_queue_t *queue)
     kel_context_t *ctx = queue->ctx;
     if (bad_thread_return(ctx))
         return KEL_ETHREAD;
-    kel_queue_list_t **link = find_node(ctx, queue);
-    kel_queue_list_t *node = *link;
+    kel_queue_list_t *before = node_before(ctx, queue);
+    kel_queue_list_t *node = before ? before->next : ctx->qlist;
     if (node)
-        *link = node->next;
+        set_next(ctx, before, node->next);
     kel0_queue_destroy(queue);
     release(ctx, queue, node);
     return KEL_SUCCESS;
@@ -108,13 +116,13 @@ void compact(kel_queue_t *queue)
 kel_status_t kel_queue_create(kel_context_t *ctx, int qlen, kel_queue_t **queue)
 {
     kel_log_line(ctx, KEL_LOG_ENTRY, "kel_queue_create(): ctx=0x%lx, qlen=%d, &queue=0x%lx", kel_log_ptr(ctx), qlen,
-             kel_log_ptr(queue));
+                 kel_log_ptr(queue));
     kel_queue_t *made = nullptr;
     const kel_status_t status = create(ctx, qlen, &made);
     if (status == KEL_SUCCESS)
         *queue = made;
     kel_log_line(ctx, KEL_LOG_RETURN, "kel_queue_create returns queue=0x%lx and status %s", kel_log_ptr(made),
-             kel_status_str(status));
+                 kel_status_str(status));
     return status;
 }
 
@@ -131,10 +139,10 @@ int kel_poll(kel_queue_t *queue, kel_poll_t *results, int nres, int64_t timeout)
 {
     kel_context_t *ctx = queue->ctx;
     kel_log_line(ctx, KEL_LOG_ENTRY, "kel_poll(): queue=0x%lx, nres=%ld, timeout=%ld", kel_log_ptr(queue), long{nres},
-             timeout);
+                 timeout);
     const int polled = poll(queue, results, nres, timeout, kel_do_log(ctx));
-    kel_log_line(ctx, KEL_LOG_RETURN, "kel_poll() returns {%s, num_completed=%d}", kel_status_str(polled < 0 ? polled : 0),
-             polled < 0 ? 0 : polled);
+    kel_log_line(ctx, KEL_LOG_RETURN, "kel_poll() returns {%s, num_completed=%d}",
+                 kel_status_str(polled < 0 ? polled : 0), polled < 0 ? 0 : polled);
     return polled;
 }
 
@@ -154,6 +162,14 @@ kel_status_t kel_cancel_all(kel_queue_t *queue)
     const kel_status_t status = cancel_all(queue, kel_do_log(ctx));
     kel_log_line(ctx, KEL_LOG_RETURN, "kel_cancel_all() returns %s", kel_status_str(status));
     return status;
+}
+
+bool queue_full(kel_queue_t *queue)
+{
+    if (queue->nitems != queue->size)
+        return false;
+    kel_report(queue->ctx, "Queue 0x%lx is full", kel_log_ptr(queue));
+    return true;
 }
 
 void queue_get_next(kel_queue_t *queue, uint64_t flags, const cca_t *cca, kel_status_t status, void *udata,

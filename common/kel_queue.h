@@ -15,7 +15,7 @@ typedef struct {
 } cca_t;
 
 // One slot.
-typedef struct {
+typedef struct KEL_ANYWHERE {
     cca_t cca;
     void *udata;
     void *pipe_dst;      // the request's output, which the next request of a pipeline must read
@@ -23,7 +23,7 @@ typedef struct {
     kel_status_t status; // the operation's own
 } ccb_state_t;
 
-struct kel_queue {
+struct KEL_ANYWHERE kel_queue {
     kel_context_t *ctx;
     uint32_t nitems;     // requests posted and not yet polled
     int findx;           // the oldest unpolled slot
@@ -36,7 +36,7 @@ struct kel_queue {
 };
 
 // A node of the context's list of queues, in order of creation.
-struct kel_queue_list {
+struct KEL_ANYWHERE kel_queue_list {
     kel_queue_t *queue;
     struct kel_queue_list *next;
 };
@@ -47,6 +47,9 @@ kel_status_t kel0_queue_destroy(kel_queue_t *queue);
 int kel0_poll(kel_queue_t *queue, kel_poll_t *results, size_t nres, int64_t timeout, int do_log);
 kel_status_t kel0_cancel(kel_queue_t *queue, const void *udata, int do_log);
 kel_status_t kel0_cancel_all(kel_queue_t *queue, int do_log);
+
+// Whether a queue has no free slot, which is reported.
+bool queue_full(kel_queue_t *queue);
 
 // Stores a finished request; the caller has seen that the queue is not full.
 void queue_get_next(kel_queue_t *queue, uint64_t flags, const cca_t *cca, kel_status_t status, void *udata,

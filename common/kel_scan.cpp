@@ -125,48 +125,24 @@ static int scan_valid_extra(kel_context_t *ctx, uint64_t, const kel_vec_t *src, 
 
 // ---- The two operations ----------------------------------------------------------------------------------------------
 
-struct scan_value_op {
+// What the two scans have in common. upper is null for a scan with one value.
+struct scan_op {
     struct args {
         const kel_vec_t *src;
         const kel_vec_t *dst;
         kel_compare_t op;
         const kel_int_t *val;
+        const kel_int_t *upper;
     };
-
-    static constexpr char return_format[] = "kel_scan_value() returns {%s, count=%ld}";
-    static constexpr char post_return_format[] = "kel_scan_value_post() returns {%s}";
-
-    static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
-    {
-        char vectors[kel_args_text_size];
-        char val[kel_args_text_size];
-        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_value(): %s, \n  op=%s,\n  val = %s",
-                    entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
-                    scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.val, val, sizeof val));
-    }
-
-    static void log_post_entry(kel_context_t *ctx, uint64_t flags, const args &a, const void *udata)
-    {
-        char vectors[kel_args_text_size];
-        char val[kel_args_text_size];
-        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_value_post(): %s, \n  op=%s,\n  val=%s\n  udata=0x%lx",
-                    entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
-                    scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.val, val, sizeof val), kel_log_ptr(udata));
-    }
 
     static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
     {
-        return scan_valid(ctx, flags, a.src, a.dst, a.op, a.val, nullptr, queue, version);
+        return scan_valid(ctx, flags, a.src, a.dst, a.op, a.val, a.upper, queue, version);
     }
 
     static int valid_extra(kel_context_t *ctx, uint64_t flags, const args &a)
     {
-        return scan_valid_extra(ctx, flags, a.src, a.dst, a.val, nullptr);
-    }
-
-    static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const args &a, cca_t *cca)
-    {
-        return kel_scan_value_emulate(ctx, flags, a.src, a.dst, a.op, a.val, cca);
+        return scan_valid_extra(ctx, flags, a.src, a.dst, a.val, a.upper);
     }
 
     static const kel_vec_t *diagnosed(const args &a)
@@ -177,6 +153,45 @@ struct scan_value_op {
     static void *pipe_dst(const args &a)
     {
         return a.dst->data;
+    }
+
+    // The arguments as entry lines show them.
+    struct texts {
+        texts(kel_context_t *ctx, uint64_t flags, const args &a) : op(scan_op_str(ctx, a.op, nullptr, 0))
+        {
+            entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors);
+            val_str(ctx, a.val, val, sizeof val);
+            if (a.upper)
+                val_str(ctx, a.upper, upper, sizeof upper);
+        }
+
+        const char *op;
+        char vectors[kel_args_text_size];
+        char val[kel_args_text_size];
+        char upper[kel_args_text_size];
+    };
+};
+
+struct scan_value_op : scan_op {
+    static constexpr char return_format[] = "kel_scan_value() returns {%s, count=%ld}";
+    static constexpr char post_return_format[] = "kel_scan_value_post() returns {%s}";
+
+    static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
+    {
+        const texts t(ctx, flags, a);
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_value(): %s, \n  op=%s,\n  val = %s", t.vectors, t.op, t.val);
+    }
+
+    static void log_post_entry(kel_context_t *ctx, uint64_t flags, const args &a, const void *udata)
+    {
+        const texts t(ctx, flags, a);
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_value_post(): %s, \n  op=%s,\n  val=%s\n  udata=0x%lx", t.vectors,
+                    t.op, t.val, kel_log_ptr(udata));
+    }
+
+    static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const args &a, cca_t *cca)
+    {
+        return kel_scan_value_emulate(ctx, flags, a.src, a.dst, a.op, a.val, cca);
     }
 
     static void request(const args &a, kel_request_t *request)
@@ -188,64 +203,28 @@ struct scan_value_op {
     }
 };
 
-struct scan_range_op {
-    struct args {
-        const kel_vec_t *src;
-        const kel_vec_t *dst;
-        kel_compare_t op;
-        const kel_int_t *lower;
-        const kel_int_t *upper;
-    };
-
+struct scan_range_op : scan_op {
     static constexpr char return_format[] = "kel_scan_range() returns {%s, count=%ld}";
     static constexpr char post_return_format[] = "kel_scan_range_post returns {%s}";
 
     static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
     {
-        char vectors[kel_args_text_size];
-        char lower[kel_args_text_size];
-        char upper[kel_args_text_size];
-        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_range(): %s, \n  op=%s,\n  lower = %s,\n  upper = %s",
-                    entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
-                    scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.lower, lower, sizeof lower),
-                    val_str(ctx, a.upper, upper, sizeof upper));
+        const texts t(ctx, flags, a);
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_scan_range(): %s, \n  op=%s,\n  lower = %s,\n  upper = %s", t.vectors,
+                    t.op, t.val, t.upper);
     }
 
     static void log_post_entry(kel_context_t *ctx, uint64_t flags, const args &a, const void *udata)
     {
-        char vectors[kel_args_text_size];
-        char lower[kel_args_text_size];
-        char upper[kel_args_text_size];
+        const texts t(ctx, flags, a);
         kel_log_msg(ctx, KEL_LOG_ENTRY,
-                    "kel_scan_range_post(): %s, \n  op=%s,\n  lower = %s,\n  upper = %s\n  udata = 0x%lx",
-                    entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors),
-                    scan_op_str(ctx, a.op, nullptr, 0), val_str(ctx, a.lower, lower, sizeof lower),
-                    val_str(ctx, a.upper, upper, sizeof upper), kel_log_ptr(udata));
-    }
-
-    static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
-    {
-        return scan_valid(ctx, flags, a.src, a.dst, a.op, a.lower, a.upper, queue, version);
-    }
-
-    static int valid_extra(kel_context_t *ctx, uint64_t flags, const args &a)
-    {
-        return scan_valid_extra(ctx, flags, a.src, a.dst, a.lower, a.upper);
+                    "kel_scan_range_post(): %s, \n  op=%s,\n  lower = %s,\n  upper = %s\n  udata = 0x%lx", t.vectors,
+                    t.op, t.val, t.upper, kel_log_ptr(udata));
     }
 
     static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const args &a, cca_t *cca)
     {
-        return kel_scan_range_emulate(ctx, flags, a.src, a.dst, a.op, a.lower, a.upper, cca);
-    }
-
-    static const kel_vec_t *diagnosed(const args &a)
-    {
-        return a.src;
-    }
-
-    static void *pipe_dst(const args &a)
-    {
-        return a.dst->data;
+        return kel_scan_range_emulate(ctx, flags, a.src, a.dst, a.op, a.val, a.upper, cca);
     }
 
     static void request(const args &a, kel_request_t *request)
@@ -253,14 +232,14 @@ struct scan_range_op {
         request->cmd = KEL_CMD_SCAN_RANGE;
         request->src = *a.src;
         request->dst = *a.dst;
-        request->arg.scan_range = {a.op, *a.lower, *a.upper};
+        request->arg.scan_range = {a.op, *a.val, *a.upper};
     }
 };
 
 kel_result_t kel_scan_value(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                             kel_compare_t op, const kel_int_t *val)
 {
-    return kel_execute<scan_value_op>(ctx, flags, {src, dst, op, val});
+    return kel_execute<scan_value_op>(ctx, flags, {src, dst, op, val, nullptr});
 }
 
 kel_result_t kel_scan_range(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
@@ -272,7 +251,7 @@ kel_result_t kel_scan_range(kel_context_t *ctx, uint64_t flags, const kel_vec_t 
 kel_status_t kel_scan_value_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                  kel_compare_t op, const kel_int_t *val, void *udata)
 {
-    return kel_post<scan_value_op>(queue, flags, {src, dst, op, val}, udata);
+    return kel_post<scan_value_op>(queue, flags, {src, dst, op, val, nullptr}, udata);
 }
 
 kel_status_t kel_scan_range_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,

@@ -20,8 +20,8 @@ int sync_flags_valid_post(kel_queue_t *queue, uint64_t flags, unsigned, int do_l
     const bool cond = flags & KEL_COND;
     const bool after_serial = last >= 0 && queue->serial_indx == last;
     const bool after_cond = last >= 0 && queue->cond_indx == last;
-    const int valid = kel_test(do_log, cond || !after_serial, queue->ctx,
-                               "KEL_SERIAL request not followed by a KEL_COND request");
+    const int valid =
+        kel_test(do_log, cond || !after_serial, queue->ctx, "KEL_SERIAL request not followed by a KEL_COND request");
     return valid & kel_test(do_log, !cond || after_serial || after_cond, queue->ctx,
                             "KEL_COND request has no KEL_SERIAL predecessor");
 }

@@ -246,7 +246,7 @@ char *val_str(kel_context_t *, const kel_int_t *val, char *buffer, int size)
 char *entry_args_str(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst, char *buffer,
                      int size)
 {
-    char flags_text[kel_sync_flags_text_size];
+    char flags_text[kel_request_flags_text_size];
     char src_text[240];
     char dst_text[80];
     snprintf(buffer, text_size(size), "ctx=0x%lx, flags=%s,\n  src = { %s }\n  dst = { %s }", kel_log_ptr(ctx),
@@ -259,7 +259,7 @@ char *entry_args_str(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, c
 char *copy_args_str(kel_context_t *ctx, uint64_t flags, const void *src, const void *dst, uint64_t count, char *buffer,
                     int size)
 {
-    char flags_text[kel_sync_flags_text_size];
+    char flags_text[kel_request_flags_text_size];
     snprintf(buffer, text_size(size), "ctx=0x%lx, flags=%s, \n  src = 0x%lx, dst = 0x%lx, count = %ld",
              kel_log_ptr(ctx), flags_str(ctx, flags, flags_text, sizeof flags_text), kel_log_ptr(src), kel_log_ptr(dst),
              static_cast<long>(count));
@@ -269,7 +269,7 @@ char *copy_args_str(kel_context_t *ctx, uint64_t flags, const void *src, const v
 char *fill_args_str(kel_context_t *ctx, uint64_t flags, uint64_t val, const void *dst, uint64_t count,
                     uint32_t val_width, char *buffer, int size)
 {
-    char flags_text[kel_sync_flags_text_size];
+    char flags_text[kel_request_flags_text_size];
     snprintf(buffer, text_size(size), "ctx=0x%lx, flags=%s, \n  val = %lu, val_width=%u, dst = 0x%lx, count = %lu",
              kel_log_ptr(ctx), flags_str(ctx, flags, flags_text, sizeof flags_text), val, val_width, kel_log_ptr(dst),
              count);

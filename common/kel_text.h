@@ -5,7 +5,8 @@
 #include "kel.h"
 
 inline constexpr int kel_flags_text_size = 40;      // the flags that a validator refuses
-inline constexpr int kel_sync_flags_text_size = 64; // the synchronisation flags, or all flags of a request
+inline constexpr int kel_sync_flags_text_size = 64; // the synchronisation flags
+inline constexpr int kel_request_flags_text_size = 64;
 inline constexpr int kel_fmt_text_size = 30;
 inline constexpr int kel_args_text_size = 512;
 

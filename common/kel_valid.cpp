@@ -138,7 +138,7 @@ int aux_valid_extra(kel_context_t *ctx, const kel_vec_t *src, const kel_vec_t *d
     const size_t sum = runs ? aux_sum(ctx, src) : 0;
     unsigned long index = 0;
     const bool too_long =
-        src->aux_width > high_bits && src->format & KEL_VAR &&
+        src->aux_width == high_bits_width && src->format & KEL_VAR &&
         compare_bits_gt(src->aux_data, src->aux_width, src->aux_offset, src->elements, 255, longest_length, &index);
     int valid =
         kel_test(1, !runs || sum <= dst->elements, ctx, "Invalid src: sum of aux_data runs (%ld) > dst elements (%ld)",

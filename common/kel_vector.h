@@ -25,7 +25,8 @@ inline uint64_t kel_aux_bytes(const kel_vec_t *vec)
     return (vec->aux_offset + uint64_t{vec->aux_width} * vec->elements + 7) / 8;
 }
 
-// Overlaps of buffers: 1 for overlap. A compressed vector overlaps nothing, as its length is not known from its count.
+// Overlaps of buffers: 1 for overlap. To vec_overlap a compressed vector overlaps nothing: its length is not known from its
+// count.
 int vec_overlap(const kel_vec_t *a, const kel_vec_t *b);
 int aux_overlap(const kel_vec_t *src, const kel_vec_t *dst);
 int addr_overlap(const void *a, const void *b, uint64_t len);

@@ -17,12 +17,13 @@
  * multiple of 64, and a destination needs 64 more bytes of room behind its nominal end, because overflow is noticed
  * between elements only. The library never takes ownership of a vector or of what its pointers address.
  *
- * Failures. A call that fails says so by a negative kel_status_t, never by a signal and never by an exit. An argument
+ * Failures. A call that fails says so by a negative kel_status_t (but for one case of kel_thread_init), never by a signal and never by an exit. An argument
  * that fails validation leaves every buffer untouched. Reasons are told in log lines at level KEL_LOG_ERROR. A new
  * context validates its arguments (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule have
  * undefined results. A null context is not tested for.
  *
- * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing.
+ * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing. A thread
+ * closes its contexts before it ends: one that is left open stays allocated and may not be used any more.
  */
 #ifndef KEL_H
 #define KEL_H
@@ -36,7 +37,7 @@
 #define KEL_API
 #endif
 
-/* Enumerations are 32 bits wide and signed in both languages. */
+/* Enumerations are 32 bits wide in both languages. */
 #ifdef __cplusplus
 #define KEL_INT32 : int32_t
 extern "C" {
@@ -112,7 +113,7 @@ typedef struct kel_vec {
     uint64_t format;     /* format bits */
     uint64_t elements;   /* number of elements; with KEL_RLE the number of stored elements, runs not expanded */
     void *data;          /* the first byte of the stream */
-    uint32_t elem_width; /* width of an element, in bits with KEL_BITS, else in bytes; not read with KEL_VAR.
+    uint32_t elem_width; /* width of an element, in bits with KEL_BITS, else in bytes. KEL_VAR does not use it; give 0.
                             Source: 1 to 16 bytes; in bits 1 to 16 (version 1) or 1 to 24 (version 2), or a whole
                             number of bytes. */
     uint8_t offset;      /* bits to skip at the start of data, 0 to 7; 0 if an element is wider than 8 bytes */
@@ -165,7 +166,7 @@ typedef struct kel_result {
 } kel_result_t;
 
 /* The outcome of a posted request. */
-typedef struct kel_poll {
+typedef struct kel_completion {
     kel_status_t status;
     uint32_t reserved; /* 0 */
     uint64_t count;    /* as in kel_result_t */
@@ -250,7 +251,7 @@ typedef struct kel_request {
             uint64_t val;
             void *dst;
             uint64_t count;
-            size_t val_width;
+            uint32_t val_width;
         } fill;
     } arg;
 } kel_request_t;
@@ -285,8 +286,8 @@ typedef struct kel_init_options {
  *
  * KEL_SUCCESS; KEL_EINVAL: an unknown option bit, or a null callback; KEL_EBADVER: a version that does not exist;
  * KEL_ENOMEM; KEL_EINTERNAL: the thread-specific key could not be made or set; 12, a positive number, if the first block
- * that the thread's record needs cannot be had. The reason is written to standard error and to the system log.
- * After KEL_EINVAL and KEL_EBADVER *ctx is untouched, after a failure to attach to the thread it is null.
+ * that the thread's record needs cannot be had. The reason of a refused argument, and of memory for the context itself, is written to standard error and to the
+ * system log. After KEL_EINVAL and KEL_EBADVER *ctx is untouched, after a failure to attach to the thread it is null.
  */
 KEL_API kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options,
                                      const kel_init_options_t *init_options, kel_context_t **ctx);
@@ -305,6 +306,113 @@ KEL_API kel_status_t kel_thread_fini(kel_context_t *ctx);
  */
 KEL_API kel_status_t kel_version(kel_context_t *ctx, uint32_t *value);
 
+/*
+ * The limits and capabilities of the command set for the context's interface version, so that a client can size buffers
+ * and choose formats. Widths in bytes or bits as the names say, alignments and lengths in bytes.
+ */
+typedef struct kel_props {
+    uint32_t ones_saturates;          /* a capability word; see KEL_ONES_INDEX for what the library does */
+    uint32_t max_elem_bits;           /* widest element that is not a whole number of bytes */
+    uint32_t max_elem_bytes;          /* widest element */
+    uint32_t max_log_elem_bytes;      /* its base-2 logarithm */
+    uint32_t max_var_elem_bytes;      /* longest element of variable width */
+    uint32_t max_rle_elem_bits;       /* widest repeat count */
+    uint32_t max_width_elem_bits;     /* widest length */
+    uint32_t max_scan_value_bytes;    /* widest comparison value */
+    uint32_t dst_align;               /* alignment of a destination */
+    uint32_t dst_pad;                 /* unit of what is written to a destination, and the room behind its end */
+    uint32_t trans_bitmap_align;      /* alignment of a translate bitmap */
+    uint32_t zip_align;               /* alignment of a codec image */
+    uint32_t large_elem_align;        /* alignment of wide elements */
+    uint32_t zip_constrained;         /* 1: dictionaries obey the row rule */
+    uint32_t zip_native;              /* 1: codecs have the native form */
+    uint32_t max_native_bitmap;       /* limit of a translate bitmap */
+    uint32_t max_zip_symbols;         /* most symbols of a codec */
+    uint64_t max_src_len;             /* limit of a source */
+    uint64_t max_dst_len;             /* limit of a destination */
+    uint64_t debug_options;           /* the debug options that exist */
+    uint64_t log_options;             /* the log levels that exist */
+    uint32_t max_zip_contig;          /* largest contiguous codec image */
+    uint32_t trans_bitmap_align_best; /* alignment of a translate bitmap for best speed */
+    uint32_t zip_align_best;          /* alignment of a codec image for best speed */
+    uint32_t pipe;                    /* 1: the pipe flags exist */
+} kel_props_t;
+
+/* Fills *props. KEL_SUCCESS; KEL_ETHREAD: *props is untouched. */
+KEL_API kel_status_t kel_get_props(kel_context_t *ctx, kel_props_t *props);
+
+/* ---- Log and debug options ----------------------------------------------------------------------------------------
+ *
+ * A context has two log channels, each with its own levels. The environment's is set once, when the context opens:
+ * KEL_LOG_OPTIONS lists levels, separated by commas ("error", "warn", "entry", "return", "verbose", "perf", "all");
+ * KEL_LOG_FD is the number of an open file descriptor, without which the lines go to the system log. The client's channel
+ * is set by the calls below, each of which replaces the one before: its lines go to the system log, to a descriptor, or to
+ * a callback. A line that the environment's channel has written is not repeated on the same target.
+ *
+ * KEL_DEBUG_OPTIONS lists debug options ("arg", "extra", "sync", "perf", "all"). Not set, it stands for "arg"; empty, it
+ * switches validation off. An unknown word of a variable is reported.
+ *
+ * options is a set of KEL_LOG_ bits. KEL_SUCCESS; KEL_EINVAL: a bit that does not exist, or a negative descriptor;
+ * KEL_ETHREAD. After a failure nothing is changed. */
+
+/* To the system log. */
+KEL_API kel_status_t kel_set_log(kel_context_t *ctx, uint64_t options);
+
+/* To an open descriptor, which stays the caller's and is to stay open. */
+KEL_API kel_status_t kel_set_log_file(kel_context_t *ctx, uint64_t options, int fd);
+
+/* To a callback; a null one drops the lines. */
+KEL_API kel_status_t kel_set_log_callback(kel_context_t *ctx, uint64_t options, kel_log_func_t cb, void *cb_data);
+
+/*
+ * Sets the debug options, a set of KEL_DEBUG_ bits. With 0 nothing is tested any more, the calling thread included.
+ *
+ * KEL_SUCCESS; KEL_EINVAL: a bit that does not exist; KEL_EQFULL: KEL_DEBUG_SYNC is switched on while a queue of the
+ * context holds requests; KEL_ETHREAD. After a failure nothing is changed.
+ */
+KEL_API kel_status_t kel_set_debug(kel_context_t *ctx, uint64_t options);
+
+/* ---- Queues -------------------------------------------------------------------------------------------------------
+ *
+ * A queue takes a series of requests and hands back their outcomes in the order of posting. Every operation has a form
+ * with _post, which takes a queue in the place of the context, the same arguments, and a datum of the caller's. The
+ * operation runs to its end before the call returns, whose status tells only whether the request was taken: the outcome
+ * waits for kel_poll. Vectors are not kept; the buffers that they name are used during the call alone.
+ *
+ * Chains. KEL_SERIAL says that the next request depends on this one, KEL_COND that this one depends on the one before: a
+ * KEL_SERIAL request must be followed by a KEL_COND one, and the latter must follow either. A pipe flag says that this
+ * request's output is an input of the next one, which must then name the same buffer. The rules are tested (KEL_DEBUG_ARG)
+ * so that a chain is well-formed for a coprocessor; they change nothing in the execution, and a request runs even if the
+ * one before it failed.
+ *
+ * Of every posted operation: KEL_SUCCESS: taken; KEL_EQFULL: no free slot; KEL_EINVAL, KEL_ETHREAD: refused by
+ * validation, and not run. */
+
+/*
+ * Creates a queue for qlen requests that are posted and not yet polled. It belongs to the context, whose end it does not
+ * outlive. KEL_SUCCESS; KEL_EINVAL: qlen is not positive; KEL_ENOMEM; KEL_ETHREAD. After a failure *queue is untouched.
+ */
+KEL_API kel_status_t kel_queue_create(kel_context_t *ctx, int qlen, kel_queue_t **queue);
+
+/* Destroys a queue, with the outcomes that it still holds. KEL_SUCCESS; KEL_ETHREAD: the queue stays. */
+KEL_API kel_status_t kel_queue_destroy(kel_queue_t *queue);
+
+/*
+ * Hands back up to nres outcomes, oldest first; a negative nres means no limit. Never waits: timeout is not read.
+ *
+ * The number of outcomes; KEL_EQEMPTY: there is none; KEL_ETHREAD.
+ */
+KEL_API int kel_poll(kel_queue_t *queue, kel_poll_t *results, int nres, int64_t timeout);
+
+/*
+ * Looks for a request with this datum. As every request has run when its post returns, nothing is cancelled: it is polled
+ * as before. KEL_SUCCESS: there is one; KEL_ENOMATCH; KEL_ETHREAD.
+ */
+KEL_API kel_status_t kel_cancel(kel_queue_t *queue, void *udata);
+
+/* The same for all requests. KEL_SUCCESS; KEL_EQEMPTY: there is none; KEL_ETHREAD. */
+KEL_API kel_status_t kel_cancel_all(kel_queue_t *queue);
+
 /* ---- Operations ---------------------------------------------------------------------------------------------------
  *
  * Of every operation: KEL_EINVAL if an argument failed validation, KEL_ETHREAD if validation found that the calling
@@ -312,6 +420,9 @@ KEL_API kel_status_t kel_version(kel_context_t *ctx, uint32_t *value);
 
 /* Does nothing. Accepts no flags. {KEL_SUCCESS, 0, 0}. */
 KEL_API kel_result_t kel_nop(kel_context_t *ctx, uint64_t flags);
+
+/* Posts a request that does nothing. Accepts the synchronisation flags; cannot follow a request with a pipe flag. */
+KEL_API kel_status_t kel_nop_post(kel_queue_t *queue, uint64_t flags, void *udata);
 
 /*
  * Builds a comparison value of len bytes from the big-endian byte string at buf. Sets format, elem_width and dword[2],
@@ -350,6 +461,32 @@ KEL_API kel_result_t kel_scan_value(kel_context_t *ctx, uint64_t flags, const ke
  */
 KEL_API kel_result_t kel_scan_range(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                     kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper);
+
+/* The posted scans. They may follow a request with KEL_PIPE_SRC or KEL_PIPE_AUX; their output is dst->data. */
+KEL_API kel_status_t kel_scan_value_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                         kel_compare_t op, const kel_int_t *val, void *udata);
+KEL_API kel_status_t kel_scan_range_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                         kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper, void *udata);
+
+/* ---- Raw command blocks ------------------------------------------------------------------------------------------- */
+
+/* A command block of the coprocessor. */
+typedef struct kel_block {
+    uint64_t dwords[8];
+} ccb_t;
+
+/* How much of a submission was taken, and why and where it stopped. */
+typedef struct kel_submit_res {
+    uint16_t dsr_submitted_ccb_len;
+    uint16_t dsr_submitted_ca_off;
+    uint32_t dsr_err_ext;
+    uint64_t dsr_err_va;
+} kel_submit_res_t;
+
+/* Would hand blocks to a coprocessor, of which there is none: returns -1, always, and looks at no argument. */
+KEL_API int kel_submit(ccb_t *blocks, size_t length, unsigned int flags, kel_submit_res_t *result);
+
+#undef KEL_INT32
 
 #ifdef __cplusplus
 }
