@@ -218,7 +218,7 @@ TEST(memory, from_the_system)
     EXPECT_EQ(kel_debug_calls, 0u);
 }
 
-// ---- The thread-specific key -----------------------------------------------------------------------------------------------
+// ---- The thread-specific key ----------------------------------------------------------------------------------------
 
 // The key is made once in a process, so this runs in one of its own.
 TEST(key, cannot_be_created)

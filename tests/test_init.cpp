@@ -97,7 +97,7 @@ extern "C" void syslog(int, const char *, ...)
     syslog_lines.emplace_back("line");
 }
 
-// ---- Opening -------------------------------------------------------------------------------------------------------------
+// ---- Opening --------------------------------------------------------------------------------------------------------
 
 TEST(init, refused_in_order)
 {
@@ -138,7 +138,7 @@ TEST(init, refused_in_order)
     EXPECT_TRUE(store.requests.empty());
 }
 
-// ---- The thread record -----------------------------------------------------------------------------------------------------
+// ---- The thread record ----------------------------------------------------------------------------------------------
 
 TEST(thread, contexts_share_a_record)
 {
@@ -271,7 +271,7 @@ TEST(thread, generations)
     thread->kel_version = 0;
 }
 
-// ---- The client's allocator ------------------------------------------------------------------------------------------------
+// ---- The client's allocator -----------------------------------------------------------------------------------------
 
 // The caller's record may change behind the call.
 static void expect_good_service(size_t misaligned)

@@ -1,6 +1,6 @@
 // Argument tests: for every way to break a descriptor the messages, in full and in their order.
 //
-// The messages of a call are one text, a line each. In the expected texts "{limits}" stands for the widths of a version.
+// The messages of a call are one text, a line each. In expected texts "{limits}" stands for the widths of a version.
 #include "kel_valid.h"
 #include "support.h"
 #include <gtest/gtest.h>
@@ -81,7 +81,7 @@ constexpr caller by_translate = {0, KEL_ZIP};
 
 } // namespace
 
-// ---- The blocks ------------------------------------------------------------------------------------------------------------
+// ---- The blocks -----------------------------------------------------------------------------------------------------
 
 TEST(valid, src)
 {
@@ -290,7 +290,7 @@ TEST(valid, aux_elements)
     }
 }
 
-// ---- Overlaps --------------------------------------------------------------------------------------------------------------
+// ---- Overlaps -------------------------------------------------------------------------------------------------------
 
 TEST(overlap, vectors)
 {
@@ -343,7 +343,7 @@ TEST(overlap, aux_streams_and_addresses)
     EXPECT_EQ(addr_overlap(at(0x100), at(0x100), 0), 0);
 }
 
-// ---- The scans -------------------------------------------------------------------------------------------------------------
+// ---- The scans ------------------------------------------------------------------------------------------------------
 
 namespace
 {
