@@ -1,4 +1,5 @@
-// What a call costs before it does any work: the empty operation, and a scan of one block, with validation and without.
+// What a call costs before it does any work: the empty operation, the same posted and polled, and a scan of
+// one block, with validation and without.
 #include "bench_support.h"
 #include <benchmark/benchmark.h>
 
@@ -10,6 +11,20 @@ void nop(benchmark::State &state, uint32_t debug_options)
     const bench_context ctx(debug_options);
     for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(kel_nop(ctx, 0));
+}
+
+void nop_posted(benchmark::State &state, uint32_t debug_options)
+{
+    const bench_context ctx(debug_options);
+    kel_queue_t *queue;
+    if (kel_queue_create(ctx, 1, &queue) != KEL_SUCCESS)
+        return state.SkipWithError("no queue");
+    for ([[maybe_unused]] auto _ : state) {
+        kel_poll_t polled;
+        if (kel_nop_post(queue, 0, nullptr) != KEL_SUCCESS || kel_poll(queue, &polled, 1, 0) != 1)
+            state.SkipWithError("the request is lost");
+    }
+    kel_queue_destroy(queue);
 }
 
 void scan_block(benchmark::State &state, uint32_t debug_options)
@@ -35,6 +50,8 @@ void scan_block(benchmark::State &state, uint32_t debug_options)
 
 BENCHMARK_CAPTURE(nop, bare, 0u)->Name("frame/nop/bare");
 BENCHMARK_CAPTURE(nop, validated, KEL_DEBUG_ARG)->Name("frame/nop/validated");
+BENCHMARK_CAPTURE(nop_posted, bare, 0u)->Name("frame/nop_post_and_poll/bare");
+BENCHMARK_CAPTURE(nop_posted, validated, KEL_DEBUG_ARG)->Name("frame/nop_post_and_poll/validated");
 BENCHMARK_CAPTURE(scan_block, bare, 0u)->Name("frame/scan_64_of_12bit/bare");
 BENCHMARK_CAPTURE(scan_block, validated, KEL_DEBUG_ARG)->Name("frame/scan_64_of_12bit/validated");
 

@@ -8,6 +8,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <stdexcept>
 #include <string_view>
 
@@ -55,7 +56,27 @@ struct scan_t {
         check(outcome.status, "the scan");
         result.count = outcome.count;
     }
+
+    // Posts the scan; the result is the request's datum.
+    void post(kel_queue_t *queue, uint64_t flags, scan_result &result) const
+    {
+        flags |= result.indexes ? KEL_ONES_INDEX : 0;
+        check(op >= KEL_EQ_OR_EQ
+                  ? kel_scan_range_post(queue, flags, &column.vec, &result.vec, op, &values[0], &values[1], &result)
+                  : kel_scan_value_post(queue, flags, &column.vec, &result.vec, op, &values[0], &result),
+              "the posted scan");
+    }
 };
+
+// Shows the library's own lines, indented.
+void trace(kel_context_t *, void *, uint32_t, const char *, const char *message)
+{
+    for (const char *line = message; *line != '\0';) {
+        const size_t length = strcspn(line, "\n");
+        printf("    | %.*s\n", static_cast<int>(length), line);
+        line += length + (line[length] != '\0');
+    }
+}
 
 // Joins two bit vectors; bits behind the last element are 0 in both.
 void join(const scan_result &a, const scan_result &b, scan_result &result)
@@ -140,11 +161,35 @@ double best_time(int runs, const Run &run)
     return std::chrono::duration<double, std::micro>(best).count();
 }
 
+struct columns_t {
+    explicit columns_t(const flights_t &flights)
+        : delay(flights.delay, range_of(flights.delay, {late_minutes, late_minutes})),
+          distance(flights.distance, range_of(flights.distance, {near_miles, far_miles})), hour(flights.hour, {0, 23}),
+          month(flights.month, {1, 12}), origin(flights.origin), destination(flights.destination)
+    {
+    }
+
+    packed_column delay;
+    packed_column distance;
+    packed_column hour;
+    packed_column month;
+    packed_column origin;
+    packed_column destination;
+};
+
+// A scan that has been run, and what it found.
+struct answered_t {
+    scan_t scan;
+    scan_result found;
+};
+
 // Asks questions about one set of flights, and prints a line of a table for each.
 struct query_t {
     kel_context_t *ctx;
     const flights_t &flights;
+    const columns_t columns;
     bool timed;
+    std::deque<answered_t> answered;
 
     void print_head() const
     {
@@ -175,29 +220,37 @@ struct query_t {
         return scanned;
     }
 
-    void ask_numbers() const;
-    void ask_times() const;
-    void ask_airports() const;
+    // The same for a question that one scan answers; the scan is kept for the chain.
+    template <class Match>
+    scan_result &ask_scan(const question_t &question, bool indexes, const scan_t &scan, const Match &match)
+    {
+        return answered.emplace_back(scan, ask(question, indexes, scan, match)).found;
+    }
+
+    void ask_numbers();
+    void ask_times();
+    void ask_airports();
     void print_rows(const scan_result &indexes) const;
+    void run_chain() const;
 };
 
 // Delay and distance, one by one and joined.
-void query_t::ask_numbers() const
+void query_t::ask_numbers()
 {
-    const packed_column delays(flights.delay, range_of(flights.delay, {late_minutes, late_minutes}));
-    const packed_column distances(flights.distance, range_of(flights.distance, {near_miles, far_miles}));
+    const packed_column &delays = columns.delay;
+    const packed_column &distances = columns.distance;
     const int32_t *delay = flights.delay.data();
     const int32_t *distance = flights.distance.data();
 
     const question_t late = about("more than 2 hours late", "delay", delays, flights.delay);
     const scan_t scan_late = {delays, KEL_GT, {delays.value(late_minutes), {}}};
     const auto is_late = [=](size_t i) { return delay[i] > late_minutes; };
-    scan_result late_bits = ask(late, false, scan_late, is_late);
+    scan_result &late_bits = ask_scan(late, false, scan_late, is_late);
 
     const question_t middle = about("500 to 1000 miles", "distance", distances, flights.distance);
     const scan_t scan_middle = {distances, KEL_GE_AND_LE, {distances.value(near_miles), distances.value(far_miles)}};
     const auto is_middle = [=](size_t i) { return distance[i] >= near_miles && distance[i] <= far_miles; };
-    scan_result middle_bits = ask(middle, false, scan_middle, is_middle);
+    scan_result &middle_bits = ask_scan(middle, false, scan_middle, is_middle);
 
     const question_t joined = {"500 to 1000 miles, over 2 hours late", "delay, distance",
                                late.width_bits + middle.width_bits, late.packed_bytes + middle.packed_bytes,
@@ -210,30 +263,30 @@ void query_t::ask_numbers() const
     ask(joined, false, scan_both, [=](size_t i) { return is_late(i) && is_middle(i); });
 }
 
-void query_t::ask_times() const
+void query_t::ask_times()
 {
-    const packed_column hours(flights.hour, {0, 23});
-    const packed_column months(flights.month, {1, 12});
+    const packed_column &hours = columns.hour;
+    const packed_column &months = columns.month;
     const uint8_t *hour = flights.hour.data();
     const uint8_t *month = flights.month.data();
-    ask(about("before 6 in the morning", "hour", hours, flights.hour), false,
-        scan_t{hours, KEL_LT, {hours.value(early_hour), {}}}, [=](size_t i) { return hour[i] < early_hour; });
-    ask(about("in March", "month", months, flights.month), false, scan_t{months, KEL_EQ, {months.value(march), {}}},
-        [=](size_t i) { return month[i] == march; });
+    ask_scan(about("before 6 in the morning", "hour", hours, flights.hour), false,
+             scan_t{hours, KEL_LT, {hours.value(early_hour), {}}}, [=](size_t i) { return hour[i] < early_hour; });
+    ask_scan(about("in March", "month", months, flights.month), false,
+             scan_t{months, KEL_EQ, {months.value(march), {}}}, [=](size_t i) { return month[i] == march; });
 }
 
-void query_t::ask_airports() const
+void query_t::ask_airports()
 {
-    const packed_column origins(flights.origin);
-    const packed_column destinations(flights.destination);
+    const packed_column &origins = columns.origin;
+    const packed_column &destinations = columns.destination;
     const airport_t *origin = flights.origin.data();
     const airport_t *destination = flights.destination.data();
-    ask(about("to Chicago (ORD or MDW)", "destination", destinations, flights.destination), false,
-        scan_t{destinations, KEL_EQ_OR_EQ, {airport_value(ctx, chicago[0]), airport_value(ctx, chicago[1])}},
-        [=](size_t i) { return same(destination[i], chicago[0]) || same(destination[i], chicago[1]); });
-    print_rows(ask(about("from San Francisco (SFO)", "origin", origins, flights.origin), true,
-                   scan_t{origins, KEL_EQ, {airport_value(ctx, san_francisco), {}}},
-                   [=](size_t i) { return same(origin[i], san_francisco); }));
+    ask_scan(about("to Chicago (ORD or MDW)", "destination", destinations, flights.destination), false,
+             scan_t{destinations, KEL_EQ_OR_EQ, {airport_value(ctx, chicago[0]), airport_value(ctx, chicago[1])}},
+             [=](size_t i) { return same(destination[i], chicago[0]) || same(destination[i], chicago[1]); });
+    print_rows(ask_scan(about("from San Francisco (SFO)", "origin", origins, flights.origin), true,
+                        scan_t{origins, KEL_EQ, {airport_value(ctx, san_francisco), {}}},
+                        [=](size_t i) { return same(origin[i], san_francisco); }));
 }
 
 void query_t::print_rows(const scan_result &indexes) const
@@ -248,38 +301,68 @@ void query_t::print_rows(const scan_result &indexes) const
     }
 }
 
-void run(const std::string &path, bool timed)
+// All scans again as one chain of posted requests, each conditional on the one before.
+void query_t::run_chain() const
+{
+    const size_t n = answered.size();
+    kel_queue_t *queue;
+    check(kel_queue_create(ctx, static_cast<int>(n), &queue), "kel_queue_create");
+    std::deque<scan_result> results;
+    for (size_t i = 0; i < n; i++) {
+        const uint64_t first = i > 0 ? KEL_COND : 0;
+        const uint64_t last = i + 1 < n ? KEL_SERIAL : 0;
+        answered[i].scan.post(queue, first | last, results.emplace_back(flights.size(), answered[i].found.indexes));
+    }
+    std::vector<kel_poll_t> completions(n);
+    if (kel_poll(queue, completions.data(), static_cast<int>(n), 0) != static_cast<int>(n))
+        throw std::runtime_error("not every posted scan was completed");
+    for (size_t i = 0; i < n; i++) {
+        check(completions[i].status, "a scan of the chain");
+        results[i].count = completions[i].count;
+        if (completions[i].udata != &results[i] || !(results[i] == answered[i].found))
+            throw std::runtime_error("*** WRONG ANSWER *** posted scan " + std::to_string(i) + " differs");
+    }
+    check(kel_queue_destroy(queue), "kel_queue_destroy");
+    printf("\nThe same %zu scans, posted as one chain and polled, find the same.\n", n);
+}
+
+void run(const std::string &path, bool timed, bool traced)
 {
     const flights_t flights = read_flights(path);
     kel_context_t *ctx;
     check(kel_thread_init(2, 1, 0, nullptr, &ctx), "kel_thread_init");
     std::unique_ptr<kel_context_t, decltype(&kel_thread_fini)> closer(ctx, kel_thread_fini);
 
-    const query_t query = {ctx, flights, timed};
+    if (traced)
+        check(kel_set_log_callback(ctx, KEL_LOG_ALL, trace, nullptr), "kel_set_log_callback");
+    query_t query = {ctx, flights, columns_t(flights), timed, {}};
     printf("%zu flights in %s\n\n", flights.size(), path.c_str());
     query.print_head();
     query.ask_numbers();
     query.ask_times();
     query.ask_airports();
+    query.run_chain();
     check(kel_thread_fini(closer.release()), "kel_thread_fini");
     puts("\nEvery bit and every index agrees with a plain loop over plain arrays.");
 }
 
 } // namespace
 
-constexpr char usage[] = "usage: flights [--no-times] [FILE]\n"
+constexpr char usage[] = "usage: flights [--no-times] [--trace] [FILE]\n"
                          "\n"
                          "Packs the columns of a file of flights and asks questions with scans.\n"
                          "FILE has lines of date,delay,distance,origin,destination; default: the file that comes with\n"
                          "the library, " FLIGHTS_CSV "\n"
                          "\n"
                          "  --no-times  print no timings\n"
+                         "  --trace     show the library's log lines; each scan runs once, without timings\n"
                          "  --help      print this text\n";
 
 int main(int argc, char **argv)
 try {
     std::string path;
     bool times = true;
+    bool traced = false;
     for (int i = 1; i < argc; i++) {
         const std::string_view arg = argv[i];
         if (arg == "--help") {
@@ -288,6 +371,8 @@ try {
         }
         if (arg == "--no-times") {
             times = false;
+        } else if (arg == "--trace") {
+            traced = true;
         } else if (arg.empty() || arg.starts_with('-') || !path.empty()) {
             fputs(usage, stderr);
             return 2;
@@ -295,7 +380,7 @@ try {
             path = arg;
         }
     }
-    run(path.empty() ? FLIGHTS_CSV : path, times);
+    run(path.empty() ? FLIGHTS_CSV : path, times && !traced, traced);
     return 0;
 } catch (const std::exception &failure) {
     fflush(stdout);
