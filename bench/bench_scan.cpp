@@ -1,4 +1,5 @@
-// Range scans of packed columns, beside a plain read and a copy of the same bytes; and the roads that lead to one result.
+// Range scans of packed columns, beside a plain read and a copy of the same bytes; and the roads that lead to one
+// result.
 #include "bench_support.h"
 #include "kel_scan.h"
 #include <algorithm>
@@ -60,7 +61,7 @@ struct size_name_t {
 
 constexpr size_name_t sizes[] = {{"10k", in_cache}, {"20M", out_of_cache}};
 
-// ---- Data ------------------------------------------------------------------------------------------------------------
+// ---- Data -----------------------------------------------------------------------------------------------------------
 
 // Elements of one width, a given share of which is in the middle half of the domain (with one bit: is 1), the range of
 // the scans. Small scans take the first elements of the large ones.
@@ -158,7 +159,7 @@ uint8_t *output_bytes()
     return bytes.data();
 }
 
-// ---- Measures --------------------------------------------------------------------------------------------------------
+// ---- Measures -------------------------------------------------------------------------------------------------------
 
 double processor_ns()
 {
@@ -217,7 +218,7 @@ void copy(benchmark::State &state, width_t width, uint64_t elements)
     });
 }
 
-// ---- Roads -----------------------------------------------------------------------------------------------------------
+// ---- Roads ----------------------------------------------------------------------------------------------------------
 
 // One scan to a bit vector, as all roads see it.
 struct task_t {
@@ -293,7 +294,7 @@ void road(benchmark::State &state, void (*run)(const task_t &task))
         state.SkipWithError("the bits are wrong");
 }
 
-// ---- Registration ----------------------------------------------------------------------------------------------------
+// ---- Registration ---------------------------------------------------------------------------------------------------
 
 template <class... Arguments>
 void add(const std::string &name, void (*function)(benchmark::State &, Arguments...), Arguments... arguments)

@@ -6,11 +6,12 @@
 #include "kel_io.h"
 #include "kel_limits.h"
 
-// ---- Dispatch --------------------------------------------------------------------------------------------------------
+// ---- Dispatch -------------------------------------------------------------------------------------------------------
 
 // The element types of the kernels, in the order of their classes: a class is twice the type's number, and odd for the
-// forms that walk a pointer over aligned elements of equal widths. Dispatch takes uint8 for widths of zero alone and
-// never an odd class or one of uint16 and uint32; those lead to the general kernels all the same.
+// forms that walk a pointer over aligned elements of equal widths. With an operator of its family, dispatch takes uint8
+// for widths of zero alone and never an odd class or one of uint16 and uint32; those lead to the general kernels all
+// the same.
 enum kel_type_t : unsigned {
     kel_type_uintptr,
     kel_type_uint8,
@@ -43,13 +44,16 @@ inline unsigned kel_dispatch_ext(const kel_context_t *ctx, const kel_vec_t *src)
     return ctx->debug_options & KEL_DEBUG_EXTRA || src->format & KEL_VAR;
 }
 
-// ---- Ends of a kernel ------------------------------------------------------------------------------------------------
+// ---- Ends of a kernel -----------------------------------------------------------------------------------------------
 
 // The end of a destination as kernels see it: its byte length rounded up to the unit of padding.
 inline void *kel_dst_end(void *start, uint64_t bytes)
 {
     return static_cast<uint8_t *>(start) + (bytes + kel_dst_align - 1) / kel_dst_align * kel_dst_align;
 }
+
+// A place for checks of the kernels' invariants; empty.
+void do_asserts();
 
 // Reports that a kernel stopped with status at the stored element that is the given one, counted from 1.
 void kel_kernel_failed(kel_context_t *ctx, kel_status_t status, uint64_t element);
@@ -59,10 +63,10 @@ void kel_kernel_failed(kel_context_t *ctx, kel_status_t status, uint64_t element
 kel_status_t kel_finish_output(const kel_vec_t *dst, kel_output_t out, void *end, unsigned ext, kel_status_t status,
                                cca_t *cca);
 
-// ---- Adaptation of an element to the width of a destination element --------------------------------------------------
+// ---- Adaptation of an element to the width of a destination element -------------------------------------------------
 //
-// The element of src_bits is right-aligned in its word. Too wide for dst_bits, it keeps its top bytes; narrower, it stands
-// at the low end, or at the high end with KEL_PAD. It is written count times.
+// The element of src_bits is right-aligned in its word. Too wide for dst_bits, it keeps its top bytes; narrower, it
+// stands at the low end, or at the high end with KEL_PAD. It is written count times.
 
 // Shifts of a word of Word's width, taken modulo that width as the processor does.
 template <class Word>

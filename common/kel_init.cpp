@@ -248,8 +248,8 @@ kel_status_t kel_thread_fini(kel_context_t *ctx)
     while (ctx->qlist)
         kel_queue_destroy(ctx->qlist->queue);
     kel_thread_detach(ctx);
-    // A later use of the stale pointer is to meet the owner test, not the bare road. The barrier keeps the compiler from
-    // dropping stores to memory that is about to be freed.
+    // A later use of the stale pointer is to meet the owner test, not the bare road. The barrier keeps the compiler
+    // from dropping stores to memory that is about to be freed.
     *ctx = {};
     ctx->debug_options = KEL_DEBUG_ARG;
     __asm__ volatile("" : : "r"(ctx) : "memory");

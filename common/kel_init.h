@@ -51,8 +51,9 @@ kel_status_t kel0_thread_destroy(kel_thread_t *thread, kel_context_t *ctx);
 kel_status_t kel1_thread_create(kel_context_t *ctx, kel_thread_t *thread);
 kel_status_t kel1_thread_destroy(kel_thread_t *thread, kel_context_t *ctx);
 
-// Memory services. A null context, or one without an allocator of its own, means the system's functions. With a client's
-// allocator kel_free needs the very size that the block was asked with. A null result is reported at error level, but for the system's valloc.
+// Memory services. A null context, or one without an allocator of its own, means the system's functions. With a
+// client's allocator kel_free needs the very size that the block was asked with. A null result is reported at error
+// level, but for the system's valloc.
 void *kel_malloc(kel_context_t *ctx, size_t size);
 void *kel_calloc(kel_context_t *ctx, size_t count, size_t size);
 void *kel_memalign(kel_context_t *ctx, size_t align, size_t size);

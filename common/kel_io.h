@@ -15,7 +15,7 @@
 
 typedef unsigned long ulong_t;
 
-// ---- Words -----------------------------------------------------------------------------------------------------------
+// ---- Words ----------------------------------------------------------------------------------------------------------
 
 inline uint64_t kel_shl(uint64_t word, uint64_t bits)
 {
@@ -172,7 +172,7 @@ inline qword_t qword_sub_dword(qword_t v, int64_t n)
     return {v.hi - (lo > v.lo), lo};
 }
 
-// ---- Reader ----------------------------------------------------------------------------------------------------------
+// ---- Reader ---------------------------------------------------------------------------------------------------------
 
 typedef struct {
     uint64_t cache;       // unread bits, left-justified; zero below the top cache_bits, but after a 64-bit read
@@ -275,7 +275,7 @@ inline uint8_t *kelio_get_bits_ptr(kel_input_t *in, ulong_t bits)
     return reinterpret_cast<uint8_t *>(&in->val);
 }
 
-// ---- Writer ----------------------------------------------------------------------------------------------------------
+// ---- Writer ---------------------------------------------------------------------------------------------------------
 
 typedef struct {
     uint64_t cache;      // bits not yet stored, left-justified
@@ -313,7 +313,8 @@ inline void kelio_flush(kel_output_t *out)
     out->cache_bits = 0;
 }
 
-// Appends the low bits of val. Where the field is not split, val is not masked: higher bits land in the fields before it.
+// Appends the low bits of val. Where the field is not split, val is not masked: higher bits land in the fields before
+// it.
 inline void kelio_put_bits(kel_output_t *out, uint64_t val, ulong_t bits)
 {
     uint64_t free = 64 - out->cache_bits;
@@ -391,11 +392,11 @@ inline int kelio_overflow(const kel_output_t *out, const void *end)
     return static_cast<const void *>(out->buf) >= end;
 }
 
-// Stores what the cache holds and pads with zeros to the next multiple of 64 bytes. KEL_EOVERFLOW, with nothing written,
-// if that lies above end; a cache that is left is the caller's to flush.
+// Stores what the cache holds and pads with zeros to the next multiple of 64 bytes. KEL_EOVERFLOW, with nothing
+// written, if that lies above end; a cache that is left is the caller's to flush.
 int kelio_pad_output(kel_output_t *out, const void *end);
 
-// ---- Population count ------------------------------------------------------------------------------------------------
+// ---- Population count -----------------------------------------------------------------------------------------------
 
 // The processor's instruction; only where the processor has it.
 __attribute__((target("popcnt"))) inline uint64_t popc_instruction(uint64_t v)

@@ -25,8 +25,8 @@ extern "C" KEL_API void emulate_error(void);
 // Whether a line of this level is to be written. A null context writes every line.
 bool kel_log_on(const kel_context_t *ctx, uint32_t level);
 
-// Writes one line, of any length, and leaves errno as it is. It goes to the channels of
-// the context that have the level, and takes no memory from the heap. With a null context the line goes to standard error and to the system log.
+// Writes one line, of any length, and leaves errno as it is. It goes to the channels of the context that have the
+// level, and takes no memory from the heap. With a null context the line goes to standard error and to the system log.
 void kel_log_msg(kel_context_t *ctx, uint32_t level, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
 // A line whose arguments are evaluated, and whose text is built, only if its level is on; hence a macro.

@@ -1,8 +1,9 @@
 // Scans: the values that elements are compared with, and the public calls.
 #include "kel_scan.h"
+#include "kel_io.h"
 #include "kel_valid.h"
 
-// ---- Values ----------------------------------------------------------------------------------------------------------
+// ---- Values ---------------------------------------------------------------------------------------------------------
 
 static int kel_int_create_valid(kel_context_t *ctx, size_t len)
 {
@@ -50,14 +51,14 @@ kel_status_t kel_int_create(kel_context_t *ctx, const void *buf, size_t len, kel
 // value whose bytes end at a word's border has none.
 static bool val_valid(const kel_int_t *val)
 {
-    const uint64_t bits = kel_width_bits(val->format, val->elem_width);
-    const uint64_t rounded = (bits + 7) / 8 * 8;
+    const uint64_t bits = kel_width_bits(val);
+    const uint64_t rounded = kel_round_bits(bits);
     if (bits > 192 || rounded % 64 == 0)
         return true;
     return val->dword[2 - rounded / 64] >> (rounded % 64) == 0;
 }
 
-// ---- Validation ------------------------------------------------------------------------------------------------------
+// ---- Validation -----------------------------------------------------------------------------------------------------
 
 // Sets of operators, a bit for each.
 static constexpr uint32_t value_ops =
@@ -105,7 +106,7 @@ static int scan_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, 
 
 static int val_content_valid(kel_context_t *ctx, const kel_int_t *val, const char *name)
 {
-    const uint64_t bits = kel_width_bits(val->format, val->elem_width);
+    const uint64_t bits = kel_width_bits(val);
     return kel_test(1, val_valid(val), ctx, "Invalid %s->dword[%u]: bytes above elem_width %u %s are non-zero", name,
                     static_cast<unsigned>(2 - (bits - 1) / 64), val->elem_width,
                     bit_byte_fmt_str(val->format & KEL_BITS));
@@ -123,7 +124,7 @@ static int scan_valid_extra(kel_context_t *ctx, uint64_t, const kel_vec_t *src, 
     return valid;
 }
 
-// ---- The two operations ----------------------------------------------------------------------------------------------
+// ---- The two operations ---------------------------------------------------------------------------------------------
 
 // What the two scans have in common. upper is null for a scan with one value.
 struct scan_op {

@@ -8,8 +8,8 @@
 #include "kel_limits.h"
 #include "kel_sync.h"
 
-// fmt_add and fmt_remove name the format bits that the caller accepts beyond, or refuses of, the usual ones; name is the
-// vector's role in the messages.
+// fmt_add and fmt_remove name the format bits that the caller accepts beyond, or refuses of, the usual ones; name is
+// the vector's role in the messages.
 int src_valid(kel_context_t *ctx, const kel_vec_t *vec, uint64_t fmt_add, uint64_t fmt_remove, const char *name,
               unsigned api_version, int log);
 // A destination that receives elements.

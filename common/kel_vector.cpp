@@ -99,8 +99,8 @@ uint64_t sum_fields(uint64_t word)
     }
 }
 
-// Kept: of a stream that starts at a word of memory, whole words are taken as they stand in a register, so that fields of
-// 16 and 32 bits are byte-reversed there. No source may have such an aux width.
+// Kept: of a stream that starts at a word of memory, whole words are taken as they stand in a register, so that fields
+// of 16 and 32 bits are byte-reversed there. No source may have such an aux width.
 template <unsigned width>
 size_t sum_stream(stream_words words, size_t count)
 {

@@ -14,6 +14,11 @@ inline uint64_t kel_width_bits(const kel_vec_t *vec)
     return kel_width_bits(vec->format, vec->elem_width);
 }
 
+inline uint64_t kel_width_bits(const kel_int_t *val)
+{
+    return kel_width_bits(val->format, val->elem_width);
+}
+
 // Byte lengths of the two streams of a vector, counted from the first byte, offset included.
 inline uint64_t kel_data_bytes(const kel_vec_t *vec)
 {
@@ -25,8 +30,8 @@ inline uint64_t kel_aux_bytes(const kel_vec_t *vec)
     return (vec->aux_offset + uint64_t{vec->aux_width} * vec->elements + 7) / 8;
 }
 
-// Overlaps of buffers: 1 for overlap. To vec_overlap a compressed vector overlaps nothing: its length is not known from its
-// count.
+// Overlaps of buffers: 1 for overlap. To vec_overlap a compressed vector overlaps nothing: its length is not known from
+// its count.
 int vec_overlap(const kel_vec_t *a, const kel_vec_t *b);
 int aux_overlap(const kel_vec_t *src, const kel_vec_t *dst);
 int addr_overlap(const void *a, const void *b, uint64_t len);
@@ -35,8 +40,8 @@ int addr_overlap(const void *a, const void *b, uint64_t len);
 // vector describe, the bytes of a KEL_VAR vector. A width that is not a power of two up to 32 is reported, and gives 0.
 size_t aux_sum(kel_context_t *ctx, const kel_vec_t *vec);
 
-// The first of count fields of width bits (1, 2, 4, 8, 16, else 32) at data, after offset bits, with (field & mask) equal
-// to value, or above it. 1 if there is one, with its number in *index; if not, *index may have been written, too.
+// The first of count fields of width bits (1, 2, 4, 8, 16, else 32) at data, after offset bits, with (field & mask)
+// equal to value, or above it. 1 if there is one, with its number in *index; if not, *index may have been written, too.
 int compare_bits_eq(const void *data, unsigned width, unsigned offset, size_t count, unsigned long mask,
                     unsigned long value, unsigned long *index);
 int compare_bits_gt(const void *data, unsigned width, unsigned offset, size_t count, unsigned long mask,

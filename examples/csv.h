@@ -24,6 +24,6 @@ struct flights_t {
     }
 };
 
-// Reads a file that has a header and at least one flight. Throws std::runtime_error, "FILE:LINE: reason" or, if the file
-// cannot be read, "FILE: reason".
+// Reads a file that has a header and at least one flight. Throws std::runtime_error, "FILE:LINE: reason" or, if the
+// file cannot be read, "FILE: reason".
 flights_t read_flights(const std::string &path);

@@ -26,7 +26,7 @@ constexpr int march = 3;
 constexpr airport_t san_francisco = {'S', 'F', 'O'};
 constexpr airport_t chicago[2] = {{'O', 'R', 'D'}, {'M', 'D', 'W'}};
 
-// ---- The library -----------------------------------------------------------------------------------------------------
+// ---- The library ----------------------------------------------------------------------------------------------------
 
 void check(kel_status_t status, const char *call)
 {
@@ -92,7 +92,7 @@ void join(const scan_result &a, const scan_result &b, scan_result &result)
     }
 }
 
-// ---- The plain loops -------------------------------------------------------------------------------------------------
+// ---- The plain loops ------------------------------------------------------------------------------------------------
 
 template <class Match>
 void loop_bits(scan_result &result, const Match &match)
@@ -131,7 +131,7 @@ bool same(const airport_t &a, const airport_t &b)
     return a[0] == b[0] && a[1] == b[1] && a[2] == b[2];
 }
 
-// ---- Questions -------------------------------------------------------------------------------------------------------
+// ---- Questions ------------------------------------------------------------------------------------------------------
 
 struct question_t {
     const char *text;

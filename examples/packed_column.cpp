@@ -27,7 +27,7 @@ range_t range_of(const std::vector<int32_t> &plain, range_t compared)
     return {std::min<int64_t>(*lowest, compared.lowest), std::max<int64_t>(*highest, compared.highest)};
 }
 
-// ---- Columns ---------------------------------------------------------------------------------------------------------
+// ---- Columns --------------------------------------------------------------------------------------------------------
 
 uint32_t packed_column::width_for(range_t range)
 {
@@ -65,7 +65,7 @@ kel_int_t packed_column::value(int64_t number) const
     return {format, vec.elem_width, {0, 0, static_cast<uint64_t>(number - bias)}};
 }
 
-// ---- Results ---------------------------------------------------------------------------------------------------------
+// ---- Results --------------------------------------------------------------------------------------------------------
 
 static size_t result_bytes(uint64_t entries, bool indexes)
 {

@@ -25,8 +25,8 @@ struct range_t {
 // The range of a column together with that of the values that it will be compared with.
 range_t range_of(const std::vector<int32_t> &plain, range_t compared);
 
-// A column of elements of fixed width, back to back. Numbers are stored as their distance from the lowest of a range, in
-// the bits that the greatest distance needs; codes of letters in a byte for each letter.
+// A column of elements of fixed width, back to back. Numbers are stored as their distance from the lowest of a range,
+// in the bits that the greatest distance needs; codes of letters in a byte for each letter.
 struct packed_column {
     template <class T>
     packed_column(const std::vector<T> &plain, range_t range)

@@ -13,14 +13,16 @@
  *
  * Buffers. A source may start at any address. It is read in aligned 8-byte words, up to the end of the word that holds
  * its last bit: the bytes up to there must be readable. A destination starts at a multiple of 64 bytes and at bit 0;
- * its nominal end is its byte length rounded up to 64 bytes. The library pads what it writes with zero bytes to the next
- * multiple of 64, and a destination needs 64 more bytes of room behind its nominal end, because overflow is noticed
- * between elements only. The library never takes ownership of a vector or of what its pointers address.
+ * its nominal end is its byte length rounded up to 64 bytes. The library pads what it writes with zero bytes to the
+ * next multiple of 64, and a destination needs 64 more bytes of room behind its nominal end, because overflow is
+ * noticed between elements only; a run-length source may need more (see kel_scan_value). The library never takes
+ * ownership of a vector or of what its pointers address.
  *
- * Failures. A call that fails says so by a negative kel_status_t (but for one case of kel_thread_init), never by a signal and never by an exit. An argument
- * that fails validation leaves every buffer untouched. Reasons are told in log lines at level KEL_LOG_ERROR. A new
- * context validates its arguments (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule have
- * undefined results. A null context is not tested for.
+ * Failures. A call that fails says so by a negative kel_status_t (but for one case of kel_thread_init), never by ending
+ * the program (but for an operator that no enumerator of kel_compare_t names). An argument that fails validation leaves
+ * every buffer untouched. Reasons are told in log lines at level KEL_LOG_ERROR. A new context validates its arguments
+ * (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule have undefined results. A null context
+ * is not tested for.
  *
  * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing. A thread
  * closes its contexts before it ends: one that is left open stays allocated and may not be used any more.
@@ -156,7 +158,7 @@ typedef enum kel_compare KEL_INT32 {
     KEL_LE_OR_GE = 31
 } kel_compare_t;
 
-/* ---- Results ------------------------------------------------------------------------------------------------------ */
+/* ---- Results ----------------------------------------------------------------------------------------------------- */
 
 /* The outcome of a synchronous operation. */
 typedef struct kel_result {
@@ -199,7 +201,7 @@ typedef struct kel_queue kel_queue_t;     /* a queue of requests; owned by the l
 typedef void (*kel_log_func_t)(kel_context_t *ctx, void *cb_data, uint32_t level, const char *prefix,
                                const char *message);
 
-/* ---- Description of one request, as trace probes present it -------------------------------------------------------- */
+/* ---- Description of one request, as trace probes present it ------------------------------------------------------ */
 
 typedef enum kel_cmd KEL_INT32 {
     KEL_CMD_SCAN_VALUE = 0,
@@ -256,7 +258,7 @@ typedef struct kel_request {
     } arg;
 } kel_request_t;
 
-/* ---- Contexts ----------------------------------------------------------------------------------------------------- */
+/* ---- Contexts ---------------------------------------------------------------------------------------------------- */
 
 /* Allocates size bytes, at any alignment; null if it cannot. */
 typedef void *(*kel_alloc_t)(uint64_t size, void *cb_data);
@@ -277,17 +279,18 @@ typedef struct kel_init_options {
 #define KEL_ALLOC 1u
 
 /*
- * Opens a context on the calling thread and stores it in *ctx. The interface version is major 1 or 2, minor 1. Version 2
- * accepts bit-packed source elements of up to 24 bits (version 1: 16), and pipe flags. A thread may hold several
+ * Opens a context on the calling thread and stores it in *ctx. The interface version is major 1 or 2, minor 1. Version
+ * 2 accepts bit-packed source elements of up to 24 bits (version 1: 16), and pipe flags. A thread may hold several
  * contexts, of both versions.
  *
  * init_options is read only with KEL_ALLOC, and then must not be null. The context record itself and the library's copy
  * of init_options come from the system's allocator all the same.
  *
  * KEL_SUCCESS; KEL_EINVAL: an unknown option bit, or a null callback; KEL_EBADVER: a version that does not exist;
- * KEL_ENOMEM; KEL_EINTERNAL: the thread-specific key could not be made or set; 12, a positive number, if the first block
- * that the thread's record needs cannot be had. The reason of a refused argument, and of memory for the context itself, is written to standard error and to the
- * system log. After KEL_EINVAL and KEL_EBADVER *ctx is untouched, after a failure to attach to the thread it is null.
+ * KEL_ENOMEM; KEL_EINTERNAL: the thread-specific key could not be made or set; 12, a positive number, if the first
+ * block that the thread's record needs cannot be had. The reason of a refused argument, and of memory for the context
+ * itself, is written to standard error and to the system log. After KEL_EINVAL and KEL_EBADVER *ctx is untouched, after
+ * a failure to attach to the thread it is null.
  */
 KEL_API kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options,
                                      const kel_init_options_t *init_options, kel_context_t **ctx);
@@ -449,7 +452,8 @@ KEL_API kel_status_t kel_int_create(kel_context_t *ctx, const void *buf, size_t 
  *
  * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run or a width of 0; KEL_EOVERFLOW: the destination is full;
  * KEL_EPARSE: an operator without kernel (validation off); KEL_ENOTIMPL: a KEL_ZIP source. After KEL_EDATAFMT and
- * KEL_EOVERFLOW dst holds the outcome of the elements before the failing one, padded, and count their matches.
+ * KEL_EOVERFLOW dst holds the outcome of the elements before the failing one, padded unless a run went past the nominal
+ * end, and count their matches. An operator that no enumerator names is refused, acts as another, or ends the program.
  */
 KEL_API kel_result_t kel_scan_value(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                     kel_compare_t op, const kel_int_t *val);

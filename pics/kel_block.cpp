@@ -1,8 +1,8 @@
 // The producers of mask words in portable code.
 //
-// Eight elements of w bits take w bytes, whatever w and the offset are. So the places of the elements j, j + 8, j + 16 ...
-// of a block differ by whole bytes, and one shift count serves all of them. A block is unpacked into lanes of the next
-// machine width, and the predicate turns the lanes into a mask word.
+// Eight elements of w bits take w bytes, whatever w and the offset are. So the places of the elements j, j + 8, j + 16
+// ... of a block differ by whole bytes, and one shift count serves all of them. A block is unpacked into lanes of the
+// next machine width, and the predicate turns the lanes into a mask word.
 #include "kel_block.h"
 
 namespace
@@ -44,8 +44,8 @@ inline void unpack_bytes(const fields_t &fields, Lane *lanes)
         lanes[i] = kel_load_be<Lane>(fields.data + i * sizeof(Lane));
 }
 
-// The lowest bits of eight bytes, the first byte's on top: each product term lands in a bit of its own, and the terms of
-// the wanted bits make up the top byte.
+// The lowest bits of eight bytes, the first byte's on top: each product term lands in a bit of its own, and the terms
+// of the wanted bits make up the top byte.
 inline uint64_t gather_bits(const uint8_t *bytes)
 {
     return kel_load_be<uint64_t>(bytes) * 0x0102040810204080 >> 56;

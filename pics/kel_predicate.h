@@ -32,7 +32,7 @@ inline bool accepts(unsigned accept, int order)
     return accept >> (order + 1) & 1;
 }
 
-// ---- Reduction -------------------------------------------------------------------------------------------------------
+// ---- Reduction ------------------------------------------------------------------------------------------------------
 
 __extension__ typedef unsigned __int128 uint128_t;
 
@@ -55,7 +55,7 @@ struct interval_t {
     }
 };
 
-// The borders between the outcomes of elements of element_bits (1 to 64) against a value of value_bits (at least 1).
+// The borders between the outcomes of elements of element_bits (1 to 64) against a value of value_bits (1 to 128).
 struct outcomes_t {
     uint128_t equal;   // the first element that is not below
     uint128_t greater; // the first element that is above
@@ -110,6 +110,7 @@ inline predicate_t reduce(const operator_t &op, const outcomes_t &at)
     return make_predicate({accepted(op.accept[0], at)}, op.accept[0] == accept_ne, at.end);
 }
 
+// The joins that operators have: EQ or EQ, NE and NE, and of two orders either both of a range or one of its outsides.
 inline predicate_t reduce(const operator_t &op, const outcomes_t &lower, const outcomes_t &upper)
 {
     const interval_t a = accepted(op.accept[0], lower);

@@ -1,7 +1,7 @@
 // The scans: kernels for every type, format and output, the road of blocks beside them, and the choice between them.
 //
-// The general kernel goes element by element and is the definition of correct. Sources of fixed width up to 64 bits take
-// the road of blocks, with the same bytes, counters, statuses and messages.
+// The general kernel goes element by element and is the definition of correct. Sources of fixed width up to 64 bits
+// take the road of blocks, with the same bytes, counters, statuses and messages.
 #pragma once
 
 #include "kel_block.h"
@@ -24,9 +24,10 @@ struct scan_t {
     cca_t *cca;
 };
 
-// ---- Element types ---------------------------------------------------------------------------------------------------
+// ---- Element types --------------------------------------------------------------------------------------------------
 //
-// A type reads an element (get), takes a value apart (value), and orders the two by their bytes (order); widths are in bits.
+// A type reads an element (get), takes a value apart (value), and orders the two by their bytes (order); widths are in
+// bits.
 
 template <class Word, int (*cmp)(Word, Word)>
 struct word_order {
@@ -50,7 +51,7 @@ struct word_order {
 // A word of a value, 0 if the value is too narrow to have it.
 inline uint64_t value_word(const kel_int_t *val, unsigned word)
 {
-    return kel_width_bits(val->format, val->elem_width) >= 64 * (2 - word) ? val->dword[word] : 0;
+    return kel_width_bits(val) >= 64 * (2 - word) ? val->dword[word] : 0;
 }
 
 struct uint64_unalign : word_order<uint64_t, dword_cmp> {
@@ -156,36 +157,37 @@ template <class Type, unsigned values>
 class comparison
 {
   public:
-    explicit comparison(const scan_t &scan) : op(scan.op)
+    explicit comparison(const scan_t &scan) : op(scan.op), needed(scan.op.both ? 2 : 1)
     {
         for (unsigned i = 0; i < values; i++) {
             value[i] = Type::value(scan.val[i]);
-            value_bits[i] = kel_width_bits(scan.val[i]->format, scan.val[i]->elem_width);
+            value_bits[i] = kel_width_bits(scan.val[i]);
         }
     }
 
     bool match(const typename Type::word &element, uint64_t bits) const
     {
-        const bool first = match_one(0, element, bits);
+        const unsigned first = match_one(0, element, bits);
         if constexpr (values == 1)
             return first;
         else
-            return op.both ? first & match_one(1, element, bits) : first | match_one(1, element, bits);
+            return first + match_one(1, element, bits) >= needed;
     }
 
   private:
-    bool match_one(unsigned i, const typename Type::word &element, uint64_t bits) const
+    unsigned match_one(unsigned i, const typename Type::word &element, uint64_t bits) const
     {
         const int order = Type::order(element, bits, value[i], value_bits[i]);
         return accepts(op.accept[i], order != 0 ? order : Type::tie(bits, value_bits[i]));
     }
 
     operator_t op;
+    unsigned needed; // comparisons that have to hold
     decltype(Type::value(nullptr)) value[values];
     uint64_t value_bits[values];
 };
 
-// ---- The general kernel ----------------------------------------------------------------------------------------------
+// ---- The general kernel ---------------------------------------------------------------------------------------------
 
 // How far a scan came.
 struct progress_t {
@@ -250,7 +252,7 @@ kel_status_t general_kernel(const scan_t &scan)
     return finish(scan, sink, status, progress);
 }
 
-// ---- The road of blocks ----------------------------------------------------------------------------------------------
+// ---- The road of blocks ---------------------------------------------------------------------------------------------
 
 // A block that the sink refused as a whole.
 template <class Sink>
@@ -312,8 +314,7 @@ predicate_t scan_predicate(const scan_t &scan, kel_type_t type)
     for (unsigned i = 0; i < values; i++) {
         const kel_int_t *val = scan.val[i];
         const uint64_t high = type == kel_type_uint128 ? value_word(val, 1) : 0;
-        at[i] = outcomes(kel_width_bits(scan.src), uint128_t{high} << 64 | val->dword[2],
-                         kel_width_bits(val->format, val->elem_width));
+        at[i] = outcomes(kel_width_bits(scan.src), uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
     }
     if constexpr (values == 1)
         return reduce(scan.op, at[0]);
@@ -321,7 +322,7 @@ predicate_t scan_predicate(const scan_t &scan, kel_type_t type)
         return reduce(scan.op, at[0], at[1]);
 }
 
-// ---- The choice of a kernel ------------------------------------------------------------------------------------------
+// ---- The choice of a kernel -----------------------------------------------------------------------------------------
 
 template <class Type, unsigned values, class Sink>
 kel_status_t general_by_format(const scan_t &scan, bool widths, bool runs)
@@ -352,15 +353,19 @@ kel_status_t general_by_type(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
     }
 }
 
-// Whether a source can go by blocks: fixed elements of up to 64 bits, against values that have a width.
+// Whether a source can go by blocks: fixed elements of up to 64 bits, as many as a 64-bit length in bits can tell,
+// against values of 1 to 128 bits.
 template <unsigned values>
 bool block_road(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
 {
     const uint64_t bits = kel_width_bits(scan.src);
     bool fits = fmt == kel_fmt_fixed && (type == kel_type_uint64 || type == kel_type_uint128);
     fits &= bits >= 1 && bits <= 64 && scan.src->offset <= kel_max_offset;
-    for (unsigned i = 0; i < values; i++)
-        fits &= scan.val[i]->elem_width != 0;
+    fits &= scan.src->elements <= (UINT64_MAX - 2 * 8) / 64;
+    for (unsigned i = 0; i < values; i++) {
+        const uint64_t value_bits = kel_width_bits(scan.val[i]);
+        fits &= value_bits >= 1 && value_bits <= 128;
+    }
     return fits;
 }
 
@@ -389,6 +394,7 @@ template <unsigned count>
 struct family_t {
     const char *verbose_line;
     const char *source;
+    unsigned line;
     int first_op;
     unsigned op_bits;
     operator_t operators[count];
@@ -422,7 +428,7 @@ kel_status_t scan_emulate(const family_t<count> &family, scan_t scan, uint64_t f
     const auto relative_op = static_cast<uint64_t>(int64_t{op} - family.first_op);
     const slot_t slot = find_slot(kel_class(wide), kel_dispatch_fmt(src), relative_op, family.op_bits);
     if (slot.type >= kel_types || slot.fmt >= kel_fmts)
-        kel_assert_fail("0", family.source, __LINE__, __func__);
+        kel_assert_fail("0", family.source, family.line, __func__);
 
     scan.op = family.operators[slot.op];
     scan.ext = kel_dispatch_ext(scan.ctx, src);

@@ -4,6 +4,7 @@
 static constexpr family_t<16> family = {
     .verbose_line = "Emulating kel_scan_range",
     .source = "pics/kel_scan_range_emulate.cpp",
+    .line = __LINE__,
     .first_op = KEL_EQ_OR_EQ,
     .op_bits = 4,
     .operators =

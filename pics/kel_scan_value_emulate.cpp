@@ -4,6 +4,7 @@
 static constexpr family_t<8> family = {
     .verbose_line = "Emulating kel_scan_value",
     .source = "pics/kel_scan_value_emulate.cpp",
+    .line = __LINE__,
     .first_op = 0,
     .op_bits = 3,
     .operators =

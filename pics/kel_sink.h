@@ -12,10 +12,11 @@
 namespace
 {
 
-class bit_sink
+// A destination, its writer, and its nominal end.
+class sink
 {
   public:
-    explicit bit_sink(const kel_vec_t *dst) : end(kel_dst_end(dst->data, kel_data_bytes(dst)))
+    explicit sink(const kel_vec_t *dst) : end(kel_dst_end(dst->data, kel_data_bytes(dst)))
     {
         kelio_vec_output(dst, &out);
     }
@@ -24,6 +25,15 @@ class bit_sink
     {
         return kelio_overflow(&out, end);
     }
+
+    kel_output_t out;
+    void *end;
+};
+
+class bit_sink : public sink
+{
+  public:
+    using sink::sink;
 
     void put(bool match, uint64_t run)
     {
@@ -41,9 +51,6 @@ class bit_sink
             kelio_flush(&out);
         return true;
     }
-
-    kel_output_t out;
-    void *end;
 };
 
 // The entry's width is the destination's, less the bits above whole bytes.
@@ -52,19 +59,10 @@ inline uint64_t index_bits(const kel_vec_t *dst)
     return kel_width_bits(dst) & ~uint64_t{7};
 }
 
-class index_sink
+class index_sink : public sink
 {
   public:
-    explicit index_sink(const kel_vec_t *dst)
-        : end(kel_dst_end(dst->data, kel_data_bytes(dst))), entry_bits(index_bits(dst))
-    {
-        kelio_vec_output(dst, &out);
-    }
-
-    bool full() const
-    {
-        return kelio_overflow(&out, end);
-    }
+    explicit index_sink(const kel_vec_t *dst) : sink(dst), entry_bits(index_bits(dst)) {}
 
     // Kept: an index is not cut to the entry's width, so that its high bits land in the entries before it.
     void put(bool match, uint64_t run)
@@ -76,8 +74,6 @@ class index_sink
                 kelio_put_bits(&out, index++, entry_bits);
     }
 
-    kel_output_t out;
-    void *end;
     uint64_t entry_bits;
     uint64_t index = 0;
 };
