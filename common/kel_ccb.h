@@ -38,8 +38,8 @@ typedef struct {
     uint32_t rsvd2 : 2;
 } ccb_hdr_t;
 
-// The bits that all control words but that of a nop begin with: formats, element sizes and bit offsets of the inputs and
-// the output.
+// The bits that all control words but that of a nop begin with: formats, element sizes and bit offsets of the inputs
+// and the output.
 #define KEL_CONTROL_FIELDS                                                                                             \
     uint32_t pri_fmt : 4;                                                                                              \
     uint32_t pri_elem_size : 5;                                                                                        \
@@ -190,7 +190,7 @@ static_assert(offsetof(kel_scan_ccb_t, lu2) == 64 && offsetof(kel_scan_ccb_t, un
 static_assert(sizeof(kel_cca_t) == 128 && offsetof(kel_cca_t, n_processed) == 32 && offsetof(kel_cca_t, retval) == 56);
 static_assert(sizeof(ccb_completion_area_t) == 128 && offsetof(ccb_completion_area_t, command_rv) == 56);
 
-// ---- Records of the driver's interface -------------------------------------------------------------------------------
+// ---- Records of the driver's interface ------------------------------------------------------------------------------
 
 typedef struct {
     uint64_t dcti_ccb_buf_maxlen; // size of the block buffer
@@ -227,13 +227,13 @@ static_assert(sizeof(kel_submit_res_t) == 16 && sizeof(kel_ca_dequeue_arg_t) == 
 // The text of a kel_kill_res.
 const char *kel_kill_status_str(uint16_t result);
 
-// ---- Conversions of a scan's block -----------------------------------------------------------------------------------
+// ---- Conversions of a scan's block ----------------------------------------------------------------------------------
 
 // The operator of a block: an opcode of 2 tests for equality, one of 3 for order, 16 more inverts the test.
 kel_compare_t ccb_to_scan_op(const kel_scan_ccb_t *ccb);
 
-// The values of a block, right-aligned: that of a value scan, which may stand in either place, and those of a range scan.
-// dword[0], and dword[1] of a value of up to 8 bytes, are left alone.
+// The values of a block, right-aligned: that of a value scan, which may stand in either place, and those of a range
+// scan. dword[0], and dword[1] of a value of up to 8 bytes, are left alone.
 void ccb_to_scan_value(const kel_scan_ccb_t *ccb, kel_int_t *val);
 void ccb_to_scan_lower(const kel_scan_ccb_t *ccb, kel_int_t *lower);
 void ccb_to_scan_upper(const kel_scan_ccb_t *ccb, kel_int_t *upper);

@@ -20,8 +20,8 @@
 //   pipe_dst(args)                            the output that the next request of a pipeline may read, or null
 //   request(args, request)                    fills in what trace probes show; only where the operation has a probe
 //
-// A posted request takes the same road to its emulation, kel_post and kel_post_il, and leaves its outcome in a slot of the
-// queue (<op>_post, here post).
+// A posted request takes the same road to its emulation, kel_post and kel_post_il, and leaves its outcome in a slot of
+// the queue (<op>_post, here post).
 #pragma once
 
 #include "kel_limits.h"
@@ -132,7 +132,7 @@ inline kel_result_t kel_execute(kel_context_t *ctx, uint64_t flags, const typena
     return ctx->api_version == 2 ? kel_il<Op, 2>(ctx, flags, args) : kel_il<Op, 1>(ctx, flags, args);
 }
 
-// ---- Posted requests -------------------------------------------------------------------------------------------------
+// ---- Posted requests ------------------------------------------------------------------------------------------------
 
 template <class Op>
 kel_status_t post(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)

@@ -32,7 +32,8 @@ void release(kel_context_t *ctx, kel_queue_t *queue, kel_queue_list_t *node)
         kel_free(ctx, node, sizeof *node);
 }
 
-// The node whose successor is the queue's node, or with a null queue the last one; null if that is the head of the list.
+// The node whose successor is the queue's node, or with a null queue the last one; null if that is the head of the
+// list.
 kel_queue_list_t *node_before(kel_context_t *ctx, const kel_queue_t *queue)
 {
     kel_queue_list_t *before = nullptr;

@@ -1,8 +1,8 @@
 // Queues of finished requests.
 //
-// A posted request runs to its end before the post call returns; its outcome waits in a slot until kel_poll reads it back,
-// in the order of posting. The slots are a linear array: indexes grow until the queue empties or the array's end is
-// reached, where the live slots move to the front.
+// A posted request runs to its end before the post call returns; its outcome waits in a slot until kel_poll reads it
+// back, in the order of posting. The slots are a linear array: indexes grow until the queue empties or the array's end
+// is reached, where the live slots move to the front.
 #pragma once
 
 #include "kel_init.h"

@@ -1,5 +1,6 @@
-// Static trace probes, as Linux tracers find them: a no-op at the site, and an ELF note that tells its address, the names
-// of provider and probe, and where the arguments are. A tracer patches the no-op; no code looks whether one is there.
+// Static trace probes, as Linux tracers find them: a no-op at the site, and an ELF note that tells its address, the
+// names of provider and probe, and where the arguments are. A tracer patches the no-op; no code looks whether one is
+// there.
 #pragma once
 
 #if defined(__x86_64__) && defined(__ELF__)

@@ -1,7 +1,7 @@
 // The rules of chains.
 //
-// The queue's indexes are reset only when the next request is stored, so that the rules see through a drained queue: after
-// all has been polled, a serial request still demands its conditional successor.
+// The queue's indexes are reset only when the next request is stored, so that the rules see through a drained queue:
+// after all has been polled, a serial request still demands its conditional successor.
 #include "kel_sync.h"
 #include "kel_frame.h"
 #include "kel_limits.h"

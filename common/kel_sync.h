@@ -1,16 +1,16 @@
 // The rules of chains: which requests may follow one another in a queue.
 //
 // KEL_SERIAL and KEL_COND say that a request depends on the one before it, the pipe flags that one's output is the next
-// one's input. Nothing runs differently for it: every posted request has finished when the next one comes. The rules see to
-// it that a chain that passes here is well-formed for a coprocessor, too.
+// one's input. Nothing runs differently for it: every posted request has finished when the next one comes. The rules
+// see to it that a chain that passes here is well-formed for a coprocessor, too.
 //
 // Each test answers 1 for valid, 0 for not, and reports if do_log says so.
 #pragma once
 
 #include "kel_queue.h"
 
-// What an operation is as the target of a pipeline: the buffers of the call at hand that a source may feed, null where it
-// has none, and the operation's own rule.
+// What an operation is as the target of a pipeline: the buffers of the call at hand that a source may feed, null where
+// it has none, and the operation's own rule.
 typedef struct {
     const kel_vec_t *src;
     const kel_vec_t *mask;  // the mask or bitmap
@@ -19,8 +19,8 @@ typedef struct {
     const char *refusal;    // in these words
 } pipe_target_t;
 
-// The whole rule: synchronisation, pipeline, and the operation's own. A synchronous call has no queue and may carry none
-// of the flags.
+// The whole rule: synchronisation, pipeline, and the operation's own. A synchronous call has no queue and may carry
+// none of the flags.
 int chain_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, const pipe_target_t &target, unsigned version,
                 int do_log);
 

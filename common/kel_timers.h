@@ -22,8 +22,8 @@ void kel_events_reset(kel_perf_event_t *events);
 // Adds what is counted, joins what is set, keeps the frequency.
 void kel_events_add(kel_perf_event_t *to, const kel_perf_event_t *from);
 
-// The static probes kel-execute and kel-poll. An ordinary tracer attaches to them by the notes in the library; with none
-// attached a site is one no-op. The events are reset behind the probe.
+// The static probes kel-execute and kel-poll. An ordinary tracer attaches to them by the notes in the library; with
+// none attached a site is one no-op. The events are reset behind the probe.
 void kel_probe_execute(kel_context_t *ctx, kel_request_t *request, kel_result_t *result, kel_perf_event_t *events);
 void kel_probe_poll(kel_context_t *ctx, kel_request_t *request, kel_result_t *result, kel_perf_event_t *events);
 

@@ -348,12 +348,12 @@ KEL_API kel_status_t kel_get_props(kel_context_t *ctx, kel_props_t *props);
  *
  * A context has two log channels, each with its own levels. The environment's is set once, when the context opens:
  * KEL_LOG_OPTIONS lists levels, separated by commas ("error", "warn", "entry", "return", "verbose", "perf", "all");
- * KEL_LOG_FD is the number of an open file descriptor, without which the lines go to the system log. The client's channel
- * is set by the calls below, each of which replaces the one before: its lines go to the system log, to a descriptor, or to
- * a callback. A line that the environment's channel has written is not repeated on the same target.
+ * KEL_LOG_FD is the number of an open file descriptor, without which the lines go to the system log. The client's
+ * channel is set by the calls below, each of which replaces the one before: its lines go to the system log, to a
+ * descriptor, or to a callback. A line that the environment's channel has written is not repeated on the same target.
  *
- * KEL_DEBUG_OPTIONS lists debug options ("arg", "extra", "sync", "perf", "all"). Not set, it stands for "arg"; empty, it
- * switches validation off. An unknown word of a variable is reported.
+ * KEL_DEBUG_OPTIONS lists debug options ("arg", "extra", "sync", "perf", "all"). Not set, it stands for "arg"; empty,
+ * it switches validation off. An unknown word of a variable is reported.
  *
  * options is a set of KEL_LOG_ bits. KEL_SUCCESS; KEL_EINVAL: a bit that does not exist, or a negative descriptor;
  * KEL_ETHREAD. After a failure nothing is changed. */
@@ -382,18 +382,19 @@ KEL_API kel_status_t kel_set_debug(kel_context_t *ctx, uint64_t options);
  * operation runs to its end before the call returns, whose status tells only whether the request was taken: the outcome
  * waits for kel_poll. Vectors are not kept; the buffers that they name are used during the call alone.
  *
- * Chains. KEL_SERIAL says that the next request depends on this one, KEL_COND that this one depends on the one before: a
- * KEL_SERIAL request must be followed by a KEL_COND one, and the latter must follow either. A pipe flag says that this
- * request's output is an input of the next one, which must then name the same buffer. The rules are tested (KEL_DEBUG_ARG)
- * so that a chain is well-formed for a coprocessor; they change nothing in the execution, and a request runs even if the
- * one before it failed.
+ * Chains. KEL_SERIAL says that the next request depends on this one, KEL_COND that this one depends on the one before:
+ * a KEL_SERIAL request must be followed by a KEL_COND one, and the latter must follow either. A pipe flag says that
+ * this request's output is an input of the next one, which must then name the same buffer. The rules are tested
+ * (KEL_DEBUG_ARG) so that a chain is well-formed for a coprocessor; they change nothing in the execution, and a request
+ * runs even if the one before it failed.
  *
  * Of every posted operation: KEL_SUCCESS: taken; KEL_EQFULL: no free slot; KEL_EINVAL, KEL_ETHREAD: refused by
  * validation, and not run. */
 
 /*
- * Creates a queue for qlen requests that are posted and not yet polled. It belongs to the context, whose end it does not
- * outlive. KEL_SUCCESS; KEL_EINVAL: qlen is not positive; KEL_ENOMEM; KEL_ETHREAD. After a failure *queue is untouched.
+ * Creates a queue for qlen requests that are posted and not yet polled. It belongs to the context, whose end it does
+ * not outlive. KEL_SUCCESS; KEL_EINVAL: qlen is not positive; KEL_ENOMEM; KEL_ETHREAD. After a failure *queue is
+ * untouched.
  */
 KEL_API kel_status_t kel_queue_create(kel_context_t *ctx, int qlen, kel_queue_t **queue);
 
@@ -408,8 +409,8 @@ KEL_API kel_status_t kel_queue_destroy(kel_queue_t *queue);
 KEL_API int kel_poll(kel_queue_t *queue, kel_poll_t *results, int nres, int64_t timeout);
 
 /*
- * Looks for a request with this datum. As every request has run when its post returns, nothing is cancelled: it is polled
- * as before. KEL_SUCCESS: there is one; KEL_ENOMATCH; KEL_ETHREAD.
+ * Looks for a request with this datum. As every request has run when its post returns, nothing is cancelled: it is
+ * polled as before. KEL_SUCCESS: there is one; KEL_ENOMATCH; KEL_ETHREAD.
  */
 KEL_API kel_status_t kel_cancel(kel_queue_t *queue, void *udata);
 
@@ -472,7 +473,7 @@ KEL_API kel_status_t kel_scan_value_post(kel_queue_t *queue, uint64_t flags, con
 KEL_API kel_status_t kel_scan_range_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                          kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper, void *udata);
 
-/* ---- Raw command blocks ------------------------------------------------------------------------------------------- */
+/* ---- Raw command blocks ------------------------------------------------------------------------------------------ */
 
 /* A command block of the coprocessor. */
 typedef struct kel_block {
