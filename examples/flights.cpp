@@ -224,7 +224,8 @@ struct query_t {
     template <class Match>
     scan_result &ask_scan(const question_t &question, bool indexes, const scan_t &scan, const Match &match)
     {
-        return answered.emplace_back(scan, ask(question, indexes, scan, match)).found;
+        answered.push_back({scan, ask(question, indexes, scan, match)});
+        return answered.back().found;
     }
 
     void ask_numbers();
