@@ -1,5 +1,5 @@
-// A reference model of a scan, written to be read and not to be fast. It reads single bits, holds every number as a
-// string of bytes, and takes one stored element after the other. It shares no code with the library.
+// A reference model of a scan, written to be read and not to be fast. It reads single bits, compares strings of bytes,
+// and takes one stored element after the other. It shares no code with the library.
 //
 // Only the writer works in 64-bit words, because the words are part of the result: the overflow test looks at stored
 // words, and an index that is too wide for its list entry reaches into the entries before it in the same word.
@@ -8,7 +8,6 @@
 #include "kel_frame.h"
 #include "support.h"
 #include <algorithm>
-#include <array>
 #include <ostream>
 #include <utility>
 
@@ -17,25 +16,31 @@ namespace scan_model
 
 // One scan. A value scan uses lower alone.
 struct scan {
-    bool range;
     uint64_t flags;
     kel_vec_t src, dst;
     int op;
     kel_int_t lower, upper;
+
+    bool range() const
+    {
+        return op >= KEL_EQ_OR_EQ;
+    }
 };
 
-// A log line: its level and its message.
-using line = std::pair<uint32_t, std::string>;
+// The context of a scan.
+struct options {
+    uint32_t version, debug, log;
+};
 
 // All that a scan leaves behind. bytes is what was written from the start of the destination on; what is behind it is
 // untouched.
 struct outcome {
     kel_status_t status = KEL_SUCCESS;
     cca_t cca = {};
-    std::vector<uint8_t> bytes;
-    std::vector<line> lines;
-    unsigned debug_calls = 0;
-    unsigned error_calls = 0;
+    std::vector<uint8_t> bytes = {};
+    std::vector<std::pair<uint32_t, std::string>> lines = {}; // levels and messages
+    unsigned debug_calls = 0, error_calls = 0;
+    bool refused = false; // by validation, with one or more reports, which are not told here
 
     // A failure that is reported: a line if errors are logged, and a call of the debugging hook.
     void report(uint32_t log_options, const std::string &message)
@@ -46,29 +51,22 @@ struct outcome {
     }
 };
 
-// A number of up to 256 bits, most significant byte first, so that arrays compare as numbers do.
-using number = std::array<uint8_t, 32>;
-
-inline number shifted_right(const number &n, uint64_t bytes)
-{
-    number result = {};
-    std::copy(n.begin(), n.end() - static_cast<long>(bytes), result.begin() + static_cast<long>(bytes));
-    return result;
-}
+// ---- Widths and elements --------------------------------------------------------------------------------------------
 
 inline uint64_t round_up(uint64_t n, uint64_t unit)
 {
     return (n + unit - 1) / unit * unit;
 }
 
-inline uint64_t bits_of(uint64_t format, uint64_t elem_width)
+// Of a vector's elements or a value.
+uint64_t bits_of(const auto &of)
 {
-    return format & KEL_BITS ? elem_width : elem_width * 8;
+    return of.format & KEL_BITS ? of.elem_width : uint64_t{8} * of.elem_width;
 }
 
-inline uint64_t bytes_of(uint64_t format, uint64_t elem_width)
+uint64_t bytes_of(const auto &of)
 {
-    return round_up(bits_of(format, elem_width), 8) / 8;
+    return round_up(bits_of(of), 8) / 8;
 }
 
 inline bool has_aux(const kel_vec_t &vec)
@@ -76,7 +74,7 @@ inline bool has_aux(const kel_vec_t &vec)
     return vec.format & (KEL_VAR | KEL_RLE);
 }
 
-// A scan of run-length elements, whose widths are fixed even if the format has KEL_VAR, too.
+// Run-length elements have a fixed width even if the format has KEL_VAR, too.
 inline bool variable_width(const kel_vec_t &vec)
 {
     return (vec.format & KEL_VAR) && !(vec.format & KEL_RLE);
@@ -87,91 +85,130 @@ inline uint64_t add_one(const kel_vec_t &vec)
     return vec.format & KEL_ADD_ONE ? 1 : 0;
 }
 
-struct bit_reader {
-    const uint8_t *data;
-    uint64_t position;
+// The two streams of a source.
+struct source_reader {
+    const kel_vec_t &src;
+    bit_reader data = {src.data, src.offset};
+    bit_reader aux = {src.aux_data, src.aux_offset};
 
-    bool bit()
+    // The next element's width in bits, and its run.
+    uint64_t width()
     {
-        const uint64_t at = position++;
-        return data[at / 8] >> (7 - at % 8) & 1;
+        return variable_width(src) ? 8 * (aux.field(src.aux_width) + add_one(src)) : bits_of(src);
     }
 
-    number field(uint64_t bits)
+    uint64_t run()
     {
-        number result = {};
-        for (uint64_t weight = bits; weight-- > 0;)
-            result[31 - weight / 8] |= static_cast<uint8_t>(bit() << weight % 8);
-        return result;
-    }
-
-    uint64_t aux(unsigned bits)
-    {
-        uint64_t result = 0;
-        for (unsigned i = 0; i < bits; i++)
-            result = result << 1 | bit();
-        return result;
+        return src.format & KEL_RLE ? aux.field(src.aux_width) + add_one(src) : 1;
     }
 };
 
-inline bit_reader data_of(const kel_vec_t &vec)
+// ---- Comparison -----------------------------------------------------------------------------------------------------
+
+enum : unsigned { below = 1, same = 2, above = 4 };
+
+// What an operator accepts of an element's order to lower and to upper, and whether it wants both.
+struct operator_row {
+    int op;
+    unsigned lower;
+    bool both = false;
+    unsigned upper = 0;
+};
+
+inline constexpr operator_row value_operators[] = {{KEL_EQ, same},         {KEL_NE, below | above}, {KEL_LT, below},
+                                                   {KEL_GE, same | above}, {KEL_LE, below | same},  {KEL_GT, above}};
+
+inline constexpr operator_row range_operators[] = {
+    {KEL_EQ_OR_EQ, same, false, same},
+    {KEL_NE_AND_NE, below | above, true, below | above},
+    {KEL_GE_AND_LE, same | above, true, below | same},
+    {KEL_LT_OR_GT, below, false, above},
+    {KEL_GE_AND_LT, same | above, true, below},
+    {KEL_LT_OR_GE, below, false, same | above},
+    {KEL_GT_AND_LE, above, true, below | same},
+    {KEL_LE_OR_GT, below | same, false, above},
+    {KEL_GT_AND_LT, above, true, below},
+    {KEL_LE_OR_GE, below | same, false, same | above},
+};
+
+// The row of a scan's operator, or null if it is none.
+inline const operator_row *row_of(const scan &s)
 {
-    return {static_cast<const uint8_t *>(vec.data), vec.offset};
+    const auto search = [&](const auto &rows) {
+        const auto *row = std::find_if(std::begin(rows), std::end(rows), [&](const auto &r) { return r.op == s.op; });
+        return row == std::end(rows) ? nullptr : row;
+    };
+    return s.range() ? search(range_operators) : search(value_operators);
 }
 
-inline bit_reader aux_of(const kel_vec_t &vec)
+// The bytes of the widest operand, which settles how many words of the values take part.
+inline uint64_t widest_operand(const scan &s)
 {
-    return {static_cast<const uint8_t *>(vec.aux_data), vec.aux_offset};
+    const uint64_t src = s.src.format & KEL_VAR ? 16 : bytes_of(s.src);
+    return std::max({src, bytes_of(s.lower), s.range() ? bytes_of(s.upper) : 0});
 }
 
-// The bytes that hold the elements of a source.
-inline uint64_t data_bytes(const kel_vec_t &src)
+// Elements and values are compared as strings of bytes, where a prefix is less than what continues it. Before a value
+// stand the bytes above its width, as far as its operand class looks at them, and before an element as many zeros: 24.
+inline std::string element_text(bit_reader &data, uint64_t bits)
 {
-    uint64_t bits = src.offset + bits_of(src.format, src.elem_width) * src.elements;
-    if (variable_width(src)) {
-        bits = src.offset;
-        bit_reader aux = aux_of(src);
-        for (uint64_t i = 0; i < src.elements; i++)
-            bits += 8 * (aux.aux(src.aux_width) + add_one(src));
-    }
-    return (bits + 7) / 8;
+    return std::string(24, '\0') + data.bytes(bits);
 }
+
+inline std::string value_text(const kel_int_t &value, uint64_t wide)
+{
+    const uint64_t words[] = {
+        wide > 16 && bits_of(value) >= 128 ? value.dword[0] : 0, wide > 8 && bits_of(value) >= 64 ? value.dword[1] : 0,
+        wide == 0 ? value.dword[2] & 0xff : value.dword[2], // without any width the operands are single bytes
+    };
+    std::string text(wide == 0 ? 1 : bytes_of(value), '\0');
+    for (const uint64_t word : words)
+        for (int shift = 56; shift >= 0; shift -= 8)
+            text += static_cast<char>(word >> shift);
+    return text;
+}
+
+inline bool accepts(unsigned orders, const std::string &element, const std::string &value)
+{
+    return orders & (element < value ? below : element == value ? same : above);
+}
+
+// ---- The emulation --------------------------------------------------------------------------------------------------
 
 struct word_writer {
     std::vector<uint8_t> stored;
     uint64_t cache = 0;
-    unsigned held = 0;
+    uint64_t held = 0;
 
     void store()
     {
         for (int shift = 56; shift >= 0; shift -= 8)
             stored.push_back(static_cast<uint8_t>(cache >> shift));
-        cache = 0;
-        held = 0;
-    }
-
-    void put_bit(bool bit)
-    {
-        cache |= uint64_t{bit} << (63 - held);
-        if (++held == 64)
-            store();
+        cache = held = 0;
     }
 
     // A full cache stays until the next field, and a value wider than its field is cut only where the field is split.
-    void put_bits(uint64_t value, unsigned bits)
+    void put_bits(uint64_t value, uint64_t bits)
     {
-        unsigned room = 64 - held;
-        if (bits > room) {
-            if (room > 0) {
-                cache |= value >> (bits - room);
-                bits -= room;
-                value &= (uint64_t{1} << bits) - 1;
+        if (held + bits > 64) {
+            const uint64_t rest = held + bits - 64;
+            if (rest < bits) {
+                cache |= value >> rest;
+                value &= (uint64_t{1} << rest) - 1;
+                bits = rest;
             }
             store();
-            room = 64;
         }
-        cache |= value << (room - bits);
+        cache |= value << (64 - held - bits);
         held += bits;
+    }
+
+    // A cache that single bits fill is stored at once.
+    void put_bit(bool bit)
+    {
+        put_bits(bit, 1);
+        if (held == 64)
+            store();
     }
 
     // Whether there was room to pad.
@@ -180,8 +217,8 @@ struct word_writer {
         const bool fits = round_up(stored.size(), 64) <= nominal;
         if (held)
             store();
-        while (fits && stored.size() % 64)
-            stored.push_back(0);
+        if (fits)
+            stored.resize(round_up(stored.size(), 64));
         return fits;
     }
 };
@@ -189,285 +226,171 @@ struct word_writer {
 // The bytes of a destination up to its nominal end.
 inline uint64_t nominal_bytes(const kel_vec_t &dst)
 {
-    return round_up((dst.offset + bits_of(dst.format, dst.elem_width) * dst.elements + 7) / 8, 64);
+    return round_up((dst.offset + bits_of(dst) * dst.elements + 7) / 8, 64);
 }
 
-// The bytes of the widest operand, which settles how many words of the values take part.
-inline uint64_t widest_operand(const scan &s)
-{
-    uint64_t wide = s.src.format & KEL_VAR ? 16 : bytes_of(s.src.format, s.src.elem_width);
-    wide = std::max(wide, bytes_of(s.lower.format, s.lower.elem_width));
-    if (s.range)
-        wide = std::max(wide, bytes_of(s.upper.format, s.upper.elem_width));
-    return wide;
-}
+// A scan under way.
+struct emulator {
+    const scan &s;
+    const operator_row &accepted = *row_of(s);
+    uint64_t wide = widest_operand(s);
+    std::string lower = value_text(s.lower, wide), upper = value_text(s.upper, wide);
+    source_reader in = {s.src};
+    word_writer out = {};
+    uint64_t processed = 0, count = 0, index = 0;
 
-// A value as a number, with its garbage above the width as far as the operand class looks at it.
-inline number number_of(const kel_int_t &value, uint64_t wide)
-{
-    const uint64_t width = bits_of(value.format, value.elem_width);
-    const uint64_t seen[3] = {
-        wide > 16 && width >= 128 ? value.dword[0] : 0,
-        wide > 8 && width >= 64 ? value.dword[1] : 0,
-        wide == 0 ? value.dword[2] & 0xff : value.dword[2],
-    };
-    number result = {};
-    for (unsigned i = 0; i < 24; i++)
-        result[8 + i] = static_cast<uint8_t>(seen[i / 8] >> (56 - i % 8 * 8));
-    return result;
-}
-
-// Compares as left-aligned byte strings: -1, 0 or 1.
-inline int order(number element, uint64_t element_bits, number value, uint64_t value_bits)
-{
-    const uint64_t element_bytes = round_up(element_bits, 8) / 8;
-    const uint64_t value_bytes = round_up(value_bits, 8) / 8;
-    if (value_bytes > element_bytes)
-        value = shifted_right(value, value_bytes - element_bytes);
-    if (element_bytes > value_bytes)
-        element = shifted_right(element, element_bytes - value_bytes);
-    if (element != value)
-        return element < value ? -1 : 1;
-    return element_bytes == value_bytes ? 0 : element_bytes < value_bytes ? -1 : 1;
-}
-
-inline bool holds(int op, int ordered)
-{
-    return op == KEL_EQ   ? ordered == 0
-           : op == KEL_NE ? ordered != 0
-           : op == KEL_GE ? ordered >= 0
-           : op == KEL_GT ? ordered > 0
-           : op == KEL_LE ? ordered <= 0
-                          : ordered < 0;
-}
-
-struct range_operator {
-    int op, first;
-    bool both;
-    int second;
-};
-
-inline constexpr range_operator range_operators[] = {
-    {KEL_EQ_OR_EQ, KEL_EQ, false, KEL_EQ}, {KEL_GE_AND_LE, KEL_GE, true, KEL_LE}, {KEL_NE_AND_NE, KEL_NE, true, KEL_NE},
-    {KEL_LT_OR_GT, KEL_LT, false, KEL_GT}, {KEL_GE_AND_LT, KEL_GE, true, KEL_LT}, {KEL_LT_OR_GE, KEL_LT, false, KEL_GE},
-    {KEL_GT_AND_LE, KEL_GT, true, KEL_LE}, {KEL_LE_OR_GT, KEL_LE, false, KEL_GT}, {KEL_GT_AND_LT, KEL_GT, true, KEL_LT},
-    {KEL_LE_OR_GE, KEL_LE, false, KEL_GE},
-};
-
-inline constexpr int value_operators[] = {KEL_EQ, KEL_GE, KEL_NE, KEL_LT, KEL_LE, KEL_GT};
-
-inline bool known_operator(const scan &s)
-{
-    if (s.range)
-        return std::any_of(std::begin(range_operators), std::end(range_operators),
-                           [&](const range_operator &r) { return r.op == s.op; });
-    return std::count(std::begin(value_operators), std::end(value_operators), s.op) != 0;
-}
-
-inline bool matches(const scan &s, const number &element, uint64_t element_bits, const number &lower,
-                    const number &upper)
-{
-    const int first = order(element, element_bits, lower, bits_of(s.lower.format, s.lower.elem_width));
-    if (!s.range)
-        return holds(s.op, first);
-    const int second = order(element, element_bits, upper, bits_of(s.upper.format, s.upper.elem_width));
-    const range_operator r = *std::find_if(std::begin(range_operators), std::end(range_operators),
-                                           [&](const range_operator &known) { return known.op == s.op; });
-    return r.both ? holds(r.first, first) && holds(r.second, second) : holds(r.first, first) || holds(r.second, second);
-}
-
-// What the loop over the stored elements counts.
-struct progress {
-    uint64_t stored = 0, processed = 0, count = 0, index = 0;
-};
-
-// The next stored element: reads it, compares it and writes its outcome.
-inline kel_status_t step(const scan &s, bit_reader &data, bit_reader &aux, word_writer &out, progress &at)
-{
-    const kel_vec_t &src = s.src;
-    const uint64_t wide = widest_operand(s);
-    uint64_t width = bits_of(src.format, src.elem_width);
-    if (variable_width(src)) {
-        width = 8 * (aux.aux(src.aux_width) + add_one(src));
-        if (width == 0)
+    // Reads the next stored element, compares it and writes its outcome.
+    kel_status_t step()
+    {
+        const uint64_t width = in.width();
+        if (variable_width(s.src) && width == 0)
             return KEL_EDATAFMT;
-    }
-    const number element = data.field(wide == 0 ? 8 : width); // operands without any width are compared as bytes
-    uint64_t run = 1;
-    if (src.format & KEL_RLE) {
-        run = aux.aux(src.aux_width) + add_one(src);
+        const std::string element = element_text(in.data, wide == 0 ? 8 : width);
+        const uint64_t run = in.run();
         if (run == 0)
             return KEL_EDATAFMT;
-    }
-    at.processed += run;
-    if (out.stored.size() >= nominal_bytes(s.dst))
-        return KEL_EOVERFLOW;
+        processed += run;
+        if (out.stored.size() >= nominal_bytes(s.dst))
+            return KEL_EOVERFLOW;
 
-    const bool match = matches(s, element, width, number_of(s.lower, wide), number_of(s.upper, wide));
-    if (match)
-        at.count += run;
-    const auto entry = static_cast<unsigned>(bits_of(s.dst.format, s.dst.elem_width) & ~uint64_t{7});
-    for (uint64_t i = 0; i < run; i++, at.index++) {
-        if (!(s.flags & KEL_ONES_INDEX))
-            out.put_bit(match);
-        else if (match)
-            out.put_bits(at.index, entry);
+        const bool first = accepts(accepted.lower, element, lower), second = accepts(accepted.upper, element, upper);
+        const bool match = accepted.both ? first && second : first || second;
+        count += match ? run : 0;
+        for (uint64_t i = 0; i < run; i++, index++) {
+            if (!(s.flags & KEL_ONES_INDEX))
+                out.put_bit(match);
+            else if (match)
+                out.put_bits(index, bits_of(s.dst) / 8 * 8);
+        }
+        return KEL_SUCCESS;
     }
-    return KEL_SUCCESS;
-}
+};
 
-// The emulation of a scan. cca is what the caller's record holds before.
-inline outcome emulation(const scan &s, uint32_t log_options, const cca_t &cca)
+// before is what the caller's record of the counters holds.
+inline outcome emulation(const scan &s, uint32_t log_options, const cca_t &before)
 {
     outcome result;
-    result.cca = cca;
+    result.cca = before;
     if (log_options & KEL_LOG_VERBOSE)
-        result.lines.emplace_back(KEL_LOG_VERBOSE, s.range ? "Emulating kel_scan_range" : "Emulating kel_scan_value");
-    if (!known_operator(s)) {
+        result.lines.emplace_back(KEL_LOG_VERBOSE, s.range() ? "Emulating kel_scan_range" : "Emulating kel_scan_value");
+    if (!row_of(s)) {
         result.status = KEL_EPARSE;
         return result;
     }
 
-    bit_reader data = data_of(s.src), aux = aux_of(s.src);
-    word_writer out;
-    progress at;
-    while (result.status == KEL_SUCCESS && at.stored < s.src.elements) {
-        result.status = step(s, data, aux, out, at);
-        at.stored++;
-    }
+    emulator e = {s};
+    uint64_t stored = 0;
+    for (; result.status == KEL_SUCCESS && stored < s.src.elements; stored++)
+        result.status = e.step();
     if (result.status != KEL_SUCCESS) {
         result.error_calls++;
         result.report(log_options, (result.status == KEL_EDATAFMT ? "EDATAFMT" : "EOVERFLOW") +
-                                       (" at element index " + std::to_string(at.stored)));
+                                       (" at element index " + std::to_string(stored)));
     }
-    if (!out.finish(nominal_bytes(s.dst)) && result.status == KEL_SUCCESS)
+    if (!e.out.finish(nominal_bytes(s.dst)) && result.status == KEL_SUCCESS)
         result.status = KEL_EOVERFLOW;
-    result.bytes = out.stored;
-    result.cca = {static_cast<uint32_t>(out.stored.size()), static_cast<uint32_t>(at.processed), at.count};
+    result.bytes = e.out.stored;
+    result.cca = {static_cast<uint32_t>(e.out.stored.size()), static_cast<uint32_t>(e.processed), e.count};
     return result;
 }
 
-inline bool width_refused(uint64_t width, unsigned version)
-{
-    return width > 128 || (width % 8 && width > (version == 2 ? 24 : 16));
-}
+// ---- The public call ------------------------------------------------------------------------------------------------
 
 // Whether validation of the descriptors refuses a scan.
 inline bool refused(const scan &s, unsigned version)
 {
     const kel_vec_t &src = s.src, &dst = s.dst;
-    const uint64_t width = bits_of(src.format, src.elem_width), entry = bits_of(dst.format, dst.elem_width);
-    const auto value_refused = [&](const kel_int_t &value) {
-        return value.elem_width == 0 || width_refused(bits_of(value.format, value.elem_width), version);
-    };
+    const auto bad_width = [&](uint64_t bits) { return bits > 128 || (bits % 8 && bits > (version == 2 ? 24 : 16)); };
+    const auto bad_value = [&](const kel_int_t &value) { return value.elem_width == 0 || bad_width(bits_of(value)); };
     const bool variable = src.format & KEL_VAR;
     if (variable && src.format & (KEL_RLE | KEL_BITS))
         return true;
     if (has_aux(src) ? src.aux_width > 8 : add_one(src) != 0)
         return true;
-    if (width_refused(width, version) || (width == 0 && !variable) || (src.offset && width > 64))
+    if (bad_width(bits_of(src)) || (src.elem_width == 0 && !variable) || (src.offset && bits_of(src) > 64))
         return true;
-    if (s.flags & KEL_ONES_INDEX ? entry != 16 && entry != 32 : entry != 1)
+    if (s.flags & KEL_ONES_INDEX ? bits_of(dst) != 16 && bits_of(dst) != 32 : bits_of(dst) != 1)
         return true;
-    return dst.offset || dst.elements < src.elements || !known_operator(s) || value_refused(s.lower) ||
-           (s.range && value_refused(s.upper));
+    return dst.offset || dst.elements < src.elements || !row_of(s) || bad_value(s.lower) ||
+           (s.range() && bad_value(s.upper));
 }
 
-// The complaint about bits above the rounded width of a value in the word where its top lies, or nothing.
-inline std::string spare_bits(const kel_int_t &value, const char *name)
+// Whether validation of the data refuses a scan: runs beyond the destination or none, wide elements, and bits above the
+// rounded width of a value in the word where its top lies.
+inline bool faulty_data(const scan &s)
 {
-    const uint64_t width = bits_of(value.format, value.elem_width), top = round_up(width, 8);
-    if (width == 0 || width > 192 || top % 64 == 0 || value.dword[2 - top / 64] >> top % 64 == 0)
-        return "";
-    return std::string("Invalid ") + name + "->dword[" + std::to_string(2 - (width - 1) / 64) +
-           "]: bytes above elem_width " + std::to_string(value.elem_width) +
-           (value.format & KEL_BITS ? " bits" : " bytes") + " are non-zero";
-}
-
-// What validation of the data complains about.
-inline std::vector<std::string> data_faults(const scan &s)
-{
-    std::vector<std::string> faults;
     const kel_vec_t &src = s.src;
-    const bool run_length = src.format & KEL_RLE, published = src.aux_width <= 8;
-    uint64_t sum = 0, wide_element = src.elements;
-    bit_reader aux = aux_of(src);
+    uint64_t sum = 0, widest = 0;
+    bit_reader aux = source_reader{src}.aux;
     for (uint64_t i = 0; has_aux(src) && i < src.elements; i++) {
-        const uint64_t length = aux.aux(src.aux_width);
+        const uint64_t length = aux.field(src.aux_width);
         sum += length + add_one(src);
-        if (length > 15)
-            wide_element = std::min(wide_element, i);
+        widest = std::max(widest, length);
     }
-    if (run_length && published && sum > s.dst.elements)
-        faults.push_back("Invalid src: sum of aux_data runs (" + std::to_string(sum) + ") > dst elements (" +
-                         std::to_string(s.dst.elements) + ")");
-    if (run_length && published && sum == 0)
-        faults.push_back("Invalid src aux_data: total length is 0");
-    if (src.format & KEL_VAR && src.aux_width == 8 && wide_element < src.elements)
-        faults.push_back("Invalid src aux_data element at index " + std::to_string(wide_element) +
-                         "; high 4 bits are non-zero. They must be 0 for variable-width elements with aux_width = 8 "
-                         "bits.");
-    for (const std::string &fault :
-         {spare_bits(s.lower, s.range ? "lower" : "val"), s.range ? spare_bits(s.upper, "upper") : std::string()})
-        if (!fault.empty())
-            faults.push_back(fault);
-    return faults;
+    const auto spare_bits = [](const kel_int_t &value) {
+        const uint64_t width = bits_of(value), top = round_up(width, 8);
+        return width > 0 && width <= 192 && top % 64 != 0 && value.dword[2 - top / 64] >> top % 64 != 0;
+    };
+    return (src.format & KEL_RLE && src.aux_width <= 8 && (sum > s.dst.elements || sum == 0)) ||
+           (src.format & KEL_VAR && src.aux_width == 8 && widest > 15) || spare_bits(s.lower) ||
+           (s.range() && spare_bits(s.upper));
 }
 
-// A synchronous call whose descriptors are not refused; its buffers do not overlap.
-inline outcome call(const scan &s, uint32_t debug_options, uint32_t log_options)
+// A synchronous call; its buffers do not overlap. Of the counters it shows the matches alone.
+inline outcome call(const scan &s, const options &o)
 {
-    if (debug_options & KEL_DEBUG_EXTRA) {
-        outcome result;
-        for (const std::string &fault : data_faults(s)) {
-            result.status = KEL_EINVAL;
-            result.report(log_options, fault);
-        }
-        if (result.status != KEL_SUCCESS)
-            return result;
+    outcome result;
+    if ((o.debug & KEL_DEBUG_ARG && refused(s, o.version)) || (o.debug & KEL_DEBUG_EXTRA && faulty_data(s))) {
+        result.status = KEL_EINVAL;
+        result.refused = true;
+        return result;
     }
 
-    outcome result = emulation(s, log_options, {});
+    result = emulation(s, o.log, {});
+    result.cca = {0, 0, result.cca.retval};
     if (result.status != KEL_EDATAFMT || add_one(s.src))
         return result;
     // The diagnosis looks at the low four bits alone, so that it may name an element before the failing one.
-    bit_reader aux = aux_of(s.src);
+    bit_reader aux = source_reader{s.src}.aux;
     for (uint64_t i = 0; i < s.src.elements; i++)
-        if ((aux.aux(s.src.aux_width) & 15) == 0) {
-            result.report(log_options, "EDATAFMT: aux_data element at index " + std::to_string(i) + " is 0");
+        if ((aux.field(s.src.aux_width) & 15) == 0) {
+            result.report(o.log, "EDATAFMT: aux_data element at index " + std::to_string(i) + " is 0");
             break;
         }
     return result;
 }
 
-// ---- Scans and outcomes as text
-
-inline std::ostream &operator<<(std::ostream &out, const kel_vec_t &vec)
-{
-    return out << "format " << vec.format << " elements " << vec.elements << " width " << vec.elem_width << " offset "
-               << unsigned{vec.offset} << " address mod 64 " << reinterpret_cast<uintptr_t>(vec.data) % 64
-               << " aux width " << vec.aux_width << " offset " << unsigned{vec.aux_offset} << " address mod 8 "
-               << reinterpret_cast<uintptr_t>(vec.aux_data) % 8;
-}
-
-inline std::ostream &operator<<(std::ostream &out, const kel_int_t &value)
-{
-    return out << "format " << value.format << " width " << value.elem_width << std::hex << " dwords " << value.dword[0]
-               << ' ' << value.dword[1] << ' ' << value.dword[2] << std::dec;
-}
+// ---- Scans and outcomes as text -------------------------------------------------------------------------------------
 
 inline std::ostream &operator<<(std::ostream &out, const scan &s)
 {
-    return out << (s.range ? "range" : "value") << " op " << s.op << " flags " << s.flags << "\n  src " << s.src
-               << "\n  dst " << s.dst << "\n  lower " << s.lower << "\n  upper " << s.upper;
+    out << (s.range() ? "range" : "value") << " op " << s.op << " flags " << s.flags;
+    for (const kel_vec_t *vec : {&s.src, &s.dst})
+        out << "\n  format " << vec->format << " elements " << vec->elements << " width " << vec->elem_width
+            << " offset " << unsigned{vec->offset} << " at " << vec->data << ", aux width " << vec->aux_width
+            << " offset " << unsigned{vec->aux_offset} << " at " << vec->aux_data;
+    for (const kel_int_t *value : {&s.lower, &s.upper})
+        out << "\n  value format " << value->format << " width " << value->elem_width << std::hex << " dwords "
+            << value->dword[0] << ' ' << value->dword[1] << ' ' << value->dword[2] << std::dec;
+    out << "\n  elements";
+    source_reader in = {s.src};
+    for (uint64_t i = 0; i < std::min<uint64_t>(s.src.elements, 200); i++) {
+        const std::string element = in.data.bytes(in.width());
+        out << ' ' << hex(element.data(), element.size()) << '*' << in.run();
+    }
+    return out;
 }
 
+// The status, matches of elements, bytes, messages; the bytes without the zeros at the end.
 inline std::ostream &operator<<(std::ostream &out, const outcome &o)
 {
-    out << "status " << o.status << " count " << o.cca.retval << " processed " << o.cca.n_processed << " output "
-        << o.cca.output_sz << " kel_debug " << o.debug_calls << " emulate_error " << o.error_calls;
-    for (const line &l : o.lines)
-        out << "\n    " << l.first << ": " << l.second;
+    size_t size = o.bytes.size();
+    while (size > 0 && o.bytes[size - 1] == 0)
+        size--;
+    out << "status " << o.status << ", " << o.cca.retval << " of " << o.cca.n_processed << ", " << o.cca.output_sz
+        << " bytes " << hex(o.bytes.data(), size);
+    for (const auto &[level, message] : o.lines)
+        out << "; " << message;
     return out;
 }
 

@@ -1,11 +1,16 @@
 #include "support.h"
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 unsigned kel_debug_calls;
 unsigned emulate_error_calls;
+lines_t syslog_lines;
+
+static constexpr pthread_t other_thread = 0x1234;
 
 void reset_hooks()
 {
@@ -21,6 +26,28 @@ extern "C" void kel_debug(void)
 extern "C" void emulate_error(void)
 {
     emulate_error_calls++;
+}
+
+extern "C" void syslog(int priority, const char *format, ...)
+{
+    EXPECT_EQ(priority, 15);
+    EXPECT_STREQ(format, "%s");
+    va_list args;
+    va_start(args, format);
+    syslog_lines.emplace_back(va_arg(args, const char *));
+    va_end(args);
+}
+
+std::string log_text(const std::string &level, const std::string &message)
+{
+    return "libkel " + level + ": tid=" + std::to_string(static_cast<int>(pthread_self())) + ": " + message;
+}
+
+std::string pointer_text(const void *pointer)
+{
+    char text[24];
+    snprintf(text, sizeof text, "0x%lx", reinterpret_cast<unsigned long>(pointer));
+    return text;
 }
 
 static void capture(kel_context_t *, void *cb_data, uint32_t level, const char *prefix, const char *message)
@@ -43,12 +70,23 @@ test_context::test_context(uint32_t version, uint32_t debug_options, uint32_t lo
 
 test_context::~test_context()
 {
+    ctx->thread->tid = pthread_self();
     kel_thread_fini(ctx);
 }
 
-std::vector<std::string> test_context::messages()
+void test_context::disown()
 {
-    std::vector<std::string> taken;
+    ctx->thread->tid = other_thread;
+}
+
+std::string test_context::wrong_thread()
+{
+    return "Wrong thread " + std::to_string(static_cast<int>(pthread_self())) + " using context; owner is 4660";
+}
+
+lines_t test_context::messages()
+{
+    lines_t taken;
     for (const log_line &line : lines)
         taken.push_back(line.message);
     lines.clear();
@@ -73,6 +111,53 @@ guarded_buffer::guarded_buffer(size_t wanted, size_t align) : size(wanted)
 guarded_buffer::~guarded_buffer()
 {
     munmap(mapping, mapped);
+}
+
+void *block_store::take(uint64_t size, void *cb_data)
+{
+    auto &store = *static_cast<block_store *>(cb_data);
+    store.requests.push_back(size);
+    if (store.requests.size() == store.failing)
+        return nullptr;
+    auto memory = std::make_unique<guarded_buffer>(store.misaligned + size);
+    void *block = memory->data + store.misaligned;
+    store.live[block] = {size, std::move(memory)};
+    return block;
+}
+
+void block_store::give(void *block, uint64_t size, void *cb_data)
+{
+    auto &store = *static_cast<block_store *>(cb_data);
+    ASSERT_EQ(store.live.count(block), 1u) << "not a block of this allocator";
+    EXPECT_EQ(store.live[block].first, size);
+    store.live.erase(block);
+}
+
+uint64_t bit_reader::field(uint64_t bits)
+{
+    uint64_t result = 0;
+    for (; bits > 0; bits--, position++)
+        result = result << 1 | (static_cast<const uint8_t *>(data)[position / 8] >> (7 - position % 8) & 1);
+    return result;
+}
+
+std::string bit_reader::bytes(uint64_t bits)
+{
+    std::string result;
+    for (const uint64_t end = position + bits; position < end;)
+        result += static_cast<char>(field((end - position - 1) % 8 + 1));
+    return result;
+}
+
+std::string hex(const void *data, size_t size)
+{
+    std::string text;
+    char byte[3];
+    for (size_t i = 0; i < size; i++) {
+        snprintf(byte, sizeof byte, "%02x", static_cast<const uint8_t *>(data)[i]);
+        text += byte;
+    }
+    return text;
 }
 
 void random_source::fill(void *data, size_t size)

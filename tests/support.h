@@ -1,9 +1,12 @@
-// What the tests share: a context whose log is captured, counts of the failure hooks, guarded buffers, random numbers.
+// What the tests share: a context whose log is captured, the texts of log lines, counts of the failure hooks, guarded
+// buffers, a reader of single bits, random numbers.
 #pragma once
 
 #include "kel_init.h"
 #include <cstdint>
 #include <cstdio>
+#include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -12,6 +15,23 @@
 extern unsigned kel_debug_calls;
 extern unsigned emulate_error_calls;
 void reset_hooks();
+
+using lines_t = std::vector<std::string>;
+
+// What the library has handed to the system log; a function of the tests stands in its place.
+extern lines_t syslog_lines;
+
+// A line of the calling thread as the log's files show it, and a pointer as it stands in lines.
+std::string log_text(const std::string &level, const std::string &message);
+std::string pointer_text(const void *pointer);
+
+inline void *at(uintptr_t address)
+{
+    return reinterpret_cast<void *>(address);
+}
+
+// A pointer to a context that is no result of a call.
+inline kel_context_t *const no_context = static_cast<kel_context_t *>(at(0x40));
 
 // One line as the log callback saw it.
 struct log_line {
@@ -40,7 +60,11 @@ class test_context
     }
 
     // The messages since the last call.
-    std::vector<std::string> messages();
+    lines_t messages();
+
+    // Gives the context to another thread, until the end. A call is then refused with the line wrong_thread.
+    void disown();
+    static std::string wrong_thread();
 
     kel_context_t *ctx = nullptr;
     std::vector<log_line> lines;
@@ -63,6 +87,37 @@ class guarded_buffer
     size_t mapped;
 };
 
+// An allocator that knows its blocks: each has to come back once, with its size, and ends before a page that faults.
+struct block_store {
+    size_t misaligned = 0; // blocks are at this address modulo 8
+    size_t failing = 0;    // the number of the request that gets null, counted from 1
+    std::vector<uint64_t> requests = {};
+    std::map<void *, std::pair<uint64_t, std::unique_ptr<guarded_buffer>>> live = {};
+
+    static void *take(uint64_t size, void *store);
+    static void give(void *block, uint64_t size, void *store);
+
+    kel_init_options_t options()
+    {
+        return {take, give, this};
+    }
+};
+
+// A stream of bits, read one by one.
+struct bit_reader {
+    const void *data;
+    uint64_t position; // of the next bit
+
+    // The next bits, up to 64, as a number.
+    uint64_t field(uint64_t bits);
+
+    // The next bits as bytes; if they do not fill the first byte, zeros stand before them.
+    std::string bytes(uint64_t bits);
+};
+
+// Bytes in hexadecimal.
+std::string hex(const void *data, size_t size);
+
 // The random numbers of one test: fixed seeds, so that a failing case can be run again.
 class random_source
 {
@@ -75,9 +130,10 @@ class random_source
     }
 
     // A number from low to high, both included.
-    uint64_t between(uint64_t low, uint64_t high)
+    template <class T = uint64_t>
+    T between(uint64_t low, uint64_t high)
     {
-        return low + (high - low == UINT64_MAX ? word() : word() % (high - low + 1));
+        return static_cast<T>(low + (high - low == UINT64_MAX ? word() : word() % (high - low + 1)));
     }
 
     bool one_in(uint64_t n)
