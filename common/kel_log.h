@@ -43,13 +43,6 @@ void kel_log_msg(kel_context_t *ctx, uint32_t level, const char *format, ...) __
         kel_debug();                                                                                                   \
     } while (0)
 
-// A line whose text is built only if its level is on; a macro for the same reason.
-#define kel_log_line(ctx, level, ...)                                                                                  \
-    do {                                                                                                               \
-        if (kel_log_on(ctx, level))                                                                                    \
-            kel_log_msg(ctx, level, __VA_ARGS__);                                                                      \
-    } while (0)
-
 // A pointer as the log shows it: the formats say 0x%lx, so that null is 0x0.
 inline unsigned long kel_log_ptr(const void *pointer)
 {

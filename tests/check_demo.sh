@@ -21,6 +21,9 @@ expect_count "to Chicago (ORD or MDW)" '$5 == "ORD" || $5 == "MDW"'
 expect_count "from San Francisco (SFO)" '$4 == "SFO"'
 "$flights" --no-times | grep -q "^Every bit and every index agrees" || fail "no word of agreement"
 
+"$flights" --no-times | grep -q "scans, posted as one chain and polled, find the same" || fail "no word of the chain"
+"$flights" --trace | grep -q "kel_scan_range_post returns {SUCCESS}" || fail "no trace of the chain"
+
 expect_refusal() { # expect_refusal WORDS; the file comes on standard input
     cat >"$scratch/bad.csv"
     "$flights" "$scratch/bad.csv" >/dev/null 2>"$scratch/words"

@@ -28,7 +28,7 @@ extern "C" void emulate_error(void)
     emulate_error_calls++;
 }
 
-extern "C" void syslog(int priority, const char *format, ...)
+extern "C" __attribute__((weak)) void syslog(int priority, const char *format, ...)
 {
     EXPECT_EQ(priority, 15);
     EXPECT_STREQ(format, "%s");

@@ -19,7 +19,7 @@
 namespace
 {
 
-std::vector<std::string> syslog_lines;
+std::vector<std::string> system_log;
 
 template <class... Word>
 std::vector<uint64_t> words(Word... word)
@@ -63,7 +63,7 @@ extern "C" void syslog(int priority, const char *format, ...)
     EXPECT_STREQ(format, "%s");
     va_list args;
     va_start(args, format);
-    syslog_lines.emplace_back(va_arg(args, const char *));
+    system_log.emplace_back(va_arg(args, const char *));
     va_end(args);
 }
 
@@ -585,11 +585,11 @@ TEST(blocks, submit_is_refused)
         "libkel ERROR: tid=" + std::to_string(static_cast<int>(pthread_self())) + ": kel_submit not supported on x64";
     for (const bool null : {false, true}) {
         reset_hooks();
-        syslog_lines.clear();
+        system_log.clear();
         testing::internal::CaptureStderr();
         EXPECT_EQ(null ? kel_submit(nullptr, 0, 0, nullptr) : kel_submit(&block, 64, UINT32_MAX, &result), -1);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), line + "\n");
-        EXPECT_EQ(syslog_lines, std::vector{line});
+        EXPECT_EQ(system_log, std::vector{line});
         EXPECT_EQ(kel_debug_calls, 1u);
     }
     EXPECT_EQ(memcmp(&result, &before, sizeof result), 0);

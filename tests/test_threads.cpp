@@ -16,10 +16,10 @@ namespace
 std::atomic<unsigned> debug_calls, syslog_lines;
 
 // One thread's allocator; it frees what a thread leaves behind.
-struct block_store {
+struct block_ledger {
     std::map<void *, uint64_t> live = {};
 
-    ~block_store()
+    ~block_ledger()
     {
         for (const auto &[block, size] : live)
             free(block);
@@ -28,13 +28,13 @@ struct block_store {
     static void *take(uint64_t size, void *cb_data)
     {
         void *block = malloc(size);
-        static_cast<block_store *>(cb_data)->live[block] = size;
+        static_cast<block_ledger *>(cb_data)->live[block] = size;
         return block;
     }
 
     static void give(void *block, uint64_t size, void *cb_data)
     {
-        auto &live = static_cast<block_store *>(cb_data)->live;
+        auto &live = static_cast<block_ledger *>(cb_data)->live;
         EXPECT_EQ(live.at(block), size);
         live.erase(block);
         free(block);
@@ -154,7 +154,7 @@ record_t work(unsigned rounds)
         b->aux[i] = static_cast<uint8_t>((i + 1) % 16);
     for (unsigned round = 0; round < rounds; round++)
         for (const uint32_t version : {1u, 2u}) {
-            block_store store;
+            block_ledger store;
             const kel_init_options_t allocator = store.options();
             kel_context_t *ctx = open_context(version, round % 2 ? &allocator : nullptr);
             kel_context_t *second = open_context(3 - version, round % 2 ? &allocator : nullptr);
@@ -181,7 +181,7 @@ record_t work(unsigned rounds)
 // A thread that ends with its contexts open. What is left of them goes by hand.
 void leave_contexts_open()
 {
-    block_store store;
+    block_ledger store;
     const kel_init_options_t allocator = store.options();
     kel_context_t *contexts[2];
     std::thread([&] {
