@@ -7,8 +7,6 @@
 #include "kel.h"
 #include <cstddef>
 
-typedef unsigned int uint_t;
-
 // Word 0 of every block.
 typedef struct {
     uint32_t ccb_version : 4; // format of the block

@@ -9,8 +9,8 @@
 // An operation is a struct that holds only what is its own:
 //
 //   args            its arguments after the flags
-//   return_format        the text of its return line, for a status word and a count
-//   post_return_format   that of its posted form, for a status word
+//   return_format                             the text of its return line, for a status word and a count
+//   post_return_format                        that of its posted form, for a status word
 //   log_entry(ctx, flags, args)
 //   log_post_entry(ctx, flags, args, udata)
 //   valid(ctx, flags, args, queue, version)   argument tests; the queue of a posted request, or null
@@ -127,7 +127,7 @@ inline bool kel_do_log(const kel_context_t *ctx)
 template <class Op>
 inline kel_result_t kel_execute(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
 {
-    if (!kel_do_log(ctx)) [[unlikely]] // a new context validates
+    if (!kel_do_log(ctx))
         return exec<Op>(ctx, flags, args);
     return ctx->api_version == 2 ? kel_il<Op, 2>(ctx, flags, args) : kel_il<Op, 1>(ctx, flags, args);
 }
@@ -163,7 +163,7 @@ template <class Op>
 inline kel_status_t kel_post(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
 {
     const kel_context_t *ctx = queue->ctx;
-    if (!kel_do_log(ctx)) [[unlikely]]
+    if (!kel_do_log(ctx))
         return queue_full(queue) ? KEL_EQFULL : post<Op>(queue, flags, args, udata);
     return ctx->api_version == 2 ? kel_post_il<Op, 2>(queue, flags, args, udata)
                                  : kel_post_il<Op, 1>(queue, flags, args, udata);

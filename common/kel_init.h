@@ -51,6 +51,10 @@ kel_status_t kel0_thread_destroy(kel_thread_t *thread, kel_context_t *ctx);
 kel_status_t kel1_thread_create(kel_context_t *ctx, kel_thread_t *thread);
 kel_status_t kel1_thread_destroy(kel_thread_t *thread, kel_context_t *ctx);
 
+// The published limits of an interface version.
+void kel1_get_props(kel_context_t *ctx, kel_props_t *props);
+void kel2_get_props(kel_context_t *ctx, kel_props_t *props);
+
 // Memory services. A null context, or one without an allocator of its own, means the system's functions. With a
 // client's allocator kel_free needs the very size that the block was asked with. A null result is reported at error
 // level, but for the system's valloc.

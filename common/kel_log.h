@@ -7,8 +7,8 @@
 // one that the client sets.
 typedef struct {
     uint32_t options_init; // levels of the environment's channel
-    uint32_t options_set;  // levels of the client's channel
-    uint32_t options;      // the union of both, which call sites test
+    uint32_t options_set;  // levels that the client asked for
+    uint32_t options;      // the union of both: what call sites test, and the levels of the client's channel
     int fd_init;           // descriptor of the environment's channel, or -1
     int fd;                // descriptor of the client's channel, or -1
     kel_log_func_t cb;     // the client's callback, or null

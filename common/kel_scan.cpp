@@ -38,12 +38,10 @@ static kel_status_t int_create(kel_context_t *ctx, const uint8_t *bytes, size_t 
 
 kel_status_t kel_int_create(kel_context_t *ctx, const void *buf, size_t len, kel_int_t *val)
 {
-    if (ctx->log.options & KEL_LOG_ENTRY)
-        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_int_create(): ctx=0x%lx, buf=0x%lx, len=%ld, val=0x%lx", kel_log_ptr(ctx),
-                    kel_log_ptr(buf), static_cast<long>(len), kel_log_ptr(val));
+    kel_log_line(ctx, KEL_LOG_ENTRY, "kel_int_create(): ctx=0x%lx, buf=0x%lx, len=%ld, val=0x%lx", kel_log_ptr(ctx),
+                 kel_log_ptr(buf), static_cast<long>(len), kel_log_ptr(val));
     const kel_status_t status = int_create(ctx, static_cast<const uint8_t *>(buf), len, val);
-    if (ctx->log.options & KEL_LOG_RETURN)
-        kel_log_msg(ctx, KEL_LOG_RETURN, "kel_int_create() returns %s", kel_status_str(status));
+    kel_log_line(ctx, KEL_LOG_RETURN, "kel_int_create() returns %s", kel_status_str(status));
     return status;
 }
 

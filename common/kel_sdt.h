@@ -31,7 +31,8 @@
                      ".popsection\n"                                                                                   \
                      ".endif\n"                                                                                        \
                      :                                                                                                 \
-                     : "r"(a), "r"(b), "r"(c), "r"(d))
+                     : "r"(a), "r"(b), "r"(c), "r"(d)                                                                  \
+                     : "memory") // a tracer reads what the arguments point to
 
 #else
 

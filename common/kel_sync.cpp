@@ -14,7 +14,7 @@ int sync_flags_valid_nopost(kel_context_t *ctx, uint64_t flags, unsigned version
                     flags_str(ctx, bad, text, sizeof text));
 }
 
-int sync_flags_valid_post(kel_queue_t *queue, uint64_t flags, unsigned, int do_log)
+int sync_flags_valid_post0(kel_queue_t *queue, uint64_t flags, int do_log)
 {
     const int last = queue->rindx - 1;
     const bool cond = flags & KEL_COND;
@@ -24,6 +24,11 @@ int sync_flags_valid_post(kel_queue_t *queue, uint64_t flags, unsigned, int do_l
         kel_test(do_log, cond || !after_serial, queue->ctx, "KEL_SERIAL request not followed by a KEL_COND request");
     return valid & kel_test(do_log, !cond || after_serial || after_cond, queue->ctx,
                             "KEL_COND request has no KEL_SERIAL predecessor");
+}
+
+int sync_flags_valid_post(kel_queue_t *queue, uint64_t flags, unsigned, int do_log)
+{
+    return sync_flags_valid_post0(queue, flags, do_log);
 }
 
 int sync_flags_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, unsigned version, int do_log)

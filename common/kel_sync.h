@@ -26,6 +26,7 @@ int chain_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, const pi
 
 int sync_flags_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, unsigned version, int do_log);
 int sync_flags_valid_nopost(kel_context_t *ctx, uint64_t flags, unsigned version, int do_log);
+int sync_flags_valid_post0(kel_queue_t *queue, uint64_t flags, int do_log);
 int sync_flags_valid_post(kel_queue_t *queue, uint64_t flags, unsigned version, int do_log);
 
 // Version 1 has no pipelines and passes, and so does a call without a queue.

@@ -346,14 +346,17 @@ KEL_API kel_status_t kel_get_props(kel_context_t *ctx, kel_props_t *props);
 
 /* ---- Log and debug options ----------------------------------------------------------------------------------------
  *
- * A context has two log channels, each with its own levels. The environment's is set once, when the context opens:
+ * A context has two log channels. The environment's has levels of its own and is set once, when the context opens:
  * KEL_LOG_OPTIONS lists levels, separated by commas ("error", "warn", "entry", "return", "verbose", "perf", "all");
  * KEL_LOG_FD is the number of an open file descriptor, without which the lines go to the system log. The client's
  * channel is set by the calls below, each of which replaces the one before: its lines go to the system log, to a
- * descriptor, or to a callback. A line that the environment's channel has written is not repeated on the same target.
+ * descriptor, or to a callback; it gets the levels that the call names and the environment's, but no line that the
+ * environment's channel has just written to the same target.
  *
  * KEL_DEBUG_OPTIONS lists debug options ("arg", "extra", "sync", "perf", "all"). Not set, it stands for "arg"; empty,
- * it switches validation off. An unknown word of a variable is reported.
+ * it switches validation off. An unknown word of KEL_LOG_OPTIONS, and a bad KEL_LOG_FD, are told on standard error and
+ * in the system log; the good words hold, but without a good descriptor their lines go nowhere. An unknown word of
+ * KEL_DEBUG_OPTIONS switches validation off, which only a log line tells.
  *
  * options is a set of KEL_LOG_ bits. KEL_SUCCESS; KEL_EINVAL: a bit that does not exist, or a negative descriptor;
  * KEL_ETHREAD. After a failure nothing is changed. */
