@@ -33,8 +33,8 @@ static uint8_t *put_top_bytes(uint8_t *to, uint64_t pattern, uint64_t n)
 static void put_words(uint8_t *to, uint64_t pattern, uint64_t n)
 {
     const uint64_t word = revbytes64(pattern);
-    for (; n > 0; n--, to += sizeof word)
-        memcpy(to, &word, sizeof word);
+    for (uint64_t i = 0; i < n; i++)
+        memcpy(to + i * sizeof word, &word, sizeof word);
 }
 
 uint64_t fill_value(uint64_t val, unsigned val_width)

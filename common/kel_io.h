@@ -81,6 +81,12 @@ inline uint64_t kel_round_bits(uint64_t bits)
     return (bits + 7) & ~uint64_t{7};
 }
 
+// Without a population count, which is a call where the processor's instruction is not assumed.
+inline bool kel_power_of_two(uint64_t value)
+{
+    return value != 0 && (value & (value - 1)) == 0;
+}
+
 template <class T>
 inline T *kel_align_up(T *address, uintptr_t unit)
 {

@@ -104,7 +104,7 @@ int search(const void *data, unsigned width, unsigned offset, size_t count, cons
 size_t aux_sum(kel_context_t *ctx, const kel_vec_t *vec)
 {
     const unsigned width = vec->aux_width;
-    if (!std::has_single_bit(width) || width > 32) {
+    if (!kel_power_of_two(width) || width > 32) {
         kel_report(ctx, "Invalid src aux_width %d", static_cast<int>(width));
         return 0;
     }

@@ -120,7 +120,7 @@ inline conversion_t find_conversion(const move_t &move, kel_fmt_t fmt)
     const uint64_t dst_bits = move.pad ? kel_width_bits(move.dst) : rounded;
     conversion_t conversion;
     conversion.unchanged = bits == dst_bits && bits % 8 == 0 && move.src->offset == 0;
-    const bool whole_elements = std::has_single_bit(dst_bits) && dst_bits >= 8 && dst_bits <= 128;
+    const bool whole_elements = kel_power_of_two(dst_bits) && dst_bits >= 8 && dst_bits <= 128;
     const bool wide = conversion.unchanged && bits == 128 && fmt == kel_fmt_fixed;
     if (!whole_elements || move.var_dst() || !(wide || plain_fields(move.src, fmt)))
         return conversion;
@@ -200,17 +200,21 @@ class byte_sink : public sink
     {
         const auto start = reinterpret_cast<uintptr_t>(dst->data);
         const auto stop = reinterpret_cast<uintptr_t>(end);
-        room = stop > start ? (stop - start) / bytes + 1 : 0;
+        room = stop > start ? ((stop - start) >> std::countr_zero(bytes)) + 1 : 0;
     }
 
-    // Leaves the writer as it would be after count elements.
+    // Leaves the writer as it would be after count elements. Where whole words are in it and it is not full, it makes
+    // no difference that the last one is not held back.
     void written(uint64_t count)
     {
         const uint64_t size = count * bytes;
         if (size == 0)
             return;
-        out.buf += (size - 1) / 8;
-        out.cache_bits = 8 * (size - (size - 1) / 8 * 8);
+        const bool held = size % 8 != 0 || count >= room;
+        out.buf += (size - held) / 8;
+        if (!held)
+            return;
+        out.cache_bits = 8 * ((size - 1) % 8 + 1);
         out.cache = kel_load_be<uint64_t>(out.buf) & kel_shl(~uint64_t{0}, 64 - out.cache_bits);
     }
 
