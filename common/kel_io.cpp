@@ -1,6 +1,8 @@
 // Bit streams: the start of a reader, the finish of a writer, and the count of bits.
 #include "kel_io.h"
 #include "kel_limits.h"
+#include "kel_log.h"
+#include "kel_zip.h"
 #include <cpuid.h>
 
 void kelio_bits_init(const void *data, unsigned offset, uint64_t **buf, uint64_t *cache, uint64_t *cache_bits)
@@ -21,6 +23,24 @@ void kelio_bits_init(const void *data, unsigned offset, uint64_t **buf, uint64_t
     *buf = reinterpret_cast<uint64_t *>(const_cast<uint8_t *>(boundary));
     *cache = kel_shl(held, offset);
     *cache_bits = bits - offset;
+}
+
+kel_status_t kelio_unzip(kel_context_t *ctx, const kel_vec_t *src, void **buf, size_t *size)
+{
+    const size_t length = kel_decoded_bytes(ctx, src) + kel_unzip_room;
+    void *expanded = kel_malloc(ctx, length);
+    if (!expanded)
+        return KEL_ENOMEM;
+    const kel_status_t status = kel_unzip(ctx, src, src->codec, expanded, length);
+    if (status == KEL_EDATAFMT) {
+        kel_free(ctx, expanded, length);
+        return status;
+    }
+    if (status == KEL_EOVERFLOW)
+        kel_report(ctx, "kel_unzip outlen=%lu overflow", length);
+    *buf = expanded;
+    *size = length;
+    return KEL_SUCCESS;
 }
 
 int kelio_pad_output(kel_output_t *out, const void *end)

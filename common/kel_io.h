@@ -334,6 +334,13 @@ class stream_words
     bool started = false;
 };
 
+// The expansion of a compressed vector. The caller owns *buf of *size bytes, which goes back by kel_free.
+//
+// KEL_SUCCESS, also if the stream overran the buffer: it is cut, and the error is reported; KEL_ENOMEM; KEL_EDATAFMT: a
+// bad codeword or symbol, or a stream that ends too early.
+inline constexpr size_t kel_unzip_room = 8; // behind the expansion, for the last word that is stored or loaded
+kel_status_t kelio_unzip(kel_context_t *ctx, const kel_vec_t *src, void **buf, size_t *size);
+
 // ---- Writer ---------------------------------------------------------------------------------------------------------
 
 typedef struct {

@@ -3,6 +3,7 @@
 #include "kel_vector.h"
 #include "kel_init.h"
 #include "kel_io.h"
+#include "kel_zip.h"
 
 namespace
 {
@@ -184,6 +185,10 @@ int aux_elem_valid(kel_context_t *ctx, const kel_vec_t *vec)
 
 void vec_diagnose(kel_context_t *ctx, const kel_vec_t *vec, kel_status_t status)
 {
-    if (status == KEL_EDATAFMT && vec->format & (KEL_VAR | KEL_RLE) && !(vec->format & KEL_ADD_ONE))
+    if (status != KEL_EDATAFMT)
+        return;
+    if (vec->format & KEL_ZIP)
+        zip_valid_syms(ctx, vec, vec->codec);
+    if (vec->format & (KEL_VAR | KEL_RLE) && !(vec->format & KEL_ADD_ONE))
         aux_elem_valid(ctx, vec);
 }

@@ -423,7 +423,8 @@ KEL_API kel_status_t kel_cancel_all(kel_queue_t *queue);
 /* ---- Operations ---------------------------------------------------------------------------------------------------
  *
  * Of every operation: KEL_EINVAL if an argument failed validation, KEL_ETHREAD if validation found that the calling
- * thread does not own the context; in both cases nothing was written and count is 0. */
+ * thread does not own the context; in both cases nothing was written and count is 0. The same holds for a KEL_ZIP
+ * source that cannot be expanded (KEL_ENOMEM, KEL_EDATAFMT; see Codecs below). */
 
 /* Does nothing. Accepts no flags. {KEL_SUCCESS, 0, 0}. */
 KEL_API kel_result_t kel_nop(kel_context_t *ctx, uint64_t flags);
@@ -455,9 +456,9 @@ KEL_API kel_status_t kel_int_create(kel_context_t *ctx, const void *buf, size_t 
  * is the lesser. So values are best given in the width of the elements.
  *
  * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run or a width of 0; KEL_EOVERFLOW: the destination is full;
- * KEL_EPARSE: an operator without kernel (validation off); KEL_ENOTIMPL: a KEL_ZIP source. After KEL_EDATAFMT and
- * KEL_EOVERFLOW dst holds the outcome of the elements before the failing one, padded unless a run went past the nominal
- * end, and count their matches. An operator that no enumerator names is refused, acts as another, or ends the program.
+ * KEL_EPARSE: an operator without kernel (validation off). After KEL_EDATAFMT and KEL_EOVERFLOW dst holds the outcome
+ * of the elements before the failing one, padded unless a run went past the nominal end, and count their matches. An
+ * operator that no enumerator names is refused, acts as another, or ends the program.
  */
 KEL_API kel_result_t kel_scan_value(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                     kel_compare_t op, const kel_int_t *val);
@@ -489,8 +490,8 @@ KEL_API kel_status_t kel_scan_range_post(kel_queue_t *queue, uint64_t flags, con
  * An element is rounded up to whole bytes and adapted to the width of dst: a narrower one is written with zero bytes
  * before it, or with KEL_PAD behind it; of a wider one the first bytes are kept.
  *
- * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EOVERFLOW: the destination is full; KEL_ENOTIMPL: a KEL_ZIP source. After
- * KEL_EOVERFLOW dst holds the elements before the failing one, and count their number.
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EOVERFLOW: the destination is full. After KEL_EOVERFLOW dst holds the
+ * elements before the failing one, and count their number.
  */
 KEL_API kel_result_t kel_select(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                 const kel_vec_t *mask);
@@ -504,8 +505,8 @@ KEL_API kel_result_t kel_select(kel_context_t *ctx, uint64_t flags, const kel_ve
  * for the expanded runs, of which KEL_DEBUG_EXTRA tests the sum. dst must not overlap src (tested by KEL_DEBUG_EXTRA).
  * flags: KEL_PAD, KEL_CACHE, KEL_NOWAIT.
  *
- * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run or a width of 0; KEL_EOVERFLOW: the destination is full;
- * KEL_ENOTIMPL: a KEL_ZIP source. After KEL_EDATAFMT and KEL_EOVERFLOW dst holds the elements before the failing one.
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run or a width of 0; KEL_EOVERFLOW: the destination is full.
+ * After KEL_EDATAFMT and KEL_EOVERFLOW dst holds the elements before the failing one.
  */
 KEL_API kel_result_t kel_extract(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst);
 
@@ -592,6 +593,64 @@ KEL_API kel_status_t kel_copy_post(kel_queue_t *queue, uint64_t flags, const voi
                                    void *udata);
 KEL_API kel_status_t kel_fill_post(kel_queue_t *queue, uint64_t flags, uint64_t val, void *dst, uint64_t count,
                                    uint32_t val_width, void *udata);
+
+/* ---- Codecs -------------------------------------------------------------------------------------------------------
+ *
+ * A codec is a dictionary: it maps a codeword, which is an index, to a symbol of 1 to 8 bytes. A vector with KEL_ZIP
+ * has in data a stream of codewords, most significant bit first, and names the codec; its other fields describe the
+ * decoded elements, but for offset, which is where the first codeword starts. The codewords' symbols, one behind the
+ * other, are the elements' stream; a symbol may end anywhere in an element. A codeword has as many bits as the highest
+ * one needs: 10 for 513 to 1024 symbols, none for one symbol. Every operation with a source (scan, select, extract;
+ * translate with validation off) takes such a vector: the library expands it into memory of its own, taken from the
+ * context's allocator and given back before the call returns, and goes on as with a plain one. The operation returns
+ * KEL_ENOMEM if that memory cannot be had, KEL_EDATAFMT if the stream cannot be expanded, with nothing written.
+ *
+ * What is guaranteed of a stream that is damaged or hostile, even with validation off: the library reads it in aligned
+ * 8-byte words up to the end of the word that holds the last bit of codeword number codewords (of vec->codewords), or,
+ * if that field is 0, of as many codewords as there are decoded bytes, and not behind; it reads symbols inside the
+ * codec's image (dict_sz bytes as they were at creation), and writes inside its own memory. A stream that ends before
+ * the decoded length is reached is KEL_EDATAFMT. A codeword that the dictionary does not have, or one with a symbol
+ * length of 0 or above 8, is KEL_EDATAFMT under KEL_DEBUG_EXTRA, which also tells it in the log; without it such a
+ * codeword stands for nothing (with a length of 9 to 15 for that many bytes), and the decoded data is wrong.
+ *
+ * A codec is not changed between its creation and its release, which are made with one context. It belongs to the
+ * caller, and is to outlive the vectors that name it.
+ *
+ * The image, which clients store: the number of symbols (1 to 1024) in 2 bytes, big-endian; a length of 4 bits for each
+ * symbol, the first in the high half of its byte, a last unused half 0; the symbols, one behind the other. At most 4098
+ * bytes (version 1) or 8192 (version 2). In version 1 the symbols of the codewords that have their low 8 bits in common
+ * may have 14 bytes together. */
+
+/*
+ * Creates a codec from nsyms lengths (of 4 bits, as in an image) and symbols, which are copied.
+ *
+ * KEL_SUCCESS; KEL_EINVAL: nsyms is not 1 to 1024, an unused half of the last length is not 0, the calling thread does
+ * not own the context, or, under KEL_DEBUG_EXTRA and in version 1, more than 14 bytes with common low bits; *codec is
+ * untouched then; KEL_ENOMEM: *codec is null. Lengths are not tested.
+ */
+KEL_API kel_status_t kel_zip_create(kel_context_t *ctx, uint16_t nsyms, const uint8_t *widths, const uint8_t *syms,
+                                    kel_zip_t **codec);
+
+/*
+ * Creates a codec from an image of length bytes at a multiple of 16. In version 2 the codec uses the image where it is,
+ * and the caller keeps it for the life of the codec, unless it crosses a multiple of 8192: then, and always in version
+ * 1, it is copied. KEL_DEBUG_EXTRA tests the lengths, their sum against length, and in version 1 the rule of 14 bytes.
+ * With validation off, version 1 trusts the lengths and does not look at length.
+ *
+ * KEL_SUCCESS; KEL_EINVAL: as the tests say, or the thread does not own the context; KEL_ENOMEM. After a failure *codec
+ * is null.
+ */
+KEL_API kel_status_t kel_zip_create_contig(kel_context_t *ctx, const void *buf, size_t length, kel_zip_t **codec);
+
+/*
+ * Copies the image to buf, of which *buflen is the capacity. *buflen becomes the length of the image.
+ *
+ * KEL_SUCCESS; KEL_EOVERFLOW: nothing is copied; KEL_EINVAL: the thread does not own the context, *buflen is untouched.
+ */
+KEL_API kel_status_t kel_zip_get_contig(kel_context_t *ctx, const kel_zip_t *codec, void *buf, size_t *buflen);
+
+/* Releases a codec, with the image if it is the codec's own. KEL_SUCCESS; KEL_ETHREAD: the codec stays. */
+KEL_API kel_status_t kel_zip_free(kel_context_t *ctx, kel_zip_t *codec);
 
 /* ---- Raw command blocks ------------------------------------------------------------------------------------------ */
 

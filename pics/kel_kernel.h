@@ -128,6 +128,42 @@ struct uintptr_unalign {
     }
 };
 
+// ---- Compressed sources ---------------------------------------------------------------------------------------------
+
+// Whether an expansion has the bytes that a kernel reads of it. Only a format that contradicts itself, which no
+// validated vector has, describes more.
+inline bool expansion_suffices(const kel_vec_t *src, kel_type_t type, kel_fmt_t fmt, uint64_t bytes)
+{
+    if (fmt == kel_fmt_mixed)
+        return kel_power_of_two(src->aux_width) && src->aux_width <= kel_max_aux_bits;
+    const uint64_t bits = type == kel_type_uint8 ? 8 : kel_width_bits(src);
+    uint64_t needed;
+    return !__builtin_mul_overflow(bits, src->elements, &needed) && needed <= UINT64_MAX - 7 &&
+           (needed + 7) / 8 <= bytes;
+}
+
+// Calls run(kernel) with a plain source: that of a compressed one is expanded first, and goes back afterwards. If it
+// cannot be, nothing is written.
+template <class Kernel, class Run>
+kel_status_t with_plain_source(Kernel kernel, kel_type_t type, kel_fmt_t fmt, const Run &run)
+{
+    const kel_vec_t *src = kernel.src;
+    if (!(src->format & KEL_ZIP))
+        return run(kernel);
+    kel_vec_t plain = *src;
+    size_t size;
+    kel_status_t status = kelio_unzip(kernel.ctx, src, &plain.data, &size);
+    if (status != KEL_SUCCESS)
+        return status;
+    plain.format &= ~KEL_ZIP;
+    plain.offset = 0;
+    kernel.src = &plain;
+    const uint64_t decoded = size - kel_unzip_room;
+    status = expansion_suffices(&plain, type, fmt, decoded) ? run(kernel) : KEL_EDATAFMT;
+    kel_free(kernel.ctx, plain.data, size);
+    return status;
+}
+
 // ---- The walk -------------------------------------------------------------------------------------------------------
 
 // Takes the stored elements one after the other: visit(element, bits, run) outputs one, and may stop the walk by a
@@ -178,8 +214,7 @@ inline kel_status_t finish(const kernel_t &kernel, sink &to, kel_status_t status
 
 // The general kernel of a type and a format: a walk with the visitor that make_visit<Type>(progress) makes.
 template <class Type, class MakeVisit>
-kel_status_t general_by_format(const kernel_t &kernel, sink &to, bool widths, bool runs,
-                               const MakeVisit &make_visit)
+kel_status_t general_by_format(const kernel_t &kernel, sink &to, bool widths, bool runs, const MakeVisit &make_visit)
 {
     progress_t progress;
     const auto visit = make_visit.template operator()<Type>(progress);

@@ -320,23 +320,26 @@ inline kel_status_t select_blocks(const move_t &move, const conversion_t &conver
 
 // ---- The choice of a kernel -----------------------------------------------------------------------------------------
 
+inline kel_status_t run_kernel(const move_t &move, kel_type_t type, kel_fmt_t fmt, bool fast)
+{
+    const conversion_t conversion = fast ? find_conversion(move, fmt) : conversion_t();
+    if (conversion.bytes == 0)
+        return general_move(move, type, fmt);
+    return move.mask ? select_blocks(move, conversion) : extract_blocks(move, conversion);
+}
+
 inline kel_status_t move_emulate(move_t move, const char *verbose_line, bool fast)
 {
     const kel_vec_t *src = move.src;
     const uint64_t dst_bytes = kel_dispatch_bytes(move.dst->format, move.dst->elem_width);
     if (move.ctx->log.options & KEL_LOG_VERBOSE)
         kel_log_msg(move.ctx, KEL_LOG_VERBOSE, "%s", verbose_line);
-    if (src->format & KEL_ZIP)
-        return KEL_ENOTIMPL;
 
     const auto type = static_cast<kel_type_t>(kel_class(std::max(kel_dispatch_bytes(src), dst_bytes)) / 2);
     const kel_fmt_t fmt = kel_dispatch_fmt(src);
     move.ext = kel_dispatch_ext(move.ctx, src);
     move.pad = src->format & KEL_VAR || kel_round_bits(kel_width_bits(src)) / 8 != dst_bytes;
-    const conversion_t conversion = fast ? find_conversion(move, fmt) : conversion_t();
-    if (conversion.bytes == 0)
-        return general_move(move, type, fmt);
-    return move.mask ? select_blocks(move, conversion) : extract_blocks(move, conversion);
+    return with_plain_source(move, type, fmt, [=](const move_t &plain) { return run_kernel(plain, type, fmt, fast); });
 }
 
 } // namespace

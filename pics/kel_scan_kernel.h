@@ -181,12 +181,10 @@ kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
     });
 }
 
-// The kernel for a type, a format and an output. Compressed sources have none.
+// The kernel for a type, a format and an output.
 template <unsigned values>
 kel_status_t run_kernel(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool ones, bool fast)
 {
-    if (scan.src->format & KEL_ZIP)
-        return KEL_ENOTIMPL;
     if (fast && block_road<values>(scan, type, fmt) && takes_blocks(scan.dst, ones))
         return mask_kernel(scan, scan_predicate<values>(scan, type), ones);
     return ones ? general_scan<values, index_sink>(scan, type, fmt) : general_scan<values, bit_sink>(scan, type, fmt);
@@ -239,7 +237,9 @@ kel_status_t scan_emulate(const family_t<count> &family, scan_t scan, uint64_t f
         return KEL_EPARSE;
     const auto type = static_cast<kel_type_t>(slot.type);
     const auto fmt = static_cast<kel_fmt_t>(slot.fmt);
-    return run_kernel<values>(scan, type, fmt, flags & KEL_ONES_INDEX, fast);
+    const bool ones = flags & KEL_ONES_INDEX;
+    return with_plain_source(scan, type, fmt,
+                             [=](const scan_t &plain) { return run_kernel<values>(plain, type, fmt, ones, fast); });
 }
 
 } // namespace

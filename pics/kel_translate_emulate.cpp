@@ -35,24 +35,28 @@ kel_status_t general_translate(const kernel_t &kernel, const lookup_t &lookup, k
     });
 }
 
-// Compressed sources have no kernel.
+kel_status_t run_kernel(const kernel_t &kernel, const lookup_t &lookup, kel_type_t type, kel_fmt_t fmt, bool ones,
+                        bool fast)
+{
+    if (fast && !lookup.tested && plain_fields(kernel.src, fmt) && takes_blocks(kernel.dst, ones))
+        return mask_kernel<bitmap_t>(kernel, lookup, ones);
+    return ones ? general_translate<index_sink>(kernel, lookup, type, fmt)
+                : general_translate<bit_sink>(kernel, lookup, type, fmt);
+}
+
 kel_status_t emulate(kernel_t kernel, uint64_t flags, lookup_t lookup, const char *verbose_line, bool fast)
 {
     const uint64_t wide = kel_dispatch_bytes(kernel.src);
     if (kernel.ctx->log.options & KEL_LOG_VERBOSE)
         kel_log_msg(kernel.ctx, KEL_LOG_VERBOSE, "%s", verbose_line);
-    if (kernel.src->format & KEL_ZIP)
-        return KEL_ENOTIMPL;
 
     const auto type = static_cast<kel_type_t>(kel_class(wide) / 2);
     const kel_fmt_t fmt = kel_dispatch_fmt(kernel.src);
     const bool ones = flags & KEL_ONES_INDEX;
     lookup.negated = flags & KEL_INVERT;
     kernel.ext = kel_dispatch_ext(kernel.ctx, kernel.src);
-    if (fast && !lookup.tested && plain_fields(kernel.src, fmt) && takes_blocks(kernel.dst, ones))
-        return mask_kernel<bitmap_t>(kernel, lookup, ones);
-    return ones ? general_translate<index_sink>(kernel, lookup, type, fmt)
-                : general_translate<bit_sink>(kernel, lookup, type, fmt);
+    return with_plain_source(kernel, type, fmt,
+                             [=](const kernel_t &plain) { return run_kernel(plain, lookup, type, fmt, ones, fast); });
 }
 
 kel_status_t translate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,

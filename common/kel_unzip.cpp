@@ -1,0 +1,289 @@
+// Expansion of streams of codewords.
+//
+// A stream has no end mark: its codewords are read until their symbols make up the vector's bytes. Nothing in it can be
+// trusted, so the reader is bounded by what it knows. No more codewords are read than the vector says that there are,
+// or, where it says 0, than there are bytes to make; symbols are read inside the codec's image, and written inside the
+// destination.
+//
+// The bulk of a stream goes by tables, several codewords from each load, each with one store of 8 bytes. It ends where
+// its loads or stores might pass what is surely needed, and where a dictionary is damaged it does not begin: the rest
+// goes codeword by codeword.
+#include "kel_io.h"
+#include "kel_log.h"
+#include "kel_text.h"
+#include "kel_vector.h"
+#include "kel_zip.h"
+#include <algorithm>
+#include <array>
+#include <utility>
+
+uint64_t kel_decoded_bytes(kel_context_t *ctx, const kel_vec_t *src)
+{
+    return src->format & KEL_VAR ? aux_sum(ctx, src) : kel_data_bytes(src);
+}
+
+namespace
+{
+
+// ---- Symbols --------------------------------------------------------------------------------------------------------
+
+bool bad_width(unsigned width)
+{
+    return width == 0 || width > kel_max_symbol_bytes;
+}
+
+// The width of a symbol; 0 if its place in the image's tables lies behind the image.
+unsigned width_in_image(const kel_zip_t *codec, unsigned code)
+{
+    const uint64_t pair = kel_zip_header + code / 2;
+    const uint64_t row = sizeof(huff_len_table_t) + code % kel_zip_rows * sizeof(huff_sym_table_entry_t);
+    const bool inside = codec->vorp ? pair < codec->dict_sz : row + sizeof(huff_sym_table_entry_t) <= codec->dict_sz;
+    return inside ? zip_width(kel_zip_widths(codec), code, codec->vorp) : 0;
+}
+
+// The symbols of a codec by codeword. What is not in the dictionary has width 0.
+struct symbols_t {
+    uint64_t bytes[kel_max_zip_symbols]; // in the order of memory; of a longer symbol the last 8
+    uint8_t width[kel_max_zip_symbols];
+    bool sound; // every width of the dictionary is 1 to 8
+
+    explicit symbols_t(const kel_zip_t *codec);
+
+  private:
+    void load(unsigned code, const uint8_t *symbol, unsigned symbol_width, uint64_t available);
+};
+
+// available: bytes of the image from the symbol on.
+void symbols_t::load(unsigned code, const uint8_t *symbol, unsigned symbol_width, uint64_t available)
+{
+    const unsigned kept = std::min(symbol_width, kel_max_symbol_bytes);
+    width[code] = symbol_width <= available ? static_cast<uint8_t>(symbol_width) : 0;
+    sound &= !bad_width(width[code]);
+    if (width[code] == 0)
+        return;
+    symbol += symbol_width - kept;
+    if (available >= kel_max_symbol_bytes && kept == symbol_width) {
+        memcpy(&bytes[code], symbol, kel_max_symbol_bytes);
+        bytes[code] &= ~uint64_t{0} >> (64 - 8 * kept);
+    } else {
+        bytes[code] = 0;
+        memcpy(&bytes[code], symbol, kept);
+    }
+}
+
+symbols_t::symbols_t(const kel_zip_t *codec) : sound(true)
+{
+    const unsigned nsyms = std::min<unsigned>(codec->nsyms, kel_max_zip_symbols);
+    const auto *image = static_cast<const uint8_t *>(codec->dict);
+    const void *widths = kel_zip_widths(codec);
+    uint64_t place = static_cast<uint64_t>(codec->syms - image); // of the next symbol of a packed image
+    for (unsigned code = 0; code < nsyms; code++) {
+        const unsigned symbol_width = width_in_image(codec, code);
+        if (!codec->vorp)
+            place = kel_zip_row_place(widths, code) + sizeof(huff_len_table_t);
+        const uint64_t available = place < codec->dict_sz ? codec->dict_sz - place : 0;
+        load(code, image + place, symbol_width, available);
+        place += symbol_width;
+    }
+    const unsigned codes = 1u << zip_code_width(nsyms); // that a codeword can have
+    std::fill(width + nsyms, width + codes, uint8_t{0});
+    std::fill(bytes + nsyms, bytes + codes, uint64_t{0});
+}
+
+// ---- The stream -----------------------------------------------------------------------------------------------------
+
+// What is left of a stream, and of what is to be made of it.
+struct stream_t {
+    stream_t(const kel_vec_t *src, const kel_zip_t *codec, uint64_t decoded)
+        : data(static_cast<const uint8_t *>(src->data)), bit(src->offset), code_width(zip_code_width(codec->nsyms)),
+          wanted(static_cast<int64_t>(decoded)), codewords(src->codewords != 0 ? src->codewords : decoded)
+    {
+    }
+
+    const uint8_t *data;
+    uint64_t bit;        // where the next codeword starts
+    unsigned code_width; // bits
+    int64_t wanted;      // bytes; the last symbol may make it negative
+    uint64_t codewords;  // that may be read
+};
+
+// Reads the codewords one by one. Kept: a codeword of 0 bits, that of a dictionary with one symbol, has as its value
+// the low half of the word that the reader holds, so that it is valid only while that half is zero.
+class code_reader
+{
+  public:
+    explicit code_reader(const stream_t &stream) : code_width(stream.code_width)
+    {
+        kelio_buf_input(stream.data + stream.bit / 8, stream.bit % 8, &in);
+    }
+
+    uint32_t next()
+    {
+        return static_cast<uint32_t>(kelio_get_bits(&in, code_width));
+    }
+
+  private:
+    kel_input_t in;
+    unsigned code_width;
+};
+
+// A destination that is written byte after byte and has a firm end.
+struct decoded_t {
+    uint8_t *start;
+    uint64_t room;
+    uint64_t size = 0; // bytes that were put, some of which may have found no room
+
+    void put(uint8_t byte)
+    {
+        if (size < room)
+            start[size] = byte;
+        size++;
+    }
+
+    void put(uint64_t bytes, unsigned width)
+    {
+        for (; width > kel_max_symbol_bytes; width--)
+            put(0);
+        for (unsigned i = 0; i < width; i++)
+            put(static_cast<uint8_t>(bytes >> 8 * i));
+    }
+
+    // Whether a writer of words, which holds the last one back, would have reached the end.
+    bool full() const
+    {
+        return (size == 0 ? 0 : (size - 1) / 8 * 8) >= room;
+    }
+
+    // Fills the last word with zeros.
+    kel_status_t finish()
+    {
+        while (size % 8 != 0)
+            put(0);
+        return size < room ? KEL_SUCCESS : KEL_EOVERFLOW;
+    }
+};
+
+kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, unsigned nsyms, bool extra, decoded_t &dst)
+{
+    if (stream.wanted <= 0) // a reader loads at once
+        return KEL_SUCCESS;
+    code_reader reader(stream);
+    while (stream.wanted > 0) {
+        if (stream.codewords-- == 0)
+            return KEL_EDATAFMT;
+        const uint32_t code = reader.next();
+        const unsigned width = code < nsyms ? symbols.width[code] : 0;
+        if (extra) {
+            if (bad_width(width))
+                return KEL_EDATAFMT;
+            if (dst.full())
+                return KEL_EOVERFLOW;
+        }
+        if (width > 0)
+            dst.put(symbols.bytes[code], width);
+        stream.wanted -= width;
+    }
+    return KEL_SUCCESS;
+}
+
+// ---- The bulk -------------------------------------------------------------------------------------------------------
+
+constexpr unsigned group = 4; // codewords from one load
+constexpr unsigned widest_code = 10;
+static_assert(7 + group * widest_code <= 64);
+
+// How many codewords can be read with loads of 8 bytes and written with stores of 8 bytes. As many are surely needed as
+// symbols of 8 bytes would be; the last of these hold the bytes that loads may touch behind the codewords before.
+template <unsigned width>
+uint64_t safe_codewords(const stream_t &stream, const decoded_t &dst)
+{
+    constexpr uint64_t loaded_behind = (64 + width - 1) / width + 1;
+    const uint64_t room = dst.room > dst.size ? dst.room - dst.size : 0;
+    const uint64_t needed = std::min<uint64_t>(static_cast<uint64_t>(stream.wanted), room) / kel_max_symbol_bytes;
+    const uint64_t readable = std::min(needed, stream.codewords);
+    return readable > loaded_behind ? readable - loaded_behind : 0;
+}
+
+template <unsigned width>
+void unzip_groups(stream_t &stream, const symbols_t &symbols, decoded_t &dst)
+{
+    const uint8_t *data = stream.data;
+    uint64_t bit = stream.bit;
+    uint8_t *to = dst.start + dst.size;
+    while (const uint64_t groups = safe_codewords<width>(stream, dst) / group) {
+        uint8_t *start = to;
+        for (uint64_t i = 0; i < groups; i++, bit += group * width) {
+            uint64_t word = kel_load_be<uint64_t>(data + bit / 8) << bit % 8;
+            for (unsigned j = 0; j < group; j++, word <<= width) {
+                const uint64_t code = word >> (64 - width);
+                memcpy(to, &symbols.bytes[code], kel_max_symbol_bytes);
+                to += symbols.width[code];
+            }
+        }
+        stream.wanted -= to - start;
+        stream.codewords -= group * groups;
+        dst.size += static_cast<uint64_t>(to - start);
+    }
+    stream.bit = bit;
+}
+
+template <size_t... widths>
+constexpr auto make_bulk_table(std::index_sequence<widths...>)
+{
+    return std::array{unzip_groups<widths + 1>...};
+}
+
+// By the width of a codeword, less 1.
+constexpr auto bulk_table = make_bulk_table(std::make_index_sequence<widest_code>());
+
+} // namespace
+
+// ---- Interface ------------------------------------------------------------------------------------------------------
+
+kel_status_t kel_unzip(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t *codec, void *dst, size_t dst_len)
+{
+    const bool extra = ctx->debug_options & KEL_DEBUG_EXTRA;
+    stream_t stream(src, codec, kel_decoded_bytes(ctx, src));
+    decoded_t decoded = {static_cast<uint8_t *>(dst), dst_len};
+    if (stream.wanted > 0) {
+        if (codec->nsyms > kel_max_zip_symbols)
+            return KEL_EDATAFMT;
+        const symbols_t symbols(codec);
+        if (!extra && symbols.sound && stream.code_width > 0)
+            bulk_table[stream.code_width - 1](stream, symbols, decoded);
+        const kel_status_t status = unzip_codewords(stream, symbols, codec->nsyms, extra, decoded);
+        if (status != KEL_SUCCESS)
+            return status;
+    }
+    return decoded.finish();
+}
+
+int zip_valid_syms(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t *codec)
+{
+    stream_t stream(src, codec, kel_decoded_bytes(ctx, src));
+    if (stream.wanted <= 0)
+        return 1;
+    code_reader reader(stream);
+    for (unsigned long index = 0; stream.wanted > 0; index++) {
+        if (index == stream.codewords) {
+            kel_report(ctx, "EDATAFMT: the stream of %lu codewords ends before the decoded data", index);
+            return 0;
+        }
+        const uint32_t code = reader.next();
+        if (code >= codec->nsyms) {
+            kel_report(ctx, "EDATAFMT: codeword %u > max valid codeword %u at index %lu", code, codec->nsyms - 1u,
+                       index);
+            return 0;
+        }
+        const unsigned width = width_in_image(codec, code);
+        if (bad_width(width)) {
+            kel_report(ctx,
+                       "EDATAFMT: codeword %u at index %lu maps to symbol with bad length %u bytes; must be between 1 "
+                       "and 8 bytes",
+                       code, index, width);
+            return 0;
+        }
+        stream.wanted -= width;
+    }
+    return 1;
+}
