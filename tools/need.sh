@@ -27,7 +27,11 @@ check() {
     for extra in "$@"; do
         case $extra in
         gtest) need libgtest-dev have_header gtest/gtest.h ;;
-        benchmark) need libbenchmark-dev have_header benchmark/benchmark.h ;;
+        benchmark)
+            need libbenchmark-dev have_header benchmark/benchmark.h
+            need liblz4-dev have_header lz4.h
+            need libzstd-dev have_header zstd.h
+            ;;
         lint) need clang-format command -v clang-format && need clang-tidy command -v clang-tidy ;;
         *) echo "need.sh: what is $extra?" >&2; exit 2 ;;
         esac
