@@ -43,6 +43,7 @@ class column_t
             out.put(code, zip_code_width(shape.symbols));
             plain.insert(plain.end(), symbols[code].begin(), symbols[code].end());
         }
+        out.put(0, 8); // so that the last codeword is stored whole
         plain.resize(decoded_bytes);
     }
 

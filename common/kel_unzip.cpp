@@ -33,12 +33,21 @@ bool bad_width(unsigned width)
 }
 
 // The width of a symbol; 0 if its place in the image's tables lies behind the image.
+unsigned packed_width(const kel_zip_t *codec, unsigned code)
+{
+    const auto *widths = static_cast<const uint8_t *>(codec->dict) + kel_zip_header;
+    return kel_zip_header + code / 2 < codec->dict_sz ? vorp_width(widths, code) : 0;
+}
+
+unsigned row_width(const kel_zip_t *codec, unsigned code)
+{
+    const uint64_t row = sizeof(huff_len_table_t) + code % kel_zip_rows * sizeof(huff_sym_table_entry_t);
+    return row + sizeof(huff_sym_table_entry_t) <= codec->dict_sz ? huff_width(kel_zip_widths(codec), code) : 0;
+}
+
 unsigned width_in_image(const kel_zip_t *codec, unsigned code)
 {
-    const uint64_t pair = kel_zip_header + code / 2;
-    const uint64_t row = sizeof(huff_len_table_t) + code % kel_zip_rows * sizeof(huff_sym_table_entry_t);
-    const bool inside = codec->vorp ? pair < codec->dict_sz : row + sizeof(huff_sym_table_entry_t) <= codec->dict_sz;
-    return inside ? zip_width(kel_zip_widths(codec), code, codec->vorp) : 0;
+    return codec->vorp ? packed_width(codec, code) : row_width(codec, code);
 }
 
 // The symbols of a codec by codeword. What is not in the dictionary has width 0.
@@ -50,40 +59,49 @@ struct symbols_t {
     explicit symbols_t(const kel_zip_t *codec);
 
   private:
-    void load(unsigned code, const uint8_t *symbol, unsigned symbol_width, uint64_t available);
+    void load(const kel_zip_t *codec, unsigned code, uint64_t place, unsigned symbol_width);
+    void load_at_end(const kel_zip_t *codec, unsigned code, uint64_t place, unsigned symbol_width);
 };
 
-// available: bytes of the image from the symbol on.
-void symbols_t::load(unsigned code, const uint8_t *symbol, unsigned symbol_width, uint64_t available)
+// A symbol that is not followed by enough of the image for a load of 8 bytes, or is longer than that.
+void symbols_t::load_at_end(const kel_zip_t *codec, unsigned code, uint64_t place, unsigned symbol_width)
 {
-    const unsigned kept = std::min(symbol_width, kel_max_symbol_bytes);
-    width[code] = symbol_width <= available ? static_cast<uint8_t>(symbol_width) : 0;
-    sound &= !bad_width(width[code]);
-    if (width[code] == 0)
-        return;
-    symbol += symbol_width - kept;
-    if (available >= kel_max_symbol_bytes && kept == symbol_width) {
-        memcpy(&bytes[code], symbol, kel_max_symbol_bytes);
-        bytes[code] &= ~uint64_t{0} >> (64 - 8 * kept);
+    const bool inside = place + symbol_width <= codec->dict_sz;
+    const unsigned kept = inside ? std::min(symbol_width, kel_max_symbol_bytes) : 0;
+    width[code] = inside ? static_cast<uint8_t>(symbol_width) : 0;
+    bytes[code] = 0;
+    if (kept > 0)
+        memcpy(&bytes[code], static_cast<const uint8_t *>(codec->dict) + place + symbol_width - kept, kept);
+}
+
+inline void symbols_t::load(const kel_zip_t *codec, unsigned code, uint64_t place, unsigned symbol_width)
+{
+    if (bad_width(symbol_width) || place + kel_max_symbol_bytes > codec->dict_sz) {
+        load_at_end(codec, code, place, symbol_width);
     } else {
-        bytes[code] = 0;
-        memcpy(&bytes[code], symbol, kept);
+        width[code] = static_cast<uint8_t>(symbol_width);
+        memcpy(&bytes[code], static_cast<const uint8_t *>(codec->dict) + place, kel_max_symbol_bytes);
+        bytes[code] &= ~uint64_t{0} >> (64 - 8 * symbol_width);
     }
+    sound &= !bad_width(width[code]);
 }
 
 symbols_t::symbols_t(const kel_zip_t *codec) : sound(true)
 {
     const unsigned nsyms = std::min<unsigned>(codec->nsyms, kel_max_zip_symbols);
-    const auto *image = static_cast<const uint8_t *>(codec->dict);
-    const void *widths = kel_zip_widths(codec);
-    uint64_t place = static_cast<uint64_t>(codec->syms - image); // of the next symbol of a packed image
-    for (unsigned code = 0; code < nsyms; code++) {
-        const unsigned symbol_width = width_in_image(codec, code);
-        if (!codec->vorp)
-            place = kel_zip_row_place(widths, code) + sizeof(huff_len_table_t);
-        const uint64_t available = place < codec->dict_sz ? codec->dict_sz - place : 0;
-        load(code, image + place, symbol_width, available);
-        place += symbol_width;
+    if (codec->vorp) {
+        auto place = static_cast<uint64_t>(codec->syms - static_cast<const uint8_t *>(codec->dict));
+        for (unsigned code = 0; code < nsyms; code++) {
+            const unsigned symbol_width = packed_width(codec, code);
+            load(codec, code, place, symbol_width);
+            place += symbol_width;
+        }
+    } else {
+        for (unsigned code = 0; code < nsyms; code++) {
+            const unsigned symbol_width = row_width(codec, code);
+            const unsigned place = symbol_width == 0 ? 0 : kel_zip_row_place(kel_zip_widths(codec), code);
+            load(codec, code, sizeof(huff_len_table_t) + place, symbol_width);
+        }
     }
     const unsigned codes = 1u << zip_code_width(nsyms); // that a codeword can have
     std::fill(width + nsyms, width + codes, uint8_t{0});
