@@ -19,7 +19,7 @@
 //   diagnosed(args)                           the source that is looked at after a failure; only where there is one
 //   pipe_dst(args)                            the output that the next request of a pipeline may read, or null
 //   emulate_post(ctx, flags, args, cca)       only where the posted form does its work in another way
-//   name(args)                                the first argument of the return lines, only where operations share a struct
+//   name(args)                                the first argument of the return lines; where operations share a struct
 //   request(args, request)                    fills in what trace probes show; only where the operation has a probe
 //
 // A posted request takes the same road to its emulation, kel_post and kel_post_il, and leaves its outcome in a slot of

@@ -515,12 +515,12 @@ KEL_API kel_result_t kel_extract(kel_context_t *ctx, uint64_t flags, const kel_v
  * in stream order: bit 0 is the most significant bit of its first byte. KEL_INVERT inverts the bit looked up. count is
  * the number of ones.
  *
- * src: KEL_BYTES, KEL_BITS or KEL_RLE, elements of 1 to 16 (version 1) or 1 to 24 (version 2) bits, or 1 to 3 bytes. dst:
- * as that of kel_scan_value. bitmap: KEL_BITS, elem_width 1, offset 0, data a multiple of 64 (version 1) or 16 (version
- * 2), up to 2 to the 24th elements. val_width: the low bits of an element that make up its value, at most the element's
- * width; the lookup uses the whole element. KEL_DEBUG_EXTRA tests that val_width is not 0, that the bits above it are
- * zero, that every value lies in the bitmap, and that dst overlaps neither of the others; without it an element past
- * the bitmap reads what lies there. Of the bitmap the byte of each element is read, and its first byte.
+ * src: KEL_BYTES, KEL_BITS or KEL_RLE, elements of 1 to 16 (version 1) or 1 to 24 (version 2) bits, or 1 to 3 bytes.
+ * dst: as that of kel_scan_value. bitmap: KEL_BITS, elem_width 1, offset 0, data a multiple of 64 (version 1) or 16
+ * (version 2), up to 2 to the 24th elements. val_width: the low bits of an element that make up its value, at most the
+ * element's width; the lookup uses the whole element. KEL_DEBUG_EXTRA tests that val_width is not 0, that the bits
+ * above it are zero, that every value lies in the bitmap, and that dst overlaps neither of the others; without it an
+ * element past the bitmap reads what lies there. Of the bitmap the byte of each element is read, and its first byte.
  * flags: KEL_ONES_INDEX, KEL_INVERT, KEL_CACHE, KEL_NOWAIT.
  *
  * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run of 0; KEL_EOVERFLOW: the destination is full. After the
