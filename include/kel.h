@@ -650,6 +650,36 @@ KEL_API kel_status_t kel_zip_create_contig(kel_context_t *ctx, const void *buf, 
  */
 KEL_API kel_status_t kel_zip_get_contig(kel_context_t *ctx, const kel_zip_t *codec, void *buf, size_t *buflen);
 
+/*
+ * Trains a codec on the elements of src, and compresses them with it: buf receives the stream of codewords for a KEL_ZIP
+ * vector that is otherwise like src, but for offset (0), codec (*codec) and codewords (count). *buflen is the capacity
+ * of buf in bytes, of which one more than the stream takes is to be there, and becomes the stream's length. Equal
+ * sources give equal codecs and streams. Takes 4,000,016 bytes of temporary memory from the context's allocator.
+ *
+ * options: 0, or 1 for thorough training, which parses the whole source several times and compresses better; 0 cannot
+ * compress sources below 20,000 bytes. src: any format but KEL_ZIP, in bytes from the start of data, offset 0. The
+ * codec fits both versions. The caller releases it by kel_zip_free.
+ *
+ * KEL_SUCCESS; KEL_EINVAL: as validation says, or a KEL_VAR source without a byte: *codec is untouched; KEL_EZIP: the
+ * source is not compressible (so is one of 8 bytes or less), or stream and codec together are larger than it: there is
+ * no codec, whatever *codec says; KEL_EOVERFLOW: buf is too small, *buflen is what is needed; the codec has been made
+ * all the same, and is the caller's; KEL_ENOMEM. count is the number of codewords, 0 after a failure. Training resets
+ * the process's random sequence (srand48).
+ */
+KEL_API kel_result_t kel_zip(kel_context_t *ctx, uint64_t options, const kel_vec_t *src, void *buf, size_t *buflen,
+                             kel_zip_t **codec);
+
+/*
+ * Compresses the elements of src with a codec that there is already. buf, *buflen and count as above; a KEL_VAR source
+ * is taken by its elem_width, too.
+ *
+ * KEL_SUCCESS; KEL_EINVAL: as validation says; KEL_EZIP: some byte of the source starts no symbol, or stream and codec
+ * together are larger than the source (*buflen is the stream's length then); KEL_EOVERFLOW: buf is too small, *buflen
+ * is what is needed; KEL_ENOMEM.
+ */
+KEL_API kel_result_t kel_encode(kel_context_t *ctx, const kel_vec_t *src, void *buf, size_t *buflen,
+                                const kel_zip_t *codec);
+
 /* Releases a codec, with the image if it is the codec's own. KEL_SUCCESS; KEL_ETHREAD: the codec stays. */
 KEL_API kel_status_t kel_zip_free(kel_context_t *ctx, kel_zip_t *codec);
 
