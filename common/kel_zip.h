@@ -9,7 +9,7 @@
 
 #include "kel_init.h"
 
-struct KEL_ANYWHERE kel_zip {
+struct KEL_ANYWHERE kel_codec {
     void *dict;        // the image
     uint8_t *syms;     // its first symbol byte
     uint16_t nsyms;    // codewords are below
@@ -18,7 +18,7 @@ struct KEL_ANYWHERE kel_zip {
     uint8_t free_dict; // 1: the image is the codec's, 0: the caller's
     uint8_t unused[2];
 };
-static_assert(sizeof(kel_zip) == 24); // what a codec's size counts beside its image
+static_assert(sizeof(kel_zip_t) == 24); // what a codec's size counts beside its image
 
 inline constexpr unsigned kel_max_zip_symbols = 1024;
 inline constexpr unsigned kel_max_symbol_bytes = 8;

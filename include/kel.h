@@ -108,7 +108,7 @@ typedef enum kel_status KEL_INT32 {
 #define KEL_ZIP UINT64_C(8)      /* data holds codewords, which codec expands to the element stream */
 #define KEL_ADD_ONE UINT64_C(16) /* an aux element is one less than the length or count that it stands for */
 
-typedef struct kel_zip kel_zip_t; /* a dictionary codec */
+typedef struct kel_codec kel_zip_t; /* a dictionary codec */
 
 /* Describes one buffer of elements. All fields are filled in by the caller. */
 typedef struct kel_vec {
