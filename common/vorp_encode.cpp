@@ -62,6 +62,14 @@ vorp_array_t make_array(vorp_mempool_t *pool, uint64_t max_size, const char *nam
 
 // ---- Candidates -----------------------------------------------------------------------------------------------------
 
+void vorp_ngram_node_init(vorp_ngram_t *node, uint8_t len, uint8_t *one_gram)
+{
+    node->len = len;
+    node->freq = 0;
+    node->first_pos = -1;
+    node->one_gram = one_gram;
+}
+
 void vorp_generate_one_grams(uint8_t *one_gram)
 {
     for (unsigned value = 0; value < all_bytes; value++)
@@ -496,7 +504,7 @@ void make_vorp_dict(unsigned nsyms, const uint8_t *widths, const uint8_t *syms, 
                     vorp_mempool_t *pool, vorp_dict_t *dict)
 {
     *dict = {};
-    dict->count = nsyms;
+    dict->count = static_cast<uint16_t>(nsyms);
     dict->onegrams_removed = 1;
     dict->bytes = kel_zip_header + kel_zip_width_bytes(nsyms);
     dict->nodes = pool_get<vorp_ngram_t>(pool, nsyms, "ngram_nodes_vorp_dictionary");
