@@ -176,7 +176,8 @@ vorp_hset_t *vorp_hset_create(vorp_mempool_t *pool, uint64_t buckets)
 {
     auto *set = pool_objects<vorp_hset_t>(pool, 1, "vorp_hset_create");
     set->size = buckets;
-    set->buckets = pool_objects<vorp_hset_item_t *>(pool, buckets, "vorp_hset_create items");
+    void *items = vorp_mempool_getmemory(pool, buckets * sizeof(void *), 1, 1, "vorp_hset_create items");
+    set->buckets = static_cast<vorp_hset_item_t **>(items);
     return set;
 }
 

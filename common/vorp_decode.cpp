@@ -18,7 +18,7 @@ static unsigned shown(uint64_t value)
 
 // ---- Header ---------------------------------------------------------------------------------------------------------
 
-static constexpr char magic[] = "VORP";
+static constexpr uint8_t magic[] = {'V', 'O', 'R', 'P'};
 
 enum header_place { at_version = 8, at_flags = 9, at_interval = 18, at_size = 20 };
 enum header_flag { flag_stored = 1, flag_fixed_width = 2, flag_hw_constraint = 4, flag_checksum = 8 };
@@ -27,7 +27,7 @@ int vorp_header_read(const void *in, vorp_config_t *config, uint16_t *hdr_len, u
 {
     const auto *header = static_cast<const uint8_t *>(in);
     const unsigned flags = header[at_flags];
-    vorp_check(memcmp(header, magic, strlen(magic)) == 0, "vorp_header_read: corrupted hdr\n");
+    vorp_check(memcmp(header, magic, sizeof magic) == 0, "vorp_header_read: corrupted hdr\n");
     vorp_check(header[at_version] == 0, "vorp_header_read: wrong hdr version: %u\n", header[at_version]);
     vorp_check(flags & flag_fixed_width, "vorp_header_read: only fixed_width supported\n");
     vorp_check(!(flags & flag_checksum), "vorp_header_read: checksum not implemented yet\n");
@@ -51,7 +51,7 @@ void vorp_header_write(const vorp_table_t *table, const vorp_config_t *config, u
         interval = static_cast<uint16_t>(config->ra_interval);
     }
     memset(header, 0, vorp_header_size);
-    memcpy(header, magic, strlen(magic));
+    memcpy(header, magic, sizeof magic);
     header[at_flags] =
         static_cast<uint8_t>((table->stored ? flag_stored : 0) | (config->fixed_width ? flag_fixed_width : 0) |
                              (config->hw_constraint ? flag_hw_constraint : 0));

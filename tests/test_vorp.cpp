@@ -37,6 +37,20 @@ uint64_t pool_use(uint64_t size)
     return size / 16 * 16 + 32;
 }
 
+TEST(vorp_config, levels_and_sizes)
+{
+    for (const auto level : {VORP1, VORP2, VORP3, VORP4}) {
+        vorp_config_t config = configured(-1, level);
+        EXPECT_EQ(config.refine, level % 2 == 0 ? 2 : 0);
+        EXPECT_EQ(config.hw_constraint, level >= VORP3 ? 1u : 0u);
+        EXPECT_EQ(std::tuple(config.max_entries, config.max_bytes, config.fixed_width), std::tuple(1024, 8192u, 1u));
+        vorp_adjust_dictionary_size(20000, &config);
+        EXPECT_EQ(std::tuple(config.max_entries, config.max_bytes), std::tuple(1024, level >= VORP3 ? 3584u : 8192u));
+        vorp_adjust_dictionary_size(19999, &config);
+        EXPECT_EQ(std::tuple(config.max_entries, config.max_bytes), std::tuple(256, 2048u));
+    }
+}
+
 TEST(vorp_pool, accounting)
 {
     test_pool pool(9280);
@@ -112,7 +126,7 @@ TEST(vorp_array, operations)
 {
     uint64_t items[3];
     vorp_array_t array = {3, 0, items};
-    for (uint64_t value : {10, 20, 30})
+    for (const uint64_t value : {10u, 20u, 30u})
         vorp_array_append(nullptr, &array, value);
     vorp_array_remove(nullptr, &array, 0);
     EXPECT_EQ(vorp_array_get_value(nullptr, &array, 0), 20u);

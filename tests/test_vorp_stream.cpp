@@ -87,7 +87,7 @@ text_t shortest()
     text_t text;
     for (const bytes_t &symbol : {bytes_t{'a'}, {'b', 'c'}, {'d'}, {'e'}, {'f'}})
         text.add_symbol(symbol);
-    for (const unsigned code : {0, 1, 2, 3, 1, 1, 1, 0})
+    for (const unsigned code : {0u, 1u, 2u, 3u, 1u, 1u, 1u, 0u})
         text.add_codeword(code);
     return text;
 }
@@ -174,48 +174,38 @@ TEST(vorp_stream, refused)
 // ---- Checks that end the process ------------------------------------------------------------------------------------
 
 // The shortest stream with one byte of it changed.
-struct damaged {
-    size_t at;
-    uint8_t value;
-    uint64_t max_out = 12;
-    uint64_t wrkmem_bytes = vorp_max_entries * vorp_entry_wrkmem;
-
-    std::unique_ptr<guarded_buffer> stream(int interval) const
-    {
-        auto stream = shortest().written(configured(interval), 8);
-        stream->data[at] = value;
-        return stream;
-    }
-
-    void whole() const
-    {
-        alignas(8) uint8_t out[12];
-        uint64_t length;
-        vorp_decode(&no_log, 0, stream(-1)->data, out, &length, max_out, nullptr, nullptr, nullptr);
-    }
-
-    void wrkmem() const
-    {
-        uint8_t out[12];
-        uint64_t length;
-        bytes_t memory(wrkmem_bytes);
-        vorp_decode_wrkmem(&no_log, 0, stream(-1)->data, out, &length, max_out, memory.data(), memory.size());
-    }
-
-    void range(uint64_t pos = 0) const
-    {
-        uint8_t out[12];
-        vorp_decode_selective(&no_log, 0, stream(8)->data, out, pos, 12);
-    }
-};
+std::unique_ptr<guarded_buffer> damaged(size_t at, uint8_t value, int interval = -1)
+{
+    auto stream = shortest().written(configured(interval), 8);
+    stream->data[at] = value;
+    return stream;
+}
 
 constexpr size_t at_entries = 29, at_widths = 30;
 
-void decode_at(size_t in, size_t out)
+alignas(8) uint8_t out[12];
+uint64_t out_length;
+
+void whole(size_t at, uint8_t value, uint64_t max_out = 12)
+{
+    vorp_decode(&no_log, 0, damaged(at, value)->data, out, &out_length, max_out, nullptr, nullptr, nullptr);
+}
+
+void by_wrkmem(size_t at, uint8_t value, uint64_t max_out = 12, uint64_t wrkmem_bytes = 9216)
+{
+    bytes_t wrkmem(wrkmem_bytes);
+    vorp_decode_wrkmem(&no_log, 0, damaged(at, value)->data, out, &out_length, max_out, wrkmem.data(), wrkmem.size());
+}
+
+void range(size_t at, uint8_t value)
+{
+    vorp_decode_selective(&no_log, 0, damaged(at, value, 8)->data, out, 0, 12);
+}
+
+void decode_at(size_t in, size_t to)
 {
     alignas(8) uint8_t memory[8] = {};
-    uint64_t length;
-    vorp_decode(&no_log, 0, memory + in, memory + out, &length, 0, nullptr, nullptr, nullptr);
+    vorp_decode(&no_log, 0, memory + in, memory + to, &out_length, 0, nullptr, nullptr, nullptr);
 }
 
 void write_header(int interval)
@@ -229,7 +219,6 @@ void write_header(int interval)
 
 void read_stored(uint64_t pos)
 {
-    uint8_t out[12];
     const auto stream = shortest().written(configured(), 1, true);
     EXPECT_EQ(vorp_decode_selective(&no_log, 0, stream->data, out, 12, 1), 0u);
     vorp_decode_selective(&no_log, 0, stream->data, out, pos, 1);
@@ -243,23 +232,27 @@ __attribute__((format(printf, 2, 3))) void print(void *, const char *format, ...
     va_end(args);
 }
 
-void init_pool(vorp_free_func free, void *opaque, uint64_t request)
+void *take(void *, uint64_t, uint64_t)
 {
-    vorp_log_t log = {print, nullptr};
-    vorp_mempool_t pool;
-    vorp_config_t config = configured();
-    config.log = &log;
-    vorp_mempool_init(
-        &config, &pool, 100, [](void *, uint64_t, uint64_t size) { return malloc(size); }, free, opaque);
-    vorp_mempool_getmemory(&pool, request, 0, 1, "here");
+    return out;
 }
-
-vorp_array_t no_room = {0, 0, nullptr};
 
 void *release(void *, void *block)
 {
     return block;
 }
+
+void init_pool(vorp_free_func free, void *opaque, uint64_t request)
+{
+    vorp_log_t log = {print, nullptr};
+    vorp_config_t config = configured();
+    config.log = &log;
+    vorp_mempool_t pool;
+    vorp_mempool_init(&config, &pool, 100, take, free, opaque);
+    vorp_mempool_getmemory(&pool, request, 0, 1, "here");
+}
+
+vorp_array_t no_room = {0, 0, nullptr};
 
 const struct {
     const char *text;
@@ -268,74 +261,27 @@ const struct {
 } fatal[] = {
     {"vorp_decode: input buffer is not aligned: 1\n", "vorp_decode", [] { decode_at(1, 0); }},
     {"vorp_decode: output buffer is not aligned: 4\n", "vorp_decode", [] { decode_at(0, 4); }},
-    {"vorp_header_read: corrupted hdr\n", "vorp_decode",
-     [] {
-         damaged{3, 0}.whole();
-     }},
-    {"vorp_header_read: wrong hdr version: 7\n", "vorp_decode",
-     [] {
-         damaged{8, 7}.wrkmem();
-     }},
-    {"vorp_header_read: only fixed_width supported\n", "vorp_decode",
-     [] {
-         damaged{9, 1}.range();
-     }},
-    {"vorp_header_read: checksum not implemented yet\n", "vorp_decode",
-     [] {
-         damaged{9, 10}.whole();
-     }},
+    {"vorp_header_read: corrupted hdr\n", "vorp_decode", [] { whole(3, 0); }},
+    {"vorp_header_read: wrong hdr version: 7\n", "vorp_decode", [] { by_wrkmem(8, 7); }},
+    {"vorp_header_read: only fixed_width supported\n", "vorp_decode", [] { range(9, 1); }},
+    {"vorp_header_read: checksum not implemented yet\n", "vorp_decode", [] { whole(9, 10); }},
     {"vorp_header_write: wrong r.a. interval: 7\n", "vorp_decode", [] { write_header(7); }},
     {"vorp_header_write: wrong r.a. interval: 257\n", "vorp_decode", [] { write_header(257); }},
-    {"vorp_decode: max output buffer size > uncompressed_size: 11, 12\n", "vorp_decode",
-     [] {
-         damaged{4, 0, 11}.whole();
-     }},
+    {"vorp_decode: max output buffer size > uncompressed_size: 11, 12\n", "vorp_decode", [] { whole(4, 0, 11); }},
     {"vorp_decode_wrkmem: max output buffer size > uncompressed_size: 11, 12\n", "vorp_decode",
-     [] {
-         damaged{4, 0, 11}.wrkmem();
-     }},
+     [] { by_wrkmem(4, 0, 11); }},
     {"vorp_decode_selective: uncmp_size < uncmp_byte_pos: 12, 13\n", "vorp_decode", [] { read_stored(13); }},
-    {"vorp_decode_fixed_width: wrong dict_entries: 0\n", "vorp_decode",
-     [] {
-         damaged{at_entries, 0}.whole();
-     }},
-    {"vorp_decode_fixed_width: wrong dict_entries: 1285\n", "vorp_decode",
-     [] {
-         damaged{at_entries - 1, 5}.whole();
-     }},
-    {"vorp_decode_fixed_width: wrong fixed_sz: 2\n", "vorp_decode",
-     [] {
-         damaged{at_entries, 4}.whole();
-     }},
-    {"vorp_decode_fixed_width_wrkmem: incorrect dict size:%d: 0\n", "vorp_decode",
-     [] {
-         damaged{at_entries, 0}.wrkmem();
-     }},
+    {"vorp_decode_fixed_width: wrong dict_entries: 0\n", "vorp_decode", [] { whole(at_entries, 0); }},
+    {"vorp_decode_fixed_width: wrong dict_entries: 1285\n", "vorp_decode", [] { whole(at_entries - 1, 5); }},
+    {"vorp_decode_fixed_width: wrong fixed_sz: 2\n", "vorp_decode", [] { whole(at_entries, 4); }},
+    {"vorp_decode_fixed_width_wrkmem: incorrect dict size:%d: 0\n", "vorp_decode", [] { by_wrkmem(at_entries, 0); }},
     {"vorp_decode_fixed_width_wrkmem: insufficient wrkmem_sz:: 9215\n", "vorp_decode",
-     [] {
-         damaged{4, 0, 12, 9215}.wrkmem();
-     }},
-    {"vorp_decode_fixed_width_wrkmem: 2\n", "vorp_decode",
-     [] {
-         damaged{at_entries, 4}.wrkmem();
-     }},
-    {"vorp_decode_fixed_random: wrong dict_entries: 0\n", "vorp_decode",
-     [] {
-         damaged{at_entries, 0}.range();
-     }},
-    {"vorp_decode_fixed_random: wrong fixed_size: 2\n", "vorp_decode",
-     [] {
-         damaged{at_entries, 4}.range();
-     }},
-    {"vorp_decode_fixed_dict_random: len < 0\n", "vorp_decode",
-     [] {
-         damaged{at_widths, 0x10}.range();
-     }},
-    {"vorp_malloc_align: power of 2: 100, 24\n", "vorp",
-     [] {
-         void *raw;
-         vorp_malloc_align(&no_log, 0, 100, "", 24, &raw);
-     }},
+     [] { by_wrkmem(4, 0, 12, 9215); }},
+    {"vorp_decode_fixed_width_wrkmem: 2\n", "vorp_decode", [] { by_wrkmem(at_entries, 4); }},
+    {"vorp_decode_fixed_random: wrong dict_entries: 0\n", "vorp_decode", [] { range(at_entries, 0); }},
+    {"vorp_decode_fixed_random: wrong fixed_size: 2\n", "vorp_decode", [] { range(at_entries, 4); }},
+    {"vorp_decode_fixed_dict_random: len < 0\n", "vorp_decode", [] { range(at_widths, 0x10); }},
+    {"vorp_malloc_align: power of 2: 100, 24\n", "vorp", [] { vorp_malloc_align(&no_log, 0, 100, "", 24, nullptr); }},
     {"vorp_mempool_init: null releaser", "vorp", [] { init_pool(nullptr, &no_log, 0); }},
     {"vorp_mempool_init: null opaque", "vorp", [] { init_pool(release, nullptr, 0); }},
     {"here:\n chunk_size:112, req_size:128, index:0, MAX_INDEX=12\nvorp_mempool_getmemory: size exceeded", "vorp",
@@ -357,12 +303,7 @@ TEST(vorp_death, texts_and_units)
             pattern.append(strchr("().", *c) ? "\\" : "").append(1, *c);
         pattern.append("test_vorp_stream: common/").append(check.unit);
         pattern += "\\.cpp:[0-9]+: .*Assertion `0' failed";
-        EXPECT_DEATH(
-            {
-                dup2(STDERR_FILENO, STDOUT_FILENO);
-                check.run();
-            },
-            pattern);
+        EXPECT_DEATH((dup2(STDERR_FILENO, STDOUT_FILENO), check.run()), pattern);
     }
 }
 
