@@ -123,12 +123,6 @@ void vorp_mempool_release(vorp_mempool_t *pool)
 }
 
 // Zeroed, for count objects.
-template <class T>
-static T *pool_objects(vorp_mempool_t *pool, uint64_t count, const char *name)
-{
-    return static_cast<T *>(vorp_mempool_getmemory(pool, count * sizeof(T), 1, 1, name));
-}
-
 // ---- Arrays ---------------------------------------------------------------------------------------------------------
 
 void vorp_array_append(const vorp_config_t *, vorp_array_t *array, uint64_t value)
@@ -176,7 +170,8 @@ vorp_hset_t *vorp_hset_create(vorp_mempool_t *pool, uint64_t buckets)
 {
     auto *set = pool_objects<vorp_hset_t>(pool, 1, "vorp_hset_create");
     set->size = buckets;
-    set->buckets = pool_objects<vorp_hset_item_t *>(pool, buckets, "vorp_hset_create items");
+    void *items = vorp_mempool_getmemory(pool, buckets * sizeof(void *), 1, 1, "vorp_hset_create items");
+    set->buckets = static_cast<vorp_hset_item_t **>(items);
     return set;
 }
 

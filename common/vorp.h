@@ -112,6 +112,13 @@ int vorp_mempool_init(const vorp_config_t *config, vorp_mempool_t *pool, uint64_
 // Does not return when the pool is exhausted. align is true for anything but bytes. name tells what a request is for
 // that no pool of this size could meet.
 void *vorp_mempool_getmemory(vorp_mempool_t *pool, uint64_t size, int zero, int align, const char *name);
+// Zeroed objects.
+template <class T>
+T *pool_objects(vorp_mempool_t *pool, uint64_t count, const char *name)
+{
+    return static_cast<T *>(vorp_mempool_getmemory(pool, count * sizeof(T), 1, 1, name));
+}
+
 [[noreturn]] void vorp_mempool_throw(vorp_mempool_t *pool);
 void vorp_mempool_release(vorp_mempool_t *pool);
 

@@ -47,15 +47,9 @@ uint64_t samples_of(uint64_t base, unsigned n)
 
 constexpr char vorp_source[] = "common/vorp_encode.cpp";
 
-template <class T>
-T *pool_get(vorp_mempool_t *pool, uint64_t n, const char *name)
-{
-    return static_cast<T *>(vorp_mempool_getmemory(pool, n * sizeof(T), 1, 1, name));
-}
-
 vorp_array_t make_array(vorp_mempool_t *pool, uint64_t max_size, const char *name)
 {
-    return {max_size, 0, pool_get<uint64_t>(pool, max_size, name)};
+    return {max_size, 0, pool_objects<uint64_t>(pool, max_size, name)};
 }
 
 } // namespace
@@ -78,13 +72,13 @@ void vorp_generate_one_grams(uint8_t *one_gram)
 
 vorp_plists_t *vorp_plists_init(vorp_mempool_t *pool, uint64_t base)
 {
-    auto *plists = pool_get<vorp_plists_t>(pool, 1, "ngram_list");
-    plists->nodes = pool_get<vorp_ngram_t>(pool, node_limit, "(all)vorp_ngram_nodes");
-    plists->dict_array = pool_get<vorp_array_t>(pool, 2, "dict_array");
+    auto *plists = pool_objects<vorp_plists_t>(pool, 1, "ngram_list");
+    plists->nodes = pool_objects<vorp_ngram_t>(pool, node_limit, "(all)vorp_ngram_nodes");
+    plists->dict_array = pool_objects<vorp_array_t>(pool, 2, "dict_array");
     const uint64_t candidates = std::max(samples_of(base, shortest_gram), node_limit);
     plists->dict_array[0] = make_array(pool, all_bytes, "dict_array_for each i-gram");
     plists->dict_array[1] = make_array(pool, candidates, "dict_array_for each i-gram");
-    plists->one_gram = pool_get<uint8_t>(pool, all_bytes, "one_gram");
+    plists->one_gram = pool_objects<uint8_t>(pool, all_bytes, "one_gram");
     vorp_generate_one_grams(plists->one_gram);
     for (uint64_t value = 0; value < all_bytes; value++) {
         vorp_ngram_node_init(&plists->nodes[value], 1, &plists->one_gram[value]);
@@ -97,7 +91,7 @@ vorp_plists_t *vorp_plists_init(vorp_mempool_t *pool, uint64_t base)
 
 vorp_dict_t *vorp_dict_init(vorp_mempool_t *pool, const vorp_plists_t *plists)
 {
-    auto *dict = pool_get<vorp_dict_t>(pool, 1, "dict_init");
+    auto *dict = pool_objects<vorp_dict_t>(pool, 1, "dict_init");
     dict->count = all_bytes;
     dict->bytes = all_bytes;
     dict->one_grams = plists->dict_array[0];
@@ -363,7 +357,7 @@ void fill_entries(const node_lists &lists, uint64_t n, const uint8_t *src, vorp_
         vorp_check(node, "vorp_table_create: node missing from final_array\n");
         vorp_check(node->len < 2 || node->first_pos >= 0, "vorp_table_create: first_pos incorrect\n");
         vorp_table_entry_t *entry = &table->entries[i];
-        entry->bytes = pool_get<uint8_t>(table->pool, node->len, "__Symbols");
+        entry->bytes = pool_objects<uint8_t>(table->pool, node->len, "__Symbols");
         memcpy(entry->bytes, symbol_bytes(*node, src), node->len);
         entry->len = node->len;
         entry->code = static_cast<uint16_t>(i);
@@ -377,8 +371,8 @@ void vorp_table_create(const uint8_t *src, uint64_t srclen, const vorp_config_t 
                        vorp_mempool_t *pool, vorp_dict_t **dict)
 {
     *dict = vorp_dict_build(pool, src, srclen, config);
-    const node_lists lists = {pool_get<vorp_ngram_t *>(pool, (*dict)->count, "final_nodes"),
-                              pool_get<uint64_t>(pool, (*dict)->count, "map_array"), *dict};
+    const node_lists lists = {pool_objects<vorp_ngram_t *>(pool, (*dict)->count, "final_nodes"),
+                              pool_objects<uint64_t>(pool, (*dict)->count, "map_array"), *dict};
     if (estimated_size(*dict, config) > srclen) {
         table->stored = 1;
         return;
@@ -388,7 +382,7 @@ void vorp_table_create(const uint8_t *src, uint64_t srclen, const vorp_config_t 
     table->pool = pool;
     table->width = static_cast<uint8_t>(code_bits(n));
     table->entry_count = static_cast<uint16_t>(n);
-    table->entries = pool_get<vorp_table_entry_t>(pool, n, "ngram_entries");
+    table->entries = pool_objects<vorp_table_entry_t>(pool, n, "ngram_entries");
     if (config->hw_constraint)
         vorp_dict_hwconstraint(src, *dict, lists.nodes, lists.indexes, &n);
     // Kept: codewords keep the width of the longer list, and empty entries stand behind the shortened one. Only where a
@@ -507,7 +501,7 @@ void make_vorp_dict(unsigned nsyms, const uint8_t *widths, const uint8_t *syms, 
     dict->count = static_cast<uint16_t>(nsyms);
     dict->onegrams_removed = 1;
     dict->bytes = kel_zip_header + kel_zip_width_bytes(nsyms);
-    dict->nodes = pool_get<vorp_ngram_t>(pool, nsyms, "ngram_nodes_vorp_dictionary");
+    dict->nodes = pool_objects<vorp_ngram_t>(pool, nsyms, "ngram_nodes_vorp_dictionary");
     dict->trie = vorp_trie_create(pool);
     memset(dict->trie->root->present, 0, sizeof dict->trie->root->present); // no byte is a symbol by itself
     const uint8_t *next = syms;
@@ -563,7 +557,7 @@ int vorp_encode_internal(const uint8_t *src, uint64_t srclen, uint8_t *buf, uint
         return -1;
     if (vorp_mempool_init(config, &pool, vorp_pool_bytes, alloc, release, opaque) != 0)
         return -2;
-    auto *table = pool_get<vorp_table_t>(&pool, 1, "table_create");
+    auto *table = pool_objects<vorp_table_t>(&pool, 1, "table_create");
     int result = -1;
     if (setjmp(pool.recover) == 0)
         result = train_and_parse(src, srclen, buf, buflen, outlen, config, &pool, table, dict_out, count);

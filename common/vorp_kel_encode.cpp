@@ -36,22 +36,27 @@ __attribute__((format_arg(2))) static const char *cut_format(char *to, const cha
     return to;
 }
 
+__attribute__((format(printf, 2, 0))) static void log_text(kel_context_t *ctx, const char *format, va_list args)
+{
+    va_list measured_args;
+    va_copy(measured_args, args);
+    const int measured = vsnprintf(nullptr, 0, format, measured_args);
+    va_end(measured_args);
+    const size_t size = measured > 0 ? static_cast<size_t>(measured) + 1 : 1;
+    auto *text = static_cast<char *>(alloca(size));
+    vsnprintf(text, size, format, args);
+    kel_log_msg(ctx, KEL_LOG_VERBOSE, "%s", text);
+}
+
 void kel_log_func(void *ctx, const char *format, ...)
 {
     auto *context = static_cast<kel_context_t *>(ctx);
     if (!kel_log_on(context, KEL_LOG_VERBOSE))
         return;
-    const char *message = cut_format(static_cast<char *>(alloca(strlen(format) + 1)), format);
-    va_list args, measured_args;
+    va_list args;
     va_start(args, format);
-    va_copy(measured_args, args);
-    const int measured = vsnprintf(nullptr, 0, message, measured_args);
-    va_end(measured_args);
-    const size_t size = measured > 0 ? static_cast<size_t>(measured) + 1 : 1;
-    auto *text = static_cast<char *>(alloca(size));
-    vsnprintf(text, size, message, args);
+    log_text(context, cut_format(static_cast<char *>(alloca(strlen(format) + 1)), format), args);
     va_end(args);
-    kel_log_msg(context, KEL_LOG_VERBOSE, "%s", text);
 }
 
 // ---- Training and encoding ------------------------------------------------------------------------------------------
