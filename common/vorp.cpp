@@ -101,6 +101,13 @@ void *vorp_mempool_getmemory(vorp_mempool_t *pool, uint64_t size, int zero, int 
     return block;
 }
 
+void *vorp_mempool_rest(vorp_mempool_t *pool, uint64_t size)
+{
+    const uint64_t used = pool_round(pool->used[pool->index]);
+    const bool fits = used <= pool->chunk_size && size <= pool->chunk_size - used;
+    return fits ? static_cast<uint8_t *>(pool->chunks[pool->index]) + used : nullptr;
+}
+
 // Leaves the interrupted frames as they stand: none of them owns anything outside the pool.
 void vorp_mempool_throw(vorp_mempool_t *pool)
 {

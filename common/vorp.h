@@ -112,6 +112,9 @@ int vorp_mempool_init(const vorp_config_t *config, vorp_mempool_t *pool, uint64_
 // Does not return when the pool is exhausted. align is true for anything but bytes. name tells what a request is for
 // that no pool of this size could meet.
 void *vorp_mempool_getmemory(vorp_mempool_t *pool, uint64_t size, int zero, int align, const char *name);
+// The unused rest of the pool, aligned for words, if it has that many bytes; else null. The next request takes it again.
+void *vorp_mempool_rest(vorp_mempool_t *pool, uint64_t size);
+
 // Zeroed objects.
 template <class T>
 T *pool_objects(vorp_mempool_t *pool, uint64_t count, const char *name)

@@ -12,6 +12,7 @@
 #include "kel_io.h"
 #include "kel_zip.h"
 #include "vorp.h"
+#include "vorp_match.h"
 #include <algorithm>
 #include <cstdlib>
 
@@ -217,16 +218,18 @@ void vorp_dict_op_calc_freq(const vorp_config_t *, vorp_dict_t *dict, const uint
     for (const vorp_array_t *list : {&dict->one_grams, &dict->large_gram_array})
         for (uint64_t i = 0; i < list->size; i++)
             dict->nodes[list->items[i]].freq = 0;
+    const vorp_matcher matcher(dict->trie);
     uint64_t tokens = 0;
     for (uint64_t position = 0; position < srclen; tokens++) {
-        uint16_t id = 0;
-        const uint64_t length =
-            vorp_trie_longest_prefix(dict->trie, src + position, &id, std::min(window, srclen - position));
-        vorp_check(length > 0, "vorp_dict_op_calc_freq: wrong prefix\n");
-        dict->nodes[id].freq++;
-        position += length;
+        const vorp_match_t match = matcher.longest(src + position, std::min(window, srclen - position));
+        vorp_check(match.length > 0, "vorp_dict_op_calc_freq: wrong prefix\n");
+        dict->nodes[match.id].freq++;
+        position += match.length;
     }
     dict->tokens = tokens;
+    if (!dict->onegrams_removed) // the marks of a walk over the whole source
+        for (uint64_t position = 0; position < srclen; position++)
+            dict->trie->used[src[position]] = 1;
 }
 
 void vorp_dict_op_remove_onegrams(const vorp_config_t *config, vorp_dict_t *dict)
@@ -474,16 +477,16 @@ uint64_t vorp_parse_fixed(const uint8_t *src, uint64_t srclen, uint8_t *buf, uin
     *overflow = 0;
     const uint64_t table_bytes = start_random_access(srclen, config, buf);
     code_writer writer = {buf + table_bytes, buf + buflen, width};
+    const vorp_matcher matcher(dict->trie);
     uint64_t codewords = 0;
     for (uint64_t position = 0; position < srclen; codewords++) {
-        uint16_t id = 0;
-        const uint64_t length = vorp_trie_longest_prefix(dict->trie, src + position, &id, srclen - position);
-        if (length == 0) {
+        const vorp_match_t match = matcher.longest(src + position, srclen - position);
+        if (match.length == 0) {
             *count = codewords;
             return 0;
         }
-        writer.put(dict->nodes[id].code);
-        position += length;
+        writer.put(dict->nodes[match.id].code);
+        position += match.length;
     }
     *overflow = writer.overflow;
     // Kept: the table counts twice, and a last, partial byte only if a codeword would have ended in it.
