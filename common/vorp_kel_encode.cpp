@@ -53,9 +53,10 @@ void kel_log_func(void *ctx, const char *format, ...)
     auto *context = static_cast<kel_context_t *>(ctx);
     if (!kel_log_on(context, KEL_LOG_VERBOSE))
         return;
+    auto *room = static_cast<char *>(alloca(strlen(format) + 1));
     va_list args;
     va_start(args, format);
-    log_text(context, cut_format(static_cast<char *>(alloca(strlen(format) + 1)), format), args);
+    log_text(context, cut_format(room, format), args);
     va_end(args);
 }
 

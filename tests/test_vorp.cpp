@@ -228,6 +228,10 @@ TEST(vorp_trie, like_a_map)
         ASSERT_EQ(id, longest > 0 ? model.symbols[symbol.substr(0, longest)] : 0xa5a5);
         ASSERT_EQ(pool.used[0], model.pool_bytes);
     }
+    uint16_t id; // a walk also marks what it passes behind its last match
+    vorp_trie_insert(trie, reinterpret_cast<const uint8_t *>("xyz"), 3, 1);
+    EXPECT_EQ(vorp_trie_longest_prefix(trie, reinterpret_cast<const uint8_t *>("xyx"), &id, 3), 1u);
+    model.used.insert({'x', 'y'});
     for (unsigned byte = 0; byte < 256; byte++)
         EXPECT_EQ(vorp_trie_is_present(trie, static_cast<uint8_t>(byte)), model.used.count(static_cast<uint8_t>(byte)));
 }

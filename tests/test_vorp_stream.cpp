@@ -82,12 +82,12 @@ text_t random_text(random_source &random, unsigned nsyms, unsigned count)
 }
 
 // Five symbols and eight codewords, the fewest.
-text_t shortest()
+text_t shortest(std::initializer_list<unsigned> codewords = {0, 1, 2, 3, 1, 1, 1, 0})
 {
     text_t text;
     for (const bytes_t &symbol : {bytes_t{'a'}, {'b', 'c'}, {'d'}, {'e'}, {'f'}})
         text.add_symbol(symbol);
-    for (const unsigned code : {0u, 1u, 2u, 3u, 1u, 1u, 1u, 0u})
+    for (const unsigned code : codewords)
         text.add_codeword(code);
     return text;
 }
@@ -153,6 +153,13 @@ TEST(vorp_stream, decodes)
             }
         }
     }
+}
+
+// The end of the data, behind the last interval, has no entry in the table.
+TEST(vorp_stream, nothing_at_the_end)
+{
+    const auto stream = shortest({1, 1, 1, 1, 1, 1, 1, 1}).written(configured(8));
+    EXPECT_EQ(vorp_decode_selective(&no_log, 0, stream->data, nullptr, 16, 1), 0u);
 }
 
 // What a stream cannot hold.
