@@ -4,7 +4,6 @@
 #include "kel_scan.h"
 #include <algorithm>
 #include <benchmark/benchmark.h>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -13,7 +12,6 @@ namespace
 
 constexpr uint64_t in_cache = 10'000;
 constexpr uint64_t out_of_cache = 20'000'000;
-constexpr double shortest_run = 0.1; // seconds
 
 struct width_t {
     const char *name;
@@ -161,23 +159,11 @@ uint8_t *output_bytes()
 
 // ---- Measures -------------------------------------------------------------------------------------------------------
 
-double processor_ns()
-{
-    timespec now;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return 1e9 * static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec);
-}
-
-// Runs the benchmark's loop and counts what it gets through.
+// Counts what a run gets through.
 template <class Run>
 void measure(benchmark::State &state, const width_t &width, uint64_t elements, const Run &run)
 {
-    const double start = processor_ns();
-    for ([[maybe_unused]] auto _ : state)
-        run();
-    const double per_run = (processor_ns() - start) / static_cast<double>(state.iterations());
-    state.counters["elements/ns"] = static_cast<double>(elements) / per_run;
-    state.counters["packed_GB/s"] = static_cast<double>(column_t::bytes(width, elements)) / per_run;
+    measure_run(state, {{"elements/ns", elements}, {"packed_GB/s", column_t::bytes(width, elements)}}, run);
 }
 
 void scan(benchmark::State &state, width_t width, share_t share, output_t output, uint64_t elements)
@@ -296,28 +282,24 @@ void road(benchmark::State &state, void (*run)(const task_t &task))
 
 // ---- Registration ---------------------------------------------------------------------------------------------------
 
-template <class... Arguments>
-void add(const std::string &name, void (*function)(benchmark::State &, Arguments...), Arguments... arguments)
-{
-    benchmark::RegisterBenchmark(name.c_str(), function, arguments...)->MinTime(shortest_run);
-}
-
 void add_column(const width_t &width, const share_t &share)
 {
     for (const size_name_t &size : sizes)
         for (const output_t &output : outputs)
             if (size.elements <= output.most_elements)
-                add(std::string("scan/") + width.name + "/" + share.name + "/" + output.name + "/" + size.name, scan,
-                    width, share, output, size.elements);
+                add_benchmark(std::string("scan/") + width.name + "/" + share.name + "/" + output.name + "/" +
+                                  size.name,
+                              scan, width, share, output, size.elements);
 }
 
 [[maybe_unused]] const bool added = [] {
     for (const auto &each : roads)
-        add(std::string("road/") + road_width.name + "/" + road_share.name + "/bits/10k/" + each.name, road, each.run);
+        add_benchmark(std::string("road/") + road_width.name + "/" + road_share.name + "/bits/10k/" + each.name, road,
+                      each.run);
     for (const width_t &width : widths) {
         for (const size_name_t &size : sizes) {
-            add(std::string("read/") + width.name + "/" + size.name, read, width, size.elements);
-            add(std::string("copy/") + width.name + "/" + size.name, copy, width, size.elements);
+            add_benchmark(std::string("read/") + width.name + "/" + size.name, read, width, size.elements);
+            add_benchmark(std::string("copy/") + width.name + "/" + size.name, copy, width, size.elements);
         }
         for (const share_t &share : shares)
             add_column(width, share);

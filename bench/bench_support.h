@@ -1,11 +1,14 @@
-// What the benchmarks share: a context, aligned memory, and packed elements with their plain form beside them.
+// What the benchmarks share: a context, aligned memory, packed elements, and the measure of a run.
 #pragma once
 
 #include "kel_init.h"
+#include <benchmark/benchmark.h>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <string>
 
 class bench_context
 {
@@ -101,4 +104,36 @@ inline kel_vec_t fixed_vec(uint64_t format, uint32_t width, uint64_t elements, v
 inline kel_int_t fixed_val(uint64_t format, uint32_t width, uint64_t high, uint64_t low)
 {
     return {static_cast<uint32_t>(format), width, {0, high, low}};
+}
+
+inline double processor_ns()
+{
+    timespec now;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return 1e9 * static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec);
+}
+
+// What one run gets through, by the name of its rate for each nanosecond: bytes for each of them are GB/s.
+struct amount_t {
+    const char *name;
+    uint64_t amount;
+};
+
+// Runs the benchmark's loop.
+template <class Run>
+void measure_run(benchmark::State &state, std::initializer_list<amount_t> amounts, const Run &run)
+{
+    const double start = processor_ns();
+    for ([[maybe_unused]] auto _ : state)
+        run();
+    const double per_run = (processor_ns() - start) / static_cast<double>(state.iterations());
+    for (const amount_t &each : amounts)
+        state.counters[each.name] = static_cast<double>(each.amount) / per_run;
+}
+
+template <class... Arguments>
+void add_benchmark(const std::string &name, void (*function)(benchmark::State &, Arguments...), Arguments... arguments)
+{
+    constexpr double shortest_run = 0.1; // seconds
+    benchmark::RegisterBenchmark(name.c_str(), function, arguments...)->MinTime(shortest_run);
 }

@@ -18,6 +18,8 @@
 //   emulate(ctx, flags, args, cca)
 //   diagnosed(args)                           the source that is looked at after a failure, or null
 //   pipe_dst(args)                            the output that the next request of a pipeline may read, or null
+//   emulate_post(ctx, flags, args, cca)       only where the posted form does its work in another way
+//   name(args)                                the first argument of the return lines, only where operations share a struct
 //   request(args, request)                    fills in what trace probes show; only where the operation has a probe
 //
 // A posted request takes the same road to its emulation, kel_post and kel_post_il, and leaves its outcome in a slot of
@@ -101,6 +103,18 @@ void kel_probe(kel_context_t *ctx, uint64_t flags, const typename Op::args &args
     }
 }
 
+// The return line of a call; outcome is what its format shows.
+template <class Op>
+void log_return(kel_context_t *ctx, const typename Op::args &args, const char *format, auto... outcome)
+{
+    if (!(ctx->log.options & KEL_LOG_RETURN))
+        return;
+    if constexpr (requires { Op::name(args); })
+        kel_log_msg(ctx, KEL_LOG_RETURN, format, Op::name(args), outcome...);
+    else
+        kel_log_msg(ctx, KEL_LOG_RETURN, format, outcome...);
+}
+
 template <class Op, unsigned version>
 kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
 {
@@ -112,9 +126,7 @@ kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args 
         result = exec<Op>(ctx, flags, args);
         kel_probe<Op>(ctx, flags, args, &result);
     }
-    if (ctx->log.options & KEL_LOG_RETURN)
-        kel_log_msg(ctx, KEL_LOG_RETURN, Op::return_format, kel_status_str(result.status),
-                    static_cast<long>(result.count));
+    log_return<Op>(ctx, args, Op::return_format, kel_status_str(result.status), static_cast<long>(result.count));
     return result;
 }
 
@@ -138,7 +150,11 @@ template <class Op>
 kel_status_t post(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
 {
     cca_t cca = {};
-    const kel_status_t status = Op::emulate(queue->ctx, flags, args, &cca);
+    kel_status_t status;
+    if constexpr (requires { Op::emulate_post(queue->ctx, flags, args, &cca); })
+        status = Op::emulate_post(queue->ctx, flags, args, &cca);
+    else
+        status = Op::emulate(queue->ctx, flags, args, &cca);
     queue_get_next(queue, flags, &cca, status, udata, Op::pipe_dst(args));
     return KEL_SUCCESS;
 }
@@ -154,8 +170,7 @@ kel_status_t kel_post_il(kel_queue_t *queue, uint64_t flags, const typename Op::
     kel_status_t status = queue_full(queue) ? KEL_EQFULL : kel_check<Op, version>(ctx, flags, args, queue);
     if (status == KEL_SUCCESS)
         status = post<Op>(queue, flags, args, udata);
-    if (ctx->log.options & KEL_LOG_RETURN)
-        kel_log_msg(ctx, KEL_LOG_RETURN, Op::post_return_format, kel_status_str(status));
+    log_return<Op>(ctx, args, Op::post_return_format, kel_status_str(status));
     return status;
 }
 

@@ -24,7 +24,7 @@ constexpr kel_props_t make_props(unsigned version)
         .max_scan_value_bytes = kel_max_int_bytes,
         .dst_align = kel_dst_align,
         .dst_pad = kel_dst_align,
-        .trans_bitmap_align = v2 ? 16u : 64u,
+        .trans_bitmap_align = kel_bitmap_align(version),
         .zip_align = 16,
         .large_elem_align = 1,
         .zip_constrained = v2 ? 0u : 1u,

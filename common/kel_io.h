@@ -81,6 +81,12 @@ inline uint64_t kel_round_bits(uint64_t bits)
     return (bits + 7) & ~uint64_t{7};
 }
 
+// Without a population count, which is a call where the processor's instruction is not assumed.
+inline bool kel_power_of_two(uint64_t value)
+{
+    return value != 0 && (value & (value - 1)) == 0;
+}
+
 template <class T>
 inline T *kel_align_up(T *address, uintptr_t unit)
 {
@@ -274,6 +280,59 @@ inline uint8_t *kelio_get_bits_ptr(kel_input_t *in, ulong_t bits)
     in->val = revbytes64(kel_shr(kelio_get_bits(in, bits), -bits & 7));
     return reinterpret_cast<uint8_t *>(&in->val);
 }
+
+// Yields a stream 64 bits at a time, by aligned loads, the last of which is of the word that holds the last wanted bit.
+class stream_words
+{
+  public:
+    stream_words(const void *data, uint64_t offset)
+    {
+        const auto address = reinterpret_cast<uintptr_t>(data) + offset / 64 * 8;
+        next_word = reinterpret_cast<const uint64_t *>(address & ~uintptr_t{7});
+        skip = offset % 64 + (address & 7) * 8;
+        if (skip >= 64) {
+            skip -= 64;
+            next_word++;
+        }
+    }
+
+    // Whether the words of the stream are words of memory.
+    bool aligned() const
+    {
+        return skip == 0;
+    }
+
+    // The next 64 bits of the stream on top, of which the first wanted ones (1 to 64) are to be used.
+    uint64_t next(uint64_t wanted)
+    {
+        if (aligned())
+            return load();
+        if (!started) {
+            held = load();
+            started = true;
+        }
+        uint64_t word = held << skip;
+        if (wanted > 64 - skip) {
+            held = load();
+            word |= held >> (64 - skip);
+        }
+        return word;
+    }
+
+  private:
+    static constexpr unsigned prefetch_words = 32; // how far ahead memory is asked for
+
+    uint64_t load()
+    {
+        __builtin_prefetch(next_word + prefetch_words);
+        return kel_load_be<uint64_t>(next_word++);
+    }
+
+    const uint64_t *next_word;
+    uint64_t skip;
+    uint64_t held = 0;
+    bool started = false;
+};
 
 // ---- Writer ---------------------------------------------------------------------------------------------------------
 

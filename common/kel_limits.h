@@ -12,6 +12,14 @@ inline constexpr unsigned kel_max_aux_bits = 8;          // widest aux element o
 inline constexpr unsigned kel_dst_align = 64;            // bytes; also the unit in which a destination is padded
 inline constexpr unsigned kel_max_int_bytes = 16;        // widest value that kel_int_create builds
 
+inline constexpr unsigned kel_max_bitmap_elements = 1u << 24; // of translate
+
+// Alignment of a translate bitmap in bytes.
+inline constexpr unsigned kel_bitmap_align(unsigned version)
+{
+    return version == 2 ? 16 : 64;
+}
+
 inline constexpr uint32_t kel_log_levels = 63;    // every level that exists
 inline constexpr uint32_t kel_debug_options = 15; // every debug option that exists
 

@@ -37,7 +37,7 @@ int sync_flags_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, uns
                  : sync_flags_valid_nopost(ctx, flags, version, do_log);
 }
 
-static bool legal_pipe_flags(uint64_t flags)
+bool pipe_flags_legal(uint64_t flags)
 {
     const uint64_t pipe = flags & KEL_PIPE_FLAGS;
     return pipe == 0 || pipe == KEL_PIPE_SRC || pipe == KEL_PIPE_AUX || pipe == KEL_PIPE_MASK;
@@ -61,7 +61,7 @@ static const void *fed_buffer(uint64_t pipe_flags, const kel_vec_t *src, const k
 int pipe_flags_valid_post0(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *mask,
                            const void *src_buffer, int do_log)
 {
-    if (!kel_test(do_log, legal_pipe_flags(flags), queue->ctx,
+    if (!kel_test(do_log, pipe_flags_legal(flags), queue->ctx,
                   "Pipeline flag set incorrectly. Use one of KEL_PIPE_SRC, KEL_PIPE_MASK, or KEL_PIPE_AUX"))
         return 0;
     if (queue->rindx <= 0 || queue->last_pipe_flags == 0)

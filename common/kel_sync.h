@@ -24,6 +24,9 @@ typedef struct {
 int chain_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, const pipe_target_t &target, unsigned version,
                 int do_log);
 
+// Whether the pipe flags are one of the legal values.
+bool pipe_flags_legal(uint64_t flags);
+
 int sync_flags_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, unsigned version, int do_log);
 int sync_flags_valid_nopost(kel_context_t *ctx, uint64_t flags, unsigned version, int do_log);
 int sync_flags_valid_post0(kel_queue_t *queue, uint64_t flags, int do_log);

@@ -1,7 +1,7 @@
 // Argument tests that the operations share. In each function the tests stand in the order of their reports.
 #include "kel_valid.h"
+#include "kel_io.h"
 #include "kel_vector.h"
-#include <bit>
 
 namespace
 {
@@ -18,7 +18,7 @@ const char *fmt_text(kel_context_t *ctx, uint64_t format, char (&buffer)[kel_fmt
 
 bool source_aux_width(unsigned width)
 {
-    return std::has_single_bit(width) && width <= kel_max_aux_bits;
+    return kel_power_of_two(width) && width <= kel_max_aux_bits;
 }
 
 unsigned misalignment(const void *data)

@@ -7,59 +7,6 @@
 namespace
 {
 
-constexpr unsigned prefetch_words = 32; // how far ahead the loops ask for memory
-
-// Yields a stream 64 bits at a time, by aligned loads, the last of which is of the word that holds the last wanted bit.
-class stream_words
-{
-  public:
-    stream_words(const void *data, uint64_t offset)
-    {
-        const auto address = reinterpret_cast<uintptr_t>(data) + offset / 64 * 8;
-        next_word = reinterpret_cast<const uint64_t *>(address & ~uintptr_t{7});
-        skip = offset % 64 + (address & 7) * 8;
-        if (skip >= 64) {
-            skip -= 64;
-            next_word++;
-        }
-    }
-
-    // Whether the words of the stream are words of memory.
-    bool aligned() const
-    {
-        return skip == 0;
-    }
-
-    // The next 64 bits of the stream on top, of which the first wanted ones (1 to 64) are to be used.
-    uint64_t next(uint64_t wanted)
-    {
-        if (aligned())
-            return load();
-        if (!started) {
-            held = load();
-            started = true;
-        }
-        uint64_t word = held << skip;
-        if (wanted > 64 - skip) {
-            held = load();
-            word |= held >> (64 - skip);
-        }
-        return word;
-    }
-
-  private:
-    uint64_t load()
-    {
-        __builtin_prefetch(next_word + prefetch_words);
-        return kel_load_be<uint64_t>(next_word++);
-    }
-
-    const uint64_t *next_word;
-    uint64_t skip;
-    uint64_t held = 0;
-    bool started = false;
-};
-
 // Calls loop(width) with the width as a compile-time constant; any that is not listed counts as 32.
 template <class Loop>
 auto with_width(unsigned width, const Loop &loop)
@@ -157,7 +104,7 @@ int search(const void *data, unsigned width, unsigned offset, size_t count, cons
 size_t aux_sum(kel_context_t *ctx, const kel_vec_t *vec)
 {
     const unsigned width = vec->aux_width;
-    if (!std::has_single_bit(width) || width > 32) {
+    if (!kel_power_of_two(width) || width > 32) {
         kel_report(ctx, "Invalid src aux_width %d", static_cast<int>(width));
         return 0;
     }

@@ -476,6 +476,123 @@ KEL_API kel_status_t kel_scan_value_post(kel_queue_t *queue, uint64_t flags, con
 KEL_API kel_status_t kel_scan_range_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                          kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper, void *udata);
 
+/*
+ * Copies the elements of src whose bit in mask is 1 to dst, one behind the other. count is the number of elements
+ * written.
+ *
+ * src: KEL_BYTES or KEL_BITS, also with KEL_ZIP. mask: a bit vector (KEL_BITS, elem_width 1, offset 0 to 7) with at
+ * least as many elements as src, such as a scan writes. dst: KEL_BYTES or KEL_BITS, elements of 1, 2, 4, 8 or 16 bytes,
+ * offset 0, data a multiple of 64, with room for the selected elements (tested by KEL_DEBUG_EXTRA). dst must overlap
+ * neither of the others (tested by KEL_DEBUG_EXTRA).
+ * flags: KEL_PAD, KEL_CACHE, KEL_NOWAIT.
+ *
+ * An element is rounded up to whole bytes and adapted to the width of dst: a narrower one is written with zero bytes
+ * before it, or with KEL_PAD behind it; of a wider one the first bytes are kept.
+ *
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EOVERFLOW: the destination is full; KEL_ENOTIMPL: a KEL_ZIP source. After
+ * KEL_EOVERFLOW dst holds the elements before the failing one, and count their number.
+ */
+KEL_API kel_result_t kel_select(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                const kel_vec_t *mask);
+
+/*
+ * Writes every element of src to dst as a plain vector of elements of fixed width: runs are expanded, and elements are
+ * adapted as kel_select does it, those of variable width included. count is 0, always: with KEL_RLE the caller knows
+ * the number of elements as the sum of the runs.
+ *
+ * src: any format. dst: as that of kel_select, with at least src->elements elements; for KEL_RLE the caller makes room
+ * for the expanded runs, of which KEL_DEBUG_EXTRA tests the sum. dst must not overlap src (tested by KEL_DEBUG_EXTRA).
+ * flags: KEL_PAD, KEL_CACHE, KEL_NOWAIT.
+ *
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run or a width of 0; KEL_EOVERFLOW: the destination is full;
+ * KEL_ENOTIMPL: a KEL_ZIP source. After KEL_EDATAFMT and KEL_EOVERFLOW dst holds the elements before the failing one.
+ */
+KEL_API kel_result_t kel_extract(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst);
+
+/*
+ * Looks every element of src up in a bitmap and writes the outcome as kel_scan_value does: a bit for each element, or
+ * with KEL_ONES_INDEX the list of the indexes of those whose bit is 1. Element e selects bit e of the bitmap, counted
+ * in stream order: bit 0 is the most significant bit of its first byte. KEL_INVERT inverts the bit looked up. count is
+ * the number of ones.
+ *
+ * src: KEL_BYTES, KEL_BITS or KEL_RLE, elements of 1 to 16 (version 1) or 1 to 24 (version 2) bits, or of 3 bytes. dst:
+ * as that of kel_scan_value. bitmap: KEL_BITS, elem_width 1, offset 0, data a multiple of 64 (version 1) or 16 (version
+ * 2), up to 2 to the 24th elements. val_width: the low bits of an element that make up its value, at most the element's
+ * width; the lookup uses the whole element. KEL_DEBUG_EXTRA tests that val_width is not 0, that the bits above it are
+ * zero, that every value lies in the bitmap, and that dst overlaps neither of the others; without it an element past
+ * the bitmap reads what lies there.
+ * flags: KEL_ONES_INDEX, KEL_INVERT, KEL_CACHE, KEL_NOWAIT.
+ *
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run of 0; KEL_EOVERFLOW: the destination is full. After the
+ * latter two dst and count are as after a failed kel_scan_value.
+ */
+KEL_API kel_result_t kel_translate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                   const kel_vec_t *bitmap, uint32_t val_width);
+
+/*
+ * Combine two bit vectors into a third. KEL_INVERT_SRC complements src2 first, KEL_INVERT the result. count is the
+ * number of ones in the result.
+ *
+ * src1, src2: KEL_BITS, elem_width 1, offset 0 to 7, the same number of elements. They are read in aligned 8-byte words
+ * and up to 2 bytes behind the byte that holds the last element, which must be readable. dst: KEL_BITS, elem_width 1,
+ * offset 0, data a multiple of 64, at least as many elements. Neither source may overlap dst (tested by
+ * KEL_DEBUG_EXTRA). Unlike those of other operations, the result is not padded: exactly src1->elements bits of dst are
+ * written.
+ *
+ * Kept: an offset counts from the least significant bit of a byte, so that bit vectors with an offset are read in
+ * another order than elsewhere; and if both offsets are non-zero, the last, partial byte of the result is formed one
+ * source byte further on than its predecessors. Give sources with offset 0, wherever they start.
+ * flags: KEL_INVERT, KEL_INVERT_SRC, KEL_CACHE.
+ *
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD.
+ */
+KEL_API kel_result_t kel_and(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
+                             const kel_vec_t *dst);
+KEL_API kel_result_t kel_or(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
+                            const kel_vec_t *dst);
+KEL_API kel_result_t kel_xor(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
+                             const kel_vec_t *dst);
+
+/*
+ * Copies count bytes from src to dst, at any addresses; nothing else is written. count of the result is 0. The two must
+ * not overlap (tested by KEL_DEBUG_EXTRA). flags: KEL_CACHE, KEL_NOWAIT.
+ *
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD.
+ */
+KEL_API kel_result_t kel_copy(kel_context_t *ctx, uint64_t flags, const void *src, void *dst, uint64_t count);
+
+/*
+ * Writes count values of val_width bytes (1, 2, 4 or 8) to dst, at any address: the low bytes of val, big-endian. With
+ * a val_width of 4, bits of val above 32 spoil every second value. Nothing else is written; count of the result is 0.
+ * flags: KEL_CACHE, KEL_NOWAIT.
+ *
+ * A fill of 2 GiB or more is to be made of several. KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD.
+ */
+KEL_API kel_result_t kel_fill(kel_context_t *ctx, uint64_t flags, uint64_t val, void *dst, uint64_t count,
+                              uint32_t val_width);
+
+/*
+ * The posted forms. After a request with a pipe flag may follow: a scan, an extract, a translate after KEL_PIPE_SRC or
+ * KEL_PIPE_AUX; a select after KEL_PIPE_SRC or KEL_PIPE_MASK; a copy after KEL_PIPE_SRC; none of the others. Their
+ * output is dst->data, or dst.
+ */
+KEL_API kel_status_t kel_select_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                     const kel_vec_t *mask, void *udata);
+KEL_API kel_status_t kel_extract_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                      void *udata);
+KEL_API kel_status_t kel_translate_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                        const kel_vec_t *bitmap, uint32_t val_width, void *udata);
+KEL_API kel_status_t kel_and_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
+                                  const kel_vec_t *dst, void *udata);
+KEL_API kel_status_t kel_or_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
+                                 const kel_vec_t *dst, void *udata);
+KEL_API kel_status_t kel_xor_post(kel_queue_t *queue, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
+                                  const kel_vec_t *dst, void *udata);
+KEL_API kel_status_t kel_copy_post(kel_queue_t *queue, uint64_t flags, const void *src, void *dst, uint64_t count,
+                                   void *udata);
+KEL_API kel_status_t kel_fill_post(kel_queue_t *queue, uint64_t flags, uint64_t val, void *dst, uint64_t count,
+                                   uint32_t val_width, void *udata);
+
 /* ---- Raw command blocks ------------------------------------------------------------------------------------------ */
 
 /* A command block of the coprocessor. */

@@ -1,59 +1,63 @@
-// Blocks: 64 elements of fixed width at a time, from the packed stream to a mask word (its first element on top).
+// Blocks: 64 elements of fixed width at a time.
 //
-// A producer makes the mask words of some consecutive blocks; it is chosen once a call from the elements' width and
-// place and from the predicate. Its loads pass the last element of a block by up to 8 bytes. Blocks for which those
-// bytes are not part of the vector are copied first: the last ones of every source.
+// A producer turns some consecutive blocks of a packed stream into something else: mask words, with the first element
+// on top, or destination elements. It is chosen once a call from the elements' width and place and from what is to be
+// made of them. Its loads pass the last element of a block by up to 8 bytes. Blocks for which those bytes are not part
+// of the vector are copied first: the last ones of every source.
 #pragma once
 
-#include "kel_io.h"
+#include "kel_emulate_subr.h"
 #include "kel_predicate.h"
 #include <algorithm>
-#include <utility>
 
 constexpr unsigned block_elements = 64;
 constexpr unsigned block_batch = 32; // mask words that are made at a time
 
-// A block's place and shape.
+// Packed fields of one width.
 struct fields_t {
     const uint8_t *data; // the byte that holds the first bit
     unsigned width;      // bits, 1 to 64
     unsigned offset;     // bits before the first element, 0 to 7
 };
 
-// Makes the mask words of n blocks, the first of which is at fields.
-using mask_blocks_t = void (*)(fields_t fields, const predicate_t &predicate, uint64_t *masks, size_t n);
+// Consecutive blocks, the first of which is at fields; the last may have fewer elements than 64.
+struct blocks_t {
+    fields_t fields;
+    uint64_t blocks;
+    uint64_t elements; // 0 at the end of the source
+};
 
-mask_blocks_t choose_mask_blocks(const fields_t &fields, const predicate_t &predicate);
-
-// The mask words of a whole fixed-width source of up to 64 bits, a batch at a time. The source's length in bits is to
-// fit in 64 bits.
-class block_source
+// Hands out the blocks of a source of plain fields.
+class block_cursor
 {
   public:
-    block_source(const kel_vec_t *src, const predicate_t &tested)
-        : predicate(tested), fields{static_cast<const uint8_t *>(src->data), static_cast<unsigned>(kel_width_bits(src)),
-                                    src->offset},
-          bytes(kel_data_bytes(src)), elements(src->elements), whole(src->elements / block_elements),
-          make(choose_mask_blocks(fields, tested))
+    // The first count elements of src.
+    block_cursor(const kel_vec_t *src, uint64_t count)
+        : fields{static_cast<const uint8_t *>(src->data), static_cast<unsigned>(kel_width_bits(src)), src->offset},
+          elements(count), bytes((fields.offset + fields.width * count + 7) / 8), loadable(count / block_elements)
     {
-        if (whole > 0 && loaded_bytes(whole) > bytes)
-            whole--;
+        if (loadable > 0 && loaded_bytes(loadable) > bytes)
+            loadable--;
     }
 
-    // Fills masks and answers the number of elements that they stand for; 0 at the end. The bits of the last word
-    // behind the last element are 0.
-    uint64_t next(uint64_t (&masks)[block_batch])
+    // The width and place of what is left.
+    const fields_t &shape() const
     {
-        const uint64_t blocks = std::min<uint64_t>(whole, block_batch);
-        if (blocks == 0)
-            return last(masks);
-        make(fields, predicate, masks, blocks);
-        const uint64_t taken = 8 * fields.width * blocks;
-        fields.data += taken;
-        bytes -= taken;
-        whole -= blocks;
-        elements -= block_elements * blocks;
-        return block_elements * blocks;
+        return fields;
+    }
+
+    // The next blocks, at most the given number of them, which is not 0. They stay where they are until the next call.
+    blocks_t take(uint64_t most)
+    {
+        if (loadable == 0)
+            copy_rest();
+        blocks_t taken = {fields, std::min(loadable, most), 0};
+        taken.elements = std::min(elements, block_elements * taken.blocks);
+        fields.data += 8 * fields.width * taken.blocks;
+        loadable -= taken.blocks;
+        elements -= taken.elements;
+        bytes -= std::min(bytes, 8 * fields.width * taken.blocks);
+        return taken;
     }
 
   private:
@@ -64,26 +68,44 @@ class block_source
         return (fields.offset + (block_elements * blocks - 1) * fields.width) / 8 + overrun;
     }
 
-    // The elements behind the whole blocks, fewer than two blocks of them, from a copy that has room behind its end.
-    uint64_t last(uint64_t *masks)
+    // Copies what is left, fewer than two blocks, to where there is room behind its end.
+    void copy_rest()
     {
         if (elements == 0)
-            return 0;
-        const uint64_t blocks = (elements + block_elements - 1) / block_elements;
-        uint8_t copy[2 * 8 * 64 + overrun];
-        memcpy(copy, fields.data, bytes);
-        memset(copy + bytes, 0, 8 * fields.width * blocks + overrun - bytes);
-        make({copy, fields.width, fields.offset}, predicate, masks, blocks);
-        masks[blocks - 1] &= ~uint64_t{0} << (block_elements * blocks - elements);
-        return std::exchange(elements, 0);
+            return;
+        loadable = (elements + block_elements - 1) / block_elements;
+        memcpy(rest, fields.data, bytes);
+        memset(rest + bytes, 0, 8 * fields.width * loadable + overrun - bytes);
+        fields.data = rest;
     }
 
     static constexpr unsigned overrun = 9; // bytes that a field's load may take
 
-    const predicate_t predicate;
     fields_t fields;   // of what is left,
-    uint64_t bytes;    // its length
-    uint64_t elements; // and its elements
-    uint64_t whole;    // blocks that can be read where they are
-    mask_blocks_t make;
+    uint64_t elements; // its elements,
+    uint64_t bytes;    // its length,
+    uint64_t loadable; // and the blocks that can be loaded where they are
+    uint8_t rest[2 * 8 * 64 + overrun];
 };
+
+// ---- Producers ------------------------------------------------------------------------------------------------------
+
+// A bitmap that elements are looked up in: element e matches if bit e is 1, or if negated 0.
+struct bitmap_t {
+    const uint8_t *data;
+    bool negated;
+};
+
+// Makes the mask words of n blocks, of which elements are tested.
+template <class Test>
+using mask_blocks_t = void (*)(fields_t fields, const Test &test, uint64_t *masks, size_t n);
+
+mask_blocks_t<predicate_t> choose_mask_blocks(const fields_t &fields, const predicate_t &predicate);
+mask_blocks_t<bitmap_t> choose_mask_blocks(const fields_t &fields, const bitmap_t &bitmap);
+
+// Makes n blocks of destination elements: a field is shifted right, which cuts low bits off, then left, and stored in
+// the width that the producer was chosen for.
+using element_blocks_t = void (*)(fields_t fields, unsigned right, unsigned left, void *to, size_t n);
+
+// bytes: of a destination element, 1, 2, 4, 8 or 16.
+element_blocks_t choose_element_blocks(const fields_t &fields, uint64_t bytes);

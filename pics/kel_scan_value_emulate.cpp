@@ -23,7 +23,7 @@ static constexpr family_t<8> family = {
 static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                             kel_compare_t op, const kel_int_t *val, cca_t *cca, bool fast)
 {
-    return scan_emulate<1>(family, {ctx, src, dst, {val}, {}, 0, cca}, flags, op, fast);
+    return scan_emulate<1>(family, {{ctx, src, dst, 0, cca}, {val}, {}}, flags, op, fast);
 }
 
 kel_status_t kel_scan_value_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,

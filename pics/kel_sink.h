@@ -1,4 +1,4 @@
-// Where the outcome of a scan goes: bit vectors and index lists.
+// Where the outcome of a scan or translate goes: bit vectors and index lists.
 //
 // A sink takes one stored element with its run (put), or the outcome of up to 64 elements as a mask word, the first
 // element on top (put_block). It refuses a block whenever the elements have to be written one by one to come out right:
@@ -19,6 +19,7 @@ class sink
     explicit sink(const kel_vec_t *dst) : end(kel_dst_end(dst->data, kel_data_bytes(dst)))
     {
         kelio_vec_output(dst, &out);
+        kelio_aux_output(dst, &aux);
     }
 
     bool full() const
@@ -27,6 +28,7 @@ class sink
     }
 
     kel_output_t out;
+    kel_output_t aux; // of a KEL_VAR destination
     void *end;
 };
 

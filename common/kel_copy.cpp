@@ -1,0 +1,138 @@
+// Copy: bytes from one buffer to another. The bulk goes by extract, whose destinations start at a multiple of 64.
+#include "kel_extract.h"
+#include "kel_valid.h"
+#include <cstring>
+
+static kel_vec_t byte_vector(void *data, uint64_t count)
+{
+    kel_vec_t vec = {};
+    vec.format = KEL_BYTES;
+    vec.elements = count;
+    vec.data = data;
+    vec.elem_width = 1;
+    return vec;
+}
+
+static kel_status_t copy(kel_context_t *ctx, uint64_t flags, const uint8_t *src, uint8_t *dst, uint64_t count)
+{
+    const uint64_t head = -reinterpret_cast<uintptr_t>(dst) % kel_dst_align;
+    if (count <= head) {
+        // Kept: the words, which do not tell the condition.
+        kel_log_line(ctx, KEL_LOG_VERBOSE, "under 64B, do software copy");
+    } else {
+        if (head > 0) {
+            kel_log_line(ctx, KEL_LOG_VERBOSE, "software copy 1st %ld bytes\n", static_cast<long>(head));
+            memcpy(dst, src, head);
+            src += head;
+            dst += head;
+            count -= head;
+        }
+        const uint64_t main = count / kel_dst_align * kel_dst_align;
+        if (main > 0) {
+            kel_log_line(ctx, KEL_LOG_VERBOSE, "kel copy %ld bytes\n", static_cast<long>(main));
+            const kel_vec_t from = byte_vector(const_cast<uint8_t *>(src), main);
+            const kel_vec_t to = byte_vector(dst, main);
+            const kel_result_t result = extract_exec(ctx, flags, &from, &to);
+            if (result.status != KEL_SUCCESS)
+                return result.status;
+            src += main;
+            dst += main;
+            count -= main;
+        }
+    }
+    if (count > 0)
+        memcpy(dst, src, count);
+    return KEL_SUCCESS;
+}
+
+static int copy_valid(kel_context_t *ctx, uint64_t flags, const void *src, kel_queue_t *queue, unsigned version)
+{
+    constexpr const char *refusal = "kel_copy_post() cannot be a pipeline target for a source with pipe flags "
+                                    "KEL_PIPE_AUX and KEL_PIPE_MASK";
+    const pipe_target_t target = {nullptr, nullptr, src, KEL_PIPE_SRC, refusal};
+    return kel_validate([=](int log) {
+        int valid = flags_valid(ctx, flags, 0, 0, version, log);
+        valid &= thread_valid(ctx, log);
+        valid &= chain_valid(ctx, queue, flags, target, version, log);
+        return valid;
+    });
+}
+
+static int copy_valid_extra(kel_context_t *ctx, uint64_t, const void *src, const void *dst, uint64_t count)
+{
+    return kel_test(1, !addr_overlap(src, dst, count), ctx, "Invalid src or dst: src and dst overlap");
+}
+
+struct copy_op {
+    struct args {
+        const void *src;
+        void *dst;
+        uint64_t count;
+    };
+
+    static constexpr char return_format[] = "kel_copy() returns {%s, count=%ld}\n";
+    static constexpr char post_return_format[] = "kel_copy_post() returns {%s}\n";
+
+    static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
+    {
+        char text[kel_args_text_size];
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_copy(): %s ",
+                    copy_args_str(ctx, flags, a.src, a.dst, a.count, text, sizeof text));
+    }
+
+    static void log_post_entry(kel_context_t *ctx, uint64_t flags, const args &a, const void *udata)
+    {
+        char text[kel_args_text_size];
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_copy_post(): %s\n  udata=0x%lx",
+                    copy_args_str(ctx, flags, a.src, a.dst, a.count, text, sizeof text), kel_log_ptr(udata));
+    }
+
+    static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
+    {
+        return copy_valid(ctx, flags, a.src, queue, version);
+    }
+
+    static int valid_extra(kel_context_t *ctx, uint64_t flags, const args &a)
+    {
+        return copy_valid_extra(ctx, flags, a.src, a.dst, a.count);
+    }
+
+    static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const args &a, cca_t *)
+    {
+        return copy(ctx, flags, static_cast<const uint8_t *>(a.src), static_cast<uint8_t *>(a.dst), a.count);
+    }
+
+    static kel_status_t emulate_post(kel_context_t *, uint64_t, const args &a, cca_t *)
+    {
+        if (a.count > 0)
+            memcpy(a.dst, a.src, a.count);
+        return KEL_SUCCESS;
+    }
+
+    // The thunk of extract has looked at a failure.
+    static const kel_vec_t *diagnosed(const args &)
+    {
+        return nullptr;
+    }
+
+    static void *pipe_dst(const args &a)
+    {
+        return a.dst;
+    }
+
+    static void request(const args &a, kel_request_t *request)
+    {
+        request->cmd = KEL_CMD_COPY;
+        request->arg.copy = {const_cast<void *>(a.src), a.dst, a.count};
+    }
+};
+
+kel_result_t kel_copy(kel_context_t *ctx, uint64_t flags, const void *src, void *dst, uint64_t count)
+{
+    return kel_execute<copy_op>(ctx, flags, {src, dst, count});
+}
+
+kel_status_t kel_copy_post(kel_queue_t *queue, uint64_t flags, const void *src, void *dst, uint64_t count, void *udata)
+{
+    return kel_post<copy_op>(queue, flags, {src, dst, count}, udata);
+}

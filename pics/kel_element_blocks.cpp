@@ -1,0 +1,57 @@
+// The producers of destination elements in portable code.
+#include "kel_unpack.h"
+
+namespace
+{
+
+template <class Word>
+struct word_element {
+    static constexpr unsigned bits = 8 * sizeof(Word);
+
+    static void store(uint8_t *to, unsigned i, uint64_t field, unsigned left)
+    {
+        kel_store_be(to + i * sizeof(Word), static_cast<Word>(field << left));
+    }
+};
+
+// A field of up to 64 bits in an element of 128 stands in either half: shifted, it goes to the very top.
+struct qword_element {
+    static void store(uint8_t *to, unsigned i, uint64_t field, unsigned left)
+    {
+        kel_store_be<uint64_t>(to + 16 * i, left >= 64 ? field << (left - 64) : 0);
+        kel_store_be<uint64_t>(to + 16 * i + 8, left >= 64 ? 0 : field);
+    }
+};
+
+template <class Element, unsigned bytes, bool wide>
+void element_blocks(fields_t fields, unsigned right, unsigned left, void *to, size_t n)
+{
+    auto *block = static_cast<uint8_t *>(to);
+    for (; n > 0; n--, fields.data += 8 * fields.width, block += block_elements * bytes)
+        unpack<wide>(fields, right, [=](unsigned i, uint64_t field) { Element::store(block, i, field, left); });
+}
+
+template <class Element, unsigned bytes>
+element_blocks_t choose_width(const fields_t &fields)
+{
+    return fields.width > widest_narrow_field ? element_blocks<Element, bytes, true>
+                                              : element_blocks<Element, bytes, false>;
+}
+
+} // namespace
+
+element_blocks_t choose_element_blocks(const fields_t &fields, uint64_t bytes)
+{
+    switch (bytes) {
+    case 1:
+        return choose_width<word_element<uint8_t>, 1>(fields);
+    case 2:
+        return choose_width<word_element<uint16_t>, 2>(fields);
+    case 4:
+        return choose_width<word_element<uint32_t>, 4>(fields);
+    case 8:
+        return choose_width<word_element<uint64_t>, 8>(fields);
+    default:
+        return choose_width<qword_element, 16>(fields);
+    }
+}

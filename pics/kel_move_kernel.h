@@ -1,0 +1,342 @@
+// Select and extract: kernels that move elements. Select is extract with a mask.
+#pragma once
+
+#include "kel_block.h"
+#include "kel_kernel.h"
+#include <bit>
+#include <utility>
+
+namespace
+{
+
+struct move_t : kernel_t {
+    uint64_t flags;
+    const kel_vec_t *mask; // a bit for each stored element says whether it is moved; null: all are
+    bool pad;              // whether elements are adapted to the destination's width
+};
+
+// ---- One element ----------------------------------------------------------------------------------------------------
+
+// Where elements go, in their rounded width or adapted to the destination's.
+class element_sink : public sink
+{
+  public:
+    explicit element_sink(const move_t &moved) : sink(moved.dst), move(moved), dst_bits(kel_width_bits(moved.dst)) {}
+
+    template <class Type>
+    kel_status_t put(const typename Type::word &element, uint64_t bits, uint64_t run)
+    {
+        if (!move.pad)
+            put_runs<Type>(element, kel_round_bits(bits), run);
+        else if (move.var_dst())
+            return put_var<Type>(element, bits, run);
+        else if (dst_bits % 8 != 0)
+            return put_packed<Type>(element, bits, run);
+        else
+            Type::put_pad(&out, move.flags, element, bits, dst_bits, run);
+        return KEL_SUCCESS;
+    }
+
+  private:
+    template <class Type>
+    void put_runs(const typename Type::word &element, uint64_t bits, uint64_t run)
+    {
+        for (; run > 0; run--)
+            Type::put(&out, element, bits);
+    }
+
+    bool extra() const
+    {
+        return move.ctx->debug_options & KEL_DEBUG_EXTRA;
+    }
+
+    // The element keeps its width, which goes to the stream beside it, always as a word of 8 bytes.
+    template <class Type>
+    kel_status_t put_var(const typename Type::word &element, uint64_t bits, uint64_t run)
+    {
+        for (uint64_t i = 0; i < run; i++)
+            kelio_put_word(&aux, bits / 8);
+        put_runs<Type>(element, bits, run);
+        return extra() && dst_bits == 8 && bits / 8 > UINT8_MAX ? KEL_EDATASIZE : KEL_SUCCESS;
+    }
+
+    // Elements that are no whole bytes: always left-justified, KEL_PAD or not.
+    template <class Type>
+    kel_status_t put_packed(typename Type::word element, uint64_t bits, uint64_t run)
+    {
+        if (extra() && bits > 31 && bits != 64 && bits != 128)
+            return KEL_EDATASIZE;
+        if constexpr (!std::is_pointer_v<typename Type::word>)
+            if (bits < dst_bits)
+                element = kel_word_shift(element, true, dst_bits - bits);
+        put_runs<Type>(element, dst_bits, run);
+        return KEL_SUCCESS;
+    }
+
+    const move_t &move;
+    const uint64_t dst_bits;
+};
+
+// A mask is never compressed: KEL_ZIP only drops its offset.
+inline unsigned mask_offset(const kel_vec_t *mask)
+{
+    return mask->format & KEL_ZIP ? 0 : mask->offset;
+}
+
+inline kel_status_t general_move(const move_t &move, kel_type_t type, kel_fmt_t fmt)
+{
+    element_sink to(move);
+    kel_input_t mask = {};
+    if (move.mask && move.src->elements != 0)
+        kelio_buf_input(move.mask->data, mask_offset(move.mask), &mask);
+    return general_kernel(move, to, type, fmt, [&]<class Type>(progress_t &progress) {
+        return [&](const typename Type::word &element, uint64_t bits, uint64_t run) {
+            if (move.mask) {
+                if (!kelio_get_bits(&mask, 1))
+                    return KEL_SUCCESS;
+                progress.count += run;
+            }
+            return to.put<Type>(element, bits, run);
+        };
+    });
+}
+
+// ---- The road of blocks ---------------------------------------------------------------------------------------------
+
+// How a source of plain fields becomes destination elements.
+struct conversion_t {
+    uint64_t bytes = 0; // of a destination element; 0: there is no such road
+    unsigned right = 0;
+    unsigned left = 0;
+    bool unchanged = false; // the elements stand in the source as they will in the destination
+};
+
+inline conversion_t find_conversion(const move_t &move, kel_fmt_t fmt)
+{
+    if (move.mask && mask_offset(move.mask) > kel_max_offset)
+        return {};
+    const uint64_t bits = kel_width_bits(move.src);
+    const uint64_t rounded = kel_round_bits(bits);
+    const uint64_t dst_bits = move.pad ? kel_width_bits(move.dst) : rounded;
+    conversion_t conversion;
+    conversion.unchanged = bits == dst_bits && bits % 8 == 0 && move.src->offset == 0;
+    const bool whole_elements = kel_power_of_two(dst_bits) && dst_bits >= 8 && dst_bits <= 128;
+    const bool wide = conversion.unchanged && bits == 128 && fmt == kel_fmt_fixed;
+    if (!whole_elements || move.var_dst() || !(wide || plain_fields(move.src, fmt)))
+        return conversion;
+    conversion.bytes = dst_bits / 8;
+    if (rounded > dst_bits)
+        conversion.right = static_cast<unsigned>(rounded - dst_bits);
+    else if (move.flags & KEL_PAD)
+        conversion.left = static_cast<unsigned>(dst_bits - rounded);
+    return conversion;
+}
+
+// The elements of a source, in the form of the destination's.
+class element_source
+{
+  public:
+    // The first count elements of src.
+    element_source(const kel_vec_t *src, uint64_t count, const conversion_t &conversion)
+        : converted(conversion), cursor(src, conversion.unchanged ? 0 : count),
+          in_place(static_cast<const uint8_t *>(src->data)),
+          make(conversion.unchanged ? nullptr : choose_element_blocks(cursor.shape(), conversion.bytes))
+    {
+    }
+
+    // The next count elements; count is 64, but at the end of the source.
+    const uint8_t *next(uint64_t count)
+    {
+        if (converted.unchanged)
+            return std::exchange(in_place, in_place + count * converted.bytes);
+        convert(cursor.take(1), block);
+        return block;
+    }
+
+    void skip(uint64_t count)
+    {
+        if (converted.unchanged)
+            in_place += count * converted.bytes;
+        else
+            cursor.take(1);
+    }
+
+    // All elements that are left, of which there are count.
+    void copy_all(uint8_t *to, uint64_t count)
+    {
+        if (converted.unchanged) {
+            memcpy(to, in_place, count * converted.bytes);
+            return;
+        }
+        for (; count >= block_elements;) {
+            const blocks_t taken = cursor.take(count / block_elements);
+            convert(taken, to);
+            to += taken.elements * converted.bytes;
+            count -= taken.elements;
+        }
+        if (count > 0)
+            memcpy(to, next(count), count * converted.bytes);
+    }
+
+  private:
+    void convert(const blocks_t &taken, void *to) const
+    {
+        make(taken.fields, converted.right, converted.left, to, taken.blocks);
+    }
+
+    const conversion_t converted;
+    block_cursor cursor;
+    const uint8_t *in_place;
+    element_blocks_t make;
+    uint8_t block[block_elements * kel_max_elem_bytes];
+};
+
+// A destination of whole elements that are stored at once. It is full when a writer of bits would be, which holds the
+// last word back: with one element more than the nominal end has room for.
+class byte_sink : public sink
+{
+  public:
+    byte_sink(const kel_vec_t *dst, uint64_t element_bytes) : sink(dst), bytes(element_bytes)
+    {
+        const auto start = reinterpret_cast<uintptr_t>(dst->data);
+        const auto stop = reinterpret_cast<uintptr_t>(end);
+        room = stop > start ? ((stop - start) >> std::countr_zero(bytes)) + 1 : 0;
+    }
+
+    // Leaves the writer as it would be after count elements. Where whole words are in it and it is not full, it makes
+    // no difference that the last one is not held back.
+    void written(uint64_t count)
+    {
+        const uint64_t size = count * bytes;
+        if (size == 0)
+            return;
+        const bool held = size % 8 != 0 || count >= room;
+        out.buf += (size - held) / 8;
+        if (!held)
+            return;
+        out.cache_bits = 8 * ((size - 1) % 8 + 1);
+        out.cache = kel_load_be<uint64_t>(out.buf) & kel_shl(~uint64_t{0}, 64 - out.cache_bits);
+    }
+
+    uint64_t bytes; // of an element
+    uint64_t room;  // elements that can be stored; with the last of them it is full
+};
+
+inline kel_status_t extract_blocks(const move_t &move, const conversion_t &conversion)
+{
+    byte_sink to(move.dst, conversion.bytes);
+    const uint64_t moved = std::min(move.src->elements, to.room);
+    const bool overflow = moved < move.src->elements;
+    element_source(move.src, moved, conversion).copy_all(static_cast<uint8_t *>(move.dst->data), moved);
+    to.written(moved);
+    return finish(move, to, overflow ? KEL_EOVERFLOW : KEL_SUCCESS, {moved, moved + overflow, 0});
+}
+
+// The order of a word's bits reversed.
+inline uint64_t reverse_bits(uint64_t word)
+{
+    const auto swap = [&](unsigned distance, uint64_t low) {
+        word = (word & low) << distance | (word >> distance & low);
+    };
+    swap(1, 0x5555555555555555);
+    swap(2, 0x3333333333333333);
+    swap(4, 0x0f0f0f0f0f0f0f0f);
+    return revbytes64(word);
+}
+
+// Copies the elements whose bits are set, the first on top, and answers where the next one goes.
+template <unsigned bytes>
+inline uint8_t *compress(const uint8_t *from, uint64_t mask, uint8_t *to)
+{
+    for (uint64_t left = reverse_bits(mask); left != 0; left &= left - 1, to += bytes)
+        memcpy(to, from + bytes * static_cast<unsigned>(std::countr_zero(left)), bytes);
+    return to;
+}
+
+// A block that may fill the destination: the test for that comes before every element.
+template <unsigned bytes>
+kel_status_t select_elements(const uint8_t *from, uint64_t mask, uint64_t elements, uint64_t room, uint8_t *&to,
+                             progress_t &progress)
+{
+    for (; elements > 0; elements--, from += bytes, mask <<= 1, progress.stored++) {
+        progress.processed++;
+        if (progress.count == room)
+            return KEL_EOVERFLOW;
+        if (mask >> 63) {
+            memcpy(to, from, bytes);
+            to += bytes;
+            progress.count++;
+        }
+    }
+    return KEL_SUCCESS;
+}
+
+template <unsigned bytes>
+kel_status_t select_blocks(const move_t &move, const conversion_t &conversion)
+{
+    byte_sink sink(move.dst, bytes);
+    element_source source(move.src, move.src->elements, conversion);
+    stream_words masks(move.mask->data, mask_offset(move.mask));
+    auto *to = static_cast<uint8_t *>(move.dst->data);
+    progress_t progress;
+    kel_status_t status = KEL_SUCCESS;
+    while (progress.stored < move.src->elements && status == KEL_SUCCESS) {
+        const uint64_t elements = std::min<uint64_t>(move.src->elements - progress.stored, block_elements);
+        const uint64_t mask = masks.next(elements) & ~uint64_t{0} << (block_elements - elements);
+        const uint64_t ones = popc_words(&mask, 1);
+        if (progress.count + ones >= sink.room) {
+            status = select_elements<bytes>(source.next(elements), mask, elements, sink.room, to, progress);
+            continue;
+        }
+        if (ones == 0)
+            source.skip(elements);
+        else if (ones == block_elements)
+            to = static_cast<uint8_t *>(memcpy(to, source.next(elements), bytes * block_elements)) + bytes * ones;
+        else
+            to = compress<bytes>(source.next(elements), mask, to);
+        progress.stored += elements;
+        progress.processed += elements;
+        progress.count += ones;
+    }
+    sink.written(progress.count);
+    return finish(move, sink, status, progress);
+}
+
+inline kel_status_t select_blocks(const move_t &move, const conversion_t &conversion)
+{
+    switch (conversion.bytes) {
+    case 1:
+        return select_blocks<1>(move, conversion);
+    case 2:
+        return select_blocks<2>(move, conversion);
+    case 4:
+        return select_blocks<4>(move, conversion);
+    case 8:
+        return select_blocks<8>(move, conversion);
+    default:
+        return select_blocks<16>(move, conversion);
+    }
+}
+
+// ---- The choice of a kernel -----------------------------------------------------------------------------------------
+
+inline kel_status_t move_emulate(move_t move, const char *verbose_line, bool fast)
+{
+    const kel_vec_t *src = move.src;
+    const uint64_t dst_bytes = kel_dispatch_bytes(move.dst->format, move.dst->elem_width);
+    if (move.ctx->log.options & KEL_LOG_VERBOSE)
+        kel_log_msg(move.ctx, KEL_LOG_VERBOSE, "%s", verbose_line);
+    if (src->format & KEL_ZIP)
+        return KEL_ENOTIMPL;
+
+    const auto type = static_cast<kel_type_t>(kel_class(std::max(kel_dispatch_bytes(src), dst_bytes)) / 2);
+    const kel_fmt_t fmt = kel_dispatch_fmt(src);
+    move.ext = kel_dispatch_ext(move.ctx, src);
+    move.pad = src->format & KEL_VAR || kel_round_bits(kel_width_bits(src)) / 8 != dst_bytes;
+    const conversion_t conversion = fast ? find_conversion(move, fmt) : conversion_t();
+    if (conversion.bytes == 0)
+        return general_move(move, type, fmt);
+    return move.mask ? select_blocks(move, conversion) : extract_blocks(move, conversion);
+}
+
+} // namespace

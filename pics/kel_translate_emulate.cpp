@@ -1,0 +1,96 @@
+// The kernels of translate, and of its form with a test value.
+#include "kel_mask.h"
+#include "kel_translate.h"
+
+namespace
+{
+
+// What an element is looked up in. With a test value, the bits of index_mask select the bit, and an element whose bits
+// above them differ from the value does not hit.
+struct lookup_t : bitmap_t {
+    bool tested = false;
+    uint64_t index_mask = ~uint64_t{0};
+    unsigned index_bits = 0;
+    uint64_t test_value = 0;
+
+    uint64_t hit(uint64_t element) const
+    {
+        const uint64_t index = element & index_mask;
+        const uint64_t bit = data[index >> 3] >> (7 - (index & 7)) & 1;
+        return (bit & (!tested | (kel_shr(element, index_bits) == test_value))) ^ negated;
+    }
+};
+
+template <class Sink>
+kel_status_t general_translate(const kernel_t &kernel, const lookup_t &lookup, kel_type_t type, kel_fmt_t fmt)
+{
+    Sink to(kernel.dst);
+    return general_kernel(kernel, to, type, fmt, [&]<class Type>(progress_t &progress) {
+        return [lookup, &to, &progress](const typename Type::word &element, uint64_t, uint64_t run) {
+            const bool hit = lookup.hit(Type::low(element));
+            progress.count += hit ? run : 0;
+            to.put(hit, run);
+            return KEL_SUCCESS;
+        };
+    });
+}
+
+// Compressed sources have no kernel.
+kel_status_t emulate(kernel_t kernel, uint64_t flags, lookup_t lookup, const char *verbose_line, bool fast)
+{
+    const uint64_t wide = kel_dispatch_bytes(kernel.src);
+    if (kernel.ctx->log.options & KEL_LOG_VERBOSE)
+        kel_log_msg(kernel.ctx, KEL_LOG_VERBOSE, "%s", verbose_line);
+    if (kernel.src->format & KEL_ZIP)
+        return KEL_ENOTIMPL;
+
+    const auto type = static_cast<kel_type_t>(kel_class(wide) / 2);
+    const kel_fmt_t fmt = kel_dispatch_fmt(kernel.src);
+    const bool ones = flags & KEL_ONES_INDEX;
+    lookup.negated = flags & KEL_INVERT;
+    kernel.ext = kel_dispatch_ext(kernel.ctx, kernel.src);
+    if (fast && !lookup.tested && plain_fields(kernel.src, fmt) && takes_blocks(kernel.dst, ones))
+        return mask_kernel<bitmap_t>(kernel, lookup, ones);
+    return ones ? general_translate<index_sink>(kernel, lookup, type, fmt)
+                : general_translate<bit_sink>(kernel, lookup, type, fmt);
+}
+
+kel_status_t translate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                       const kel_vec_t *bitmap, cca_t *cca, bool fast)
+{
+    const lookup_t lookup = {{static_cast<const uint8_t *>(bitmap->data), false}};
+    return emulate({ctx, src, dst, 0, cca}, flags, lookup, "Emulating kel_translate", fast);
+}
+
+} // namespace
+
+kel_status_t kel_translate_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                   const kel_vec_t *bitmap, unsigned, cca_t *cca)
+{
+    return translate(ctx, flags, src, dst, bitmap, cca, true);
+}
+
+kel_status_t kel_translate_general(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                   const kel_vec_t *bitmap, unsigned, cca_t *cca)
+{
+    return translate(ctx, flags, src, dst, bitmap, cca, false);
+}
+
+static constexpr char testval_line[] = "Emulating kel_translate_testval";
+
+kel_status_t kel_translate_testval_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src,
+                                           const kel_vec_t *dst, const void *bitmap, unsigned val_width,
+                                           uint64_t test_value, cca_t *cca)
+{
+    const uint64_t index_mask = (uint64_t{1} << (val_width % 32)) - 1; // kept: the mask is made in 32 bits
+    const lookup_t lookup = {{static_cast<const uint8_t *>(bitmap), false}, true, index_mask, val_width, test_value};
+    return emulate({ctx, src, dst, 0, cca}, flags, lookup, testval_line, true);
+}
+
+kel_status_t kel_translate_testval(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
+                                   const void *bitmap, int val_width, uint64_t test_value, cca_t *cca)
+{
+    kel_log_line(ctx, KEL_LOG_VERBOSE, "%s", testval_line);
+    return kel_translate_testval_emulate(ctx, flags, src, dst, bitmap, static_cast<unsigned>(val_width), test_value,
+                                         cca);
+}
