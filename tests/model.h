@@ -40,7 +40,7 @@ struct outcome {
 };
 
 // What an emulation finds in the caller's record of the counters.
-inline constexpr cca_t cca_before = {0x5a5a5a5a, 0x5a5a5a5a, 0x5a5a5a5a5a5a5a5a};
+inline constexpr cca_t cca_before = {7, 7, 7};
 
 // ---- Widths and elements --------------------------------------------------------------------------------------------
 
@@ -151,6 +151,19 @@ struct word_writer {
     {
         for (const char byte : bytes)
             put_bits(static_cast<uint8_t>(byte), 8);
+    }
+
+    // An element shifted to the left, in a field of these bits, which need not hold it.
+    void put_number(const std::string &element, uint64_t shift, uint64_t bits)
+    {
+        std::bitset<256> number;
+        for (const char byte : element)
+            number = number << 8 | std::bitset<256>(static_cast<uint8_t>(byte));
+        number <<= shift;
+        for (uint64_t low = round_up(bits, 64); low > 0; bits = low) {
+            low -= 64;
+            put_bits((number >> low & std::bitset<256>(UINT64_MAX)).to_ullong(), bits - low);
+        }
     }
 
     // Whether there was room to pad.
@@ -271,20 +284,16 @@ inline bool faulty_aux(const kel_vec_t &src, const kel_vec_t &dst)
 
 // ---- The public calls -----------------------------------------------------------------------------------------------
 
-// A call whose buffers do not overlap, after its emulation. Of the counters it shows the count alone. Synchronous calls
-// of operations that diagnose look for the reason of bad data. The lines of entry and return are told without words.
+// A call whose buffers do not overlap, after its emulation. Of the counters it shows the count alone. A diagnosed one
+// looks for the reason of bad data. The lines of entry and return are told without words.
 template <class request>
-outcome call(const request &r, const options &o, const outcome &emulated, bool posted)
+outcome call(const request &r, const options &o, const outcome &emulated, bool diagnosed)
 {
-    outcome result;
-    if ((o.debug & KEL_DEBUG_ARG && refused(r, o.version)) || (o.debug & KEL_DEBUG_EXTRA && faulty_data(r, o))) {
-        result.status = KEL_EINVAL;
-        result.refused = true;
-        return result;
-    }
-    result = emulated;
+    if ((o.debug & KEL_DEBUG_ARG && refused(r, o.version)) || (o.debug & KEL_DEBUG_EXTRA && faulty_data(r)))
+        return {.status = KEL_EINVAL, .refused = true};
+    outcome result = emulated;
     result.cca = {0, 0, result.status == KEL_EPARSE ? 0 : result.cca.retval};
-    if (request::diagnosed && !posted && result.status == KEL_EDATAFMT && !add_one(r.src)) {
+    if (diagnosed && result.status == KEL_EDATAFMT && !add_one(r.src)) {
         // The diagnosis looks at the low four bits alone, so that it may name an element before the failing one.
         bit_reader aux = source_reader{r.src}.aux;
         uint64_t i = 0;

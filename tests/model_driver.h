@@ -5,6 +5,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <numeric>
+#include <sstream>
 
 namespace model
 {
@@ -40,35 +41,31 @@ class destination_area
     guarded_buffer buffer{size_t{2} << 20, 64};
 };
 
-// The public call, the posted one, the emulation behind them, and the general kernels alone. The function run of each
-// test takes one of them.
+// The public call, the posted one, the emulation behind them, and the general kernels alone.
 enum road { calls, posts, emulations, general_kernels };
 
-inline outcome outcome_of(const kel_result_t &result)
+// Takes a road of an operation. What a request leaves in the log is there in the end, and nothing of its poll.
+template <class... arguments>
+outcome take_road(test_context &ctx, road way, const auto &call, const auto &post, const auto &emulate,
+                  const auto &general, arguments... args)
 {
-    return {result.status, {0, result.reserved, result.count}};
-}
-
-inline outcome outcome_of_emulation(const auto &emulate)
-{
-    outcome seen = {KEL_SUCCESS, cca_before};
-    seen.status = emulate(&seen.cca);
-    return seen;
-}
-
-// What a poll says of a request, whose post alone leaves lines here.
-inline outcome outcome_of_post(test_context &ctx, const auto &post)
-{
+    outcome seen = {.cca = cca_before};
+    if (way == calls) {
+        const kel_result_t result = call(ctx, args...);
+        return {result.status, {0, result.reserved, result.count}};
+    }
+    if (way != posts) {
+        seen.status = way == emulations ? emulate(ctx, args..., &seen.cca) : general(ctx, args..., &seen.cca);
+        return seen;
+    }
     kel_queue_t *queue = nullptr;
     EXPECT_EQ(kel_queue_create(ctx, 1, &queue), KEL_SUCCESS);
     ctx.lines.clear();
-    outcome seen = {post(queue)};
+    seen = {post(queue, args..., nullptr)};
     const std::vector<log_line> lines = ctx.lines;
-    if (seen.status == KEL_SUCCESS) {
-        kel_poll_t polled;
-        EXPECT_EQ(kel_poll(queue, &polled, 1, 0), 1);
+    kel_poll_t polled;
+    if (seen.status == KEL_SUCCESS && kel_poll(queue, &polled, 1, 0) == 1)
         seen = {polled.status, {0, polled.reserved, polled.count}};
-    }
     EXPECT_EQ(kel_queue_destroy(queue), KEL_SUCCESS);
     ctx.lines = lines;
     return seen;
@@ -113,12 +110,44 @@ template <class request>
 bool check_roads(test_context &ctx, const options &o, request &r, destination_area &dst)
 {
     const outcome emulated = emulation(r, o);
-    return check(ctx, o, calls, r, call(r, o, emulated, false), dst) &&
-           check(ctx, o, posts, r, call(r, o, emulated, true), dst) && check(ctx, o, emulations, r, emulated, dst) &&
+    return check(ctx, o, calls, r, call(r, o, emulated, true), dst) &&
+           check(ctx, o, posts, r, call(r, o, emulated, false), dst) && check(ctx, o, emulations, r, emulated, dst) &&
            check(ctx, o, general_kernels, r, emulated, dst);
 }
 
-// ---- Random sources -------------------------------------------------------------------------------------------------
+// ---- Random requests ------------------------------------------------------------------------------------------------
+
+inline constexpr uint32_t arg = KEL_DEBUG_ARG, extra = KEL_DEBUG_EXTRA, errors = KEL_LOG_ERROR, all_lines = 63;
+inline constexpr options plain = {2, 0, errors};
+
+inline constexpr options contexts[] = {
+    plain,
+    {1, 0, errors},
+    {2, 0, 0},
+    {1, arg, all_lines},
+    {2, arg, errors},
+    {1, arg | extra, errors},
+    {2, arg | extra, all_lines},
+    {1, extra, all_lines},
+    {2, extra, errors},
+};
+
+// Where arguments are validated, few of the requests that are refused are run.
+template <class maker>
+void check_random(const options &o, unsigned requests)
+{
+    const bool validated = o.debug & KEL_DEBUG_ARG;
+    test_context ctx(o.version, o.debug, o.log);
+    maker makes(o.version + 10 * o.debug + 100 * o.log);
+    destination_area dst;
+    for (unsigned n = 0; n < requests && !testing::Test::HasFailure();) {
+        auto r = makes.make(validated ? !makes.random.one_in(20) : makes.random.one_in(2));
+        if (validated && refused(r, o.version) && !makes.random.one_in(8))
+            continue;
+        n++;
+        check_roads(ctx, o, r, dst);
+    }
+}
 
 // Makes sources. Their streams end with the aligned word in front of a page that faults.
 class source_maker
@@ -131,7 +160,7 @@ class source_maker
   protected:
     static constexpr size_t area = size_t{1} << 20;
     using bit_string = std::vector<bool>;
-    using text = std::bitset<256>; // an element as stream bits, 0 first
+    using element_bits = std::bitset<256>; // in stream order
 
     static void append(bit_string &stream, uint64_t field, unsigned bits)
     {
@@ -215,11 +244,11 @@ class source_maker
         src.aux_data = place(aux, stream);
     }
 
-    text draw_text()
+    element_bits draw_bits()
     {
-        text drawn;
+        element_bits drawn;
         for (unsigned i = 0; i < 4; i++)
-            drawn = drawn << 64 | text(random.word());
+            drawn = drawn << 64 | element_bits(random.word());
         return drawn;
     }
 
@@ -231,7 +260,7 @@ class source_maker
         places.clear();
         for (const uint64_t length : lengths) {
             const uint64_t bits = no_width ? 8 : variable_width(src) ? 8 * length : bits_of(src);
-            const text drawn = draw(bits);
+            const element_bits drawn = draw(bits);
             places.emplace_back(stream.size(), bits);
             for (uint64_t i = 0; i < bits; i++)
                 stream.push_back(drawn[i]);
@@ -271,7 +300,7 @@ class source_maker
         draw_size(dst, src.elements, lawful ? src.elements : 0, expanded(src));
     }
 
-    bool lawful = false;           // within the widths and formats that validation accepts (of one version at least)
+    bool lawful = false;           // within what validation accepts (of one version at least), though not always
     uint64_t widest = 16;          // bytes of a lawful element
     bool no_width = false;         // neither the elements nor the values have a width
     bool wide_elements = false;    // elements of variable width up to 32 bytes
@@ -289,24 +318,32 @@ struct known_vector {
     std::string data, aux = ""; // hexadecimal; aux elements have 8 bits
 };
 
-inline void place(const guarded_buffer &buffer, const std::string &hex_text)
-{
-    for (size_t i = 0; i < hex_text.size() / 2; i++)
-        buffer.data[i] = static_cast<uint8_t>(std::stoi(hex_text.substr(2 * i, 2), nullptr, 16));
-}
-
 // The same with its streams, each in front of a page that faults.
 struct placed_vector {
     explicit placed_vector(const known_vector &v)
         : data(v.data.size() / 2 + 1),
           aux(v.aux.size() / 2 + 1), vec{v.format, v.elements, data.data, v.width, 0, 0, 8, aux.data, nullptr, 0}
     {
-        place(data, v.data);
-        place(aux, v.aux);
+        for (const auto &[to, text] : {std::pair(data.data, v.data), std::pair(aux.data, v.aux)})
+            for (size_t i = 0; i < text.size() / 2; i++)
+                to[i] = static_cast<uint8_t>(std::stoi(text.substr(2 * i, 2), nullptr, 16));
     }
 
     guarded_buffer data, aux;
     kel_vec_t vec;
 };
+
+// Checks a request and the text of its outcome: status, count of elements processed, size, bytes, messages.
+template <class request>
+void check_known(request r, const std::string &expected)
+{
+    SCOPED_TRACE(expected);
+    test_context ctx(plain.version, plain.debug, plain.log);
+    destination_area dst;
+    std::ostringstream text;
+    text << emulation(r, plain);
+    EXPECT_EQ(text.str(), expected);
+    check_roads(ctx, plain, r, dst);
+}
 
 } // namespace model

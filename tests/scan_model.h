@@ -13,8 +13,6 @@ struct scan {
     int op;
     kel_int_t lower, upper;
 
-    static constexpr bool diagnosed = true;
-
     bool range() const
     {
         return op >= KEL_EQ_OR_EQ;
@@ -93,14 +91,13 @@ inline bool accepts(unsigned orders, const std::string &element, const std::stri
 
 // ---- The emulation and the public call ------------------------------------------------------------------------------
 
-// before is what the caller's record of the counters holds.
-inline outcome emulation(const scan &s, const options &o, const cca_t &before = cca_before)
+inline outcome emulation(const scan &s, const options &o)
 {
     const char *const name = s.range() ? "kel_scan_range" : "kel_scan_value";
     if (!row_of(s)) {
         outcome result = start(name, o.log);
         result.status = KEL_EPARSE;
-        result.cca = before;
+        result.cca = cca_before;
         return result;
     }
 
@@ -128,7 +125,7 @@ inline bool refused(const scan &s, unsigned version)
 
 // Whether validation of the data refuses a scan: its source, and bits above the rounded width of a value in the word
 // where its top lies.
-inline bool faulty_data(const scan &s, const options &)
+inline bool faulty_data(const scan &s)
 {
     const auto spare_bits = [](const kel_int_t &value) {
         const uint64_t width = bits_of(value), top = round_up(width, 8);
