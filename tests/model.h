@@ -8,7 +8,6 @@
 #include "kel_frame.h"
 #include "support.h"
 #include <algorithm>
-#include <bitset>
 #include <ostream>
 #include <utility>
 
@@ -100,15 +99,6 @@ struct source_reader {
     }
 };
 
-// The low 64 bits of an element.
-inline uint64_t low_word(const std::string &element)
-{
-    uint64_t word = 0;
-    for (const char byte : element)
-        word = word << 8 | static_cast<uint8_t>(byte);
-    return word;
-}
-
 // ---- The emulations -------------------------------------------------------------------------------------------------
 
 struct word_writer {
@@ -147,22 +137,13 @@ struct word_writer {
             store();
     }
 
-    void put_bytes(const std::string &bytes)
-    {
-        for (const char byte : bytes)
-            put_bits(static_cast<uint8_t>(byte), 8);
-    }
-
     // An element shifted to the left, in a field of these bits, which need not hold it.
     void put_number(const std::string &element, uint64_t shift, uint64_t bits)
     {
-        std::bitset<256> number;
-        for (const char byte : element)
-            number = number << 8 | std::bitset<256>(static_cast<uint8_t>(byte));
-        number <<= shift;
+        const std::string zeros(32, '\0'), text = zeros + element + zeros;
         for (uint64_t low = round_up(bits, 64); low > 0; bits = low) {
             low -= 64;
-            put_bits((number >> low & std::bitset<256>(UINT64_MAX)).to_ullong(), bits - low);
+            put_bits(bit_reader{text.data(), 8 * (24 + element.size()) + shift - low}.field(64), bits - low);
         }
     }
 
@@ -177,14 +158,6 @@ struct word_writer {
         return fits;
     }
 };
-
-inline outcome start(const std::string &name, uint32_t log_options)
-{
-    outcome result;
-    if (log_options & KEL_LOG_VERBOSE)
-        result.lines.emplace_back(KEL_LOG_VERBOSE, "Emulating " + name);
-    return result;
-}
 
 // An emulation under way.
 struct emulator {
@@ -211,7 +184,9 @@ struct emulator {
     // All elements; take says what is done with one.
     outcome run(const std::string &name, uint32_t log_options, const auto &take)
     {
-        outcome result = start(name, log_options);
+        outcome result;
+        if (log_options & KEL_LOG_VERBOSE)
+            result.lines.emplace_back(KEL_LOG_VERBOSE, "Emulating " + name);
         uint64_t stored = 0;
         for (; result.status == KEL_SUCCESS && stored < src.elements; stored++)
             result.status = step(take);
@@ -249,8 +224,7 @@ inline bool bad_width(uint64_t bits, unsigned version)
     return bits > 128 || (bits % 8 && bits > (version == 2 ? 24 : 16));
 }
 
-// Whether validation of the descriptors refuses a source. aux_formats are the ones of KEL_VAR and KEL_RLE that it may
-// have.
+// Whether validation of the descriptors refuses a source that may have these formats of KEL_VAR and KEL_RLE.
 inline bool source_refused(const kel_vec_t &src, uint64_t aux_formats, unsigned version)
 {
     const bool variable = src.format & KEL_VAR;
@@ -289,10 +263,10 @@ inline bool faulty_aux(const kel_vec_t &src, const kel_vec_t &dst)
 template <class request>
 outcome call(const request &r, const options &o, const outcome &emulated, bool diagnosed)
 {
-    if ((o.debug & KEL_DEBUG_ARG && refused(r, o.version)) || (o.debug & KEL_DEBUG_EXTRA && faulty_data(r)))
-        return {.status = KEL_EINVAL, .refused = true};
     outcome result = emulated;
     result.cca = {0, 0, result.status == KEL_EPARSE ? 0 : result.cca.retval};
+    if ((o.debug & KEL_DEBUG_ARG && refused(r, o.version)) || (o.debug & KEL_DEBUG_EXTRA && faulty_data(r)))
+        result = {.status = KEL_EINVAL, .refused = true};
     if (diagnosed && result.status == KEL_EDATAFMT && !add_one(r.src)) {
         // The diagnosis looks at the low four bits alone, so that it may name an element before the failing one.
         bit_reader aux = source_reader{r.src}.aux;
@@ -311,22 +285,22 @@ outcome call(const request &r, const options &o, const outcome &emulated, bool d
 
 // ---- Requests and outcomes as text ----------------------------------------------------------------------------------
 
-inline void tell_vectors(std::ostream &out, std::initializer_list<const kel_vec_t *> vectors)
+// A destination, and sources with their first elements and runs.
+inline std::ostream &tell(std::ostream &out, const kel_vec_t &dst, std::initializer_list<const kel_vec_t *> sources)
 {
-    for (const kel_vec_t *vec : vectors)
+    out << ", destination format " << dst.format << " elements " << dst.elements << " width " << dst.elem_width
+        << " offset " << unsigned{dst.offset};
+    for (const kel_vec_t *vec : sources) {
         out << "\n  format " << vec->format << " elements " << vec->elements << " width " << vec->elem_width
             << " offset " << unsigned{vec->offset} << " at " << vec->data << ", aux width " << vec->aux_width
-            << " offset " << unsigned{vec->aux_offset} << " at " << vec->aux_data;
-}
-
-inline void tell_elements(std::ostream &out, const kel_vec_t &src)
-{
-    out << "\n  elements";
-    source_reader in = {src};
-    for (uint64_t i = 0; i < std::min<uint64_t>(src.elements, 200); i++) {
-        const std::string element = in.data.bytes(in.width());
-        out << ' ' << hex(element.data(), element.size()) << '*' << in.run();
+            << " offset " << unsigned{vec->aux_offset} << " at " << vec->aux_data << ':';
+        source_reader in = {*vec};
+        for (uint64_t i = 0; i < std::min<uint64_t>(vec->elements, 200); i++) {
+            const std::string element = in.data.bytes(in.width());
+            out << ' ' << hex(element.data(), element.size()) << '*' << in.run();
+        }
     }
+    return out;
 }
 
 // The status, matches of elements, bytes, messages; the bytes without the zeros at the end.

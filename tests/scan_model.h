@@ -66,11 +66,6 @@ inline uint64_t widest_operand(const scan &s)
 
 // Elements and values are compared as strings of bytes, where a prefix is less than what continues it. Before a value
 // stand the bytes above its width, as far as its operand class looks at them, and before an element as many zeros: 24.
-inline std::string element_text(const std::string &element)
-{
-    return std::string(24, '\0') + element;
-}
-
 inline std::string value_text(const kel_int_t &value, uint64_t wide)
 {
     const uint64_t words[] = {
@@ -94,23 +89,22 @@ inline bool accepts(unsigned orders, const std::string &element, const std::stri
 inline outcome emulation(const scan &s, const options &o)
 {
     const char *const name = s.range() ? "kel_scan_range" : "kel_scan_value";
-    if (!row_of(s)) {
-        outcome result = start(name, o.log);
-        result.status = KEL_EPARSE;
-        result.cca = cca_before;
-        return result;
-    }
-
-    const operator_row &accepted = *row_of(s);
+    const operator_row *const accepted = row_of(s);
     const uint64_t wide = widest_operand(s);
     const std::string lower = value_text(s.lower, wide), upper = value_text(s.upper, wide);
-    emulator e = {s.src, s.dst, wide == 0};
-    return e.run(name, o.log, [&](const std::string &element, uint64_t, uint64_t run) {
-        const std::string text = element_text(element);
-        const bool first = accepts(accepted.lower, text, lower), second = accepts(accepted.upper, text, upper);
-        e.put_result(s.flags, accepted.both ? first && second : first || second, run);
+    const kel_vec_t none = {};
+    emulator e = {accepted ? s.src : none, s.dst, wide == 0};
+    outcome result = e.run(name, o.log, [&](const std::string &element, uint64_t, uint64_t run) {
+        const std::string text = std::string(24, '\0') + element;
+        const bool first = accepts(accepted->lower, text, lower), second = accepts(accepted->upper, text, upper);
+        e.put_result(s.flags, accepted->both ? first && second : first || second, run);
         return KEL_SUCCESS;
     });
+    if (!accepted) {
+        result.status = KEL_EPARSE;
+        result.cca = cca_before;
+    }
+    return result;
 }
 
 // Whether validation of the descriptors refuses a scan.
@@ -136,12 +130,10 @@ inline bool faulty_data(const scan &s)
 
 inline std::ostream &operator<<(std::ostream &out, const scan &s)
 {
-    out << (s.range() ? "range" : "value") << " op " << s.op << " flags " << s.flags;
-    tell_vectors(out, {&s.src, &s.dst});
+    tell(out << (s.range() ? "range" : "value") << " op " << s.op << " flags " << s.flags, s.dst, {&s.src});
     for (const kel_int_t *value : {&s.lower, &s.upper})
         out << "\n  value format " << value->format << " width " << value->elem_width << std::hex << " dwords "
             << value->dword[0] << ' ' << value->dword[1] << ' ' << value->dword[2] << std::dec;
-    tell_elements(out, s.src);
     return out;
 }
 
