@@ -60,7 +60,7 @@ void kel_kernel_failed(kel_context_t *ctx, kel_status_t status, uint64_t element
 
 // Finishes the destination: pads it, counts its bytes, and answers the kernel's status, or that of the padding if the
 // kernel has none of its own. aux: the writer beside it that is to be padded as well, or null.
-kel_status_t kel_finish_output(const kel_vec_t *dst, kel_output_t out, void *end, const kel_output_t *aux,
+kel_status_t kel_finish_output(const kel_vec_t *dst, kel_output_t *out, const void *end, kel_output_t *aux,
                                kel_status_t status, cca_t *cca);
 
 // ---- Adaptation of an element to the width of a destination element -------------------------------------------------

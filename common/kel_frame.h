@@ -107,8 +107,6 @@ void kel_probe(kel_context_t *ctx, uint64_t flags, const typename Op::args &args
 template <class Op>
 void log_return(kel_context_t *ctx, const typename Op::args &args, const char *format, auto... outcome)
 {
-    if (!(ctx->log.options & KEL_LOG_RETURN))
-        return;
     if constexpr (requires { Op::name(args); })
         kel_log_msg(ctx, KEL_LOG_RETURN, format, Op::name(args), outcome...);
     else
@@ -126,7 +124,8 @@ kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args 
         result = exec<Op>(ctx, flags, args);
         kel_probe<Op>(ctx, flags, args, &result);
     }
-    log_return<Op>(ctx, args, Op::return_format, kel_status_str(result.status), static_cast<long>(result.count));
+    if (ctx->log.options & KEL_LOG_RETURN)
+        log_return<Op>(ctx, args, Op::return_format, kel_status_str(result.status), static_cast<long>(result.count));
     return result;
 }
 
@@ -170,7 +169,8 @@ kel_status_t kel_post_il(kel_queue_t *queue, uint64_t flags, const typename Op::
     kel_status_t status = queue_full(queue) ? KEL_EQFULL : kel_check<Op, version>(ctx, flags, args, queue);
     if (status == KEL_SUCCESS)
         status = post<Op>(queue, flags, args, udata);
-    log_return<Op>(ctx, args, Op::post_return_format, kel_status_str(status));
+    if (ctx->log.options & KEL_LOG_RETURN)
+        log_return<Op>(ctx, args, Op::post_return_format, kel_status_str(status));
     return status;
 }
 

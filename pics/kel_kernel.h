@@ -165,12 +165,12 @@ kel_status_t walk_elements(const kernel_t &kernel, const sink &to, progress_t &p
     return KEL_SUCCESS;
 }
 
-inline kel_status_t finish(const kernel_t &kernel, const sink &to, kel_status_t status, const progress_t &progress)
+inline kel_status_t finish(const kernel_t &kernel, sink &to, kel_status_t status, const progress_t &progress)
 {
     if (status != KEL_SUCCESS)
         kel_kernel_failed(kernel.ctx, status, progress.stored + 1);
-    const kel_output_t *aux = kernel.var_dst() ? &to.aux : nullptr;
-    status = kel_finish_output(kernel.dst, to.out, to.end, aux, status, kernel.cca);
+    kel_output_t *aux = kernel.var_dst() ? &to.aux : nullptr;
+    status = kel_finish_output(kernel.dst, &to.out, to.end, aux, status, kernel.cca);
     kernel.cca->retval = progress.count;
     kernel.cca->n_processed = static_cast<uint32_t>(progress.processed);
     return status;
@@ -178,7 +178,7 @@ inline kel_status_t finish(const kernel_t &kernel, const sink &to, kel_status_t 
 
 // The general kernel of a type and a format: a walk with the visitor that make_visit<Type>(progress) makes.
 template <class Type, class MakeVisit>
-kel_status_t general_by_format(const kernel_t &kernel, const sink &to, bool widths, bool runs,
+kel_status_t general_by_format(const kernel_t &kernel, sink &to, bool widths, bool runs,
                                const MakeVisit &make_visit)
 {
     progress_t progress;
@@ -195,7 +195,7 @@ kel_status_t general_by_format(const kernel_t &kernel, const sink &to, bool widt
 
 // The remaining types, whose classes dispatch never takes, lead to that of 64 bits.
 template <class MakeVisit>
-kel_status_t general_kernel(const kernel_t &kernel, const sink &to, kel_type_t type, kel_fmt_t fmt,
+kel_status_t general_kernel(const kernel_t &kernel, sink &to, kel_type_t type, kel_fmt_t fmt,
                             const MakeVisit &make_visit)
 {
     const bool runs = fmt != kel_fmt_fixed && kernel.src->format & KEL_RLE;

@@ -162,12 +162,8 @@ class element_source
     }
 
     // All elements that are left, of which there are count.
-    void copy_all(uint8_t *to, uint64_t count)
+    void convert_all(uint8_t *to, uint64_t count)
     {
-        if (converted.unchanged) {
-            memcpy(to, in_place, count * converted.bytes);
-            return;
-        }
         for (; count >= block_elements;) {
             const blocks_t taken = cursor.take(count / block_elements);
             convert(taken, to);
@@ -227,7 +223,11 @@ inline kel_status_t extract_blocks(const move_t &move, const conversion_t &conve
     byte_sink to(move.dst, conversion.bytes);
     const uint64_t moved = std::min(move.src->elements, to.room);
     const bool overflow = moved < move.src->elements;
-    element_source(move.src, moved, conversion).copy_all(static_cast<uint8_t *>(move.dst->data), moved);
+    auto *dst = static_cast<uint8_t *>(move.dst->data);
+    if (!conversion.unchanged)
+        element_source(move.src, moved, conversion).convert_all(dst, moved);
+    else if (moved > 0)
+        memcpy(dst, move.src->data, moved * conversion.bytes);
     to.written(moved);
     return finish(move, to, overflow ? KEL_EOVERFLOW : KEL_SUCCESS, {moved, moved + overflow, 0});
 }
