@@ -97,7 +97,6 @@ TEST(move, known_cases)
     check_move(0, {KEL_BITS, 2, 3, "b4"}, both, 2, 1, "status 0, 2 of 2, 64 bytes 0505");
     check_move(0, {0, 2, 1, "abcd"}, both, 0, 4, "status -5, 0 of 1, 0 bytes ; EOVERFLOW at element index 1");
     check_move(0, {KEL_BITS, 2, 4, "12"}, no_mask, 2, 1, "status 0, 0 of 2, 64 bytes 0102");
-    check_move(KEL_PAD, {0, 1, 3, "010203"}, no_mask, 1, 4, "status 0, 0 of 1, 64 bytes 010203");
     check_move(0, {KEL_RLE, 2, 1, "0709", "0203"}, no_mask, 5, 1, "status 0, 0 of 5, 64 bytes 0707090909");
     check_move(0, {KEL_VAR, 2, 0, "0506", "0100"}, no_mask, 2, 2,
                "status -4, 0 of 1, 64 bytes 0005; EDATAFMT at element index 2");
