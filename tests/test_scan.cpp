@@ -195,7 +195,7 @@ TEST(scan, positions_beyond_65535)
     constexpr uint64_t elements = 65536 + 40;
     const guarded_buffer data(elements);
     memset(data.data, 0, elements);
-    for (const uint64_t match : {0xfffd, 0xfffe, 0x10000, 0x10002, 0x10004, 0x10022})
+    for (const int match : {0xfffd, 0xfffe, 0x10000, 0x10002, 0x10004, 0x10022})
         data.data[match] = 9;
     scan s = {KEL_ONES_INDEX, byte_source(data, elements), destination(elements, 2), KEL_EQ, bytes(1, 9), none};
     check_roads(ctx, plain, s, dst);

@@ -34,6 +34,8 @@ class translate_maker : public source_maker
         translate t = {};
         t.flags = draw_flags(KEL_ONES_INDEX | KEL_INVERT);
         draw_format(t.src, KEL_RLE);
+        if (lawful && random.one_in(1000)) // positions that need not fit in an entry of 2 bytes
+            t.src.elements = random.between(65000, 70000);
         draw_lengths(t.src);
         const uint64_t width = bits_of(t.src);
         const uint64_t size = draw_bitmap(t.bitmap, std::min<uint64_t>(width ? width : 16, 16));
