@@ -48,7 +48,7 @@ struct extract_op {
     static void log_post_entry(kel_context_t *ctx, uint64_t flags, const args &a, const void *udata)
     {
         char vectors[kel_args_text_size];
-        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_extract_post: %s\n  udata=0x%lx",
+        kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_extract_post: %s\n  udata = 0x%lx",
                     entry_args_str(ctx, flags, a.src, a.dst, vectors, sizeof vectors), kel_log_ptr(udata));
     }
 

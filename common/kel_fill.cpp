@@ -12,12 +12,6 @@
 
 // ---- Writers --------------------------------------------------------------------------------------------------------
 
-// Bytes from an address up to the next multiple of unit.
-static uint64_t distance_to(uint64_t unit, const void *address)
-{
-    return -reinterpret_cast<uintptr_t>(address) % unit;
-}
-
 static uint64_t advance_pattern(uint64_t pattern, uint64_t bytes)
 {
     return std::rotl(pattern, static_cast<int>(8 * (bytes % 8)));
@@ -54,7 +48,7 @@ uint64_t fill_value(uint64_t val, unsigned val_width)
 void fill_unaligned(kel_context_t *ctx, void *dst, uint64_t pattern, uint64_t count)
 {
     kel_log_line(ctx, KEL_LOG_VERBOSE, "fill, dstv(0x%lx), val(0x%lx), count(%lu)\n", kel_log_ptr(dst), pattern, count);
-    const uint64_t to_word = distance_to(8, dst);
+    const uint64_t to_word = kel_distance_to(8, dst);
     const uint64_t head = std::min(count, to_word);
     uint8_t *to = put_top_bytes(static_cast<uint8_t *>(dst), pattern, head);
     pattern = advance_pattern(pattern, to_word);
@@ -68,11 +62,12 @@ void memsetx(uint64_t *dst, uint64_t pattern, int n)
         put_words(reinterpret_cast<uint8_t *>(dst), pattern, static_cast<uint64_t>(n));
 }
 
+static constexpr unsigned assertion_line = 257; // kept: part of the message
+
 static uint64_t *aligned_words(void *dst, const char *function)
 {
-    constexpr unsigned line = 257; // as programs that watch for the message know it
     if (reinterpret_cast<uintptr_t>(dst) & 7)
-        kel_assert_fail("((uintptr_t)dst & 0x7) == 0", "common/kel_fill.cpp", line, function);
+        kel_assert_fail("((uintptr_t)dst & 0x7) == 0", "common/kel_fill.cpp", assertion_line, function);
     return static_cast<uint64_t *>(dst);
 }
 
@@ -88,14 +83,14 @@ static void fill(kel_context_t *ctx, uint64_t val, void *dst, uint64_t count, ui
     const uint64_t pattern = fill_value(val, val_width);
     const uint64_t total = count * val_width;
     const bool short_fill = total < static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-    const uint64_t first = short_fill ? total : distance_to(kel_dst_align, dst);
+    const uint64_t first = short_fill ? total : kel_distance_to(kel_dst_align, dst);
     fill_unaligned(ctx, dst, pattern, first);
     if (first == total)
         return;
 
     auto *to = static_cast<uint8_t *>(dst) + first;
-    const uint64_t at_word = advance_pattern(pattern, distance_to(8, dst));
-    const int n = static_cast<int>((total - first) / 8); // kept: 32 bits, so that a main run ends below 2 GiB
+    const uint64_t at_word = advance_pattern(pattern, kel_distance_to(8, dst));
+    const int n = static_cast<int>((total - first) / 8); // kept: words are counted in 32 bits
     memsetx(aligned_words(to, __func__), at_word, n);
     const uint64_t filled = first + 8 * static_cast<uint64_t>(n);
     fill_unaligned(ctx, static_cast<uint8_t *>(dst) + filled, at_word, total - filled);
@@ -170,11 +165,6 @@ struct fill_op {
     {
         kel_fill(ctx, flags & ~KEL_SYNC_FLAGS_V2, a.val, a.dst, a.count, a.val_width);
         return KEL_SUCCESS;
-    }
-
-    static const kel_vec_t *diagnosed(const args &)
-    {
-        return nullptr;
     }
 
     static void *pipe_dst(const args &a)

@@ -16,10 +16,10 @@
 //   valid(ctx, flags, args, queue, version)   argument tests; the queue of a posted request, or null
 //   valid_extra(ctx, flags, args)             tests that depend on the data
 //   emulate(ctx, flags, args, cca)
-//   diagnosed(args)                           the source that is looked at after a failure, or null
+//   diagnosed(args)                           the source that is looked at after a failure; only where there is one
 //   pipe_dst(args)                            the output that the next request of a pipeline may read, or null
 //   emulate_post(ctx, flags, args, cca)       only where the posted form does its work in another way
-//   name(args)                                the first argument of the return lines, only where operations share a struct
+//   name(args)                                the first argument of the return lines; where operations share a struct
 //   request(args, request)                    fills in what trace probes show; only where the operation has a probe
 //
 // A posted request takes the same road to its emulation, kel_post and kel_post_il, and leaves its outcome in a slot of
@@ -82,8 +82,9 @@ kel_result_t exec(kel_context_t *ctx, uint64_t flags, const typename Op::args &a
 {
     cca_t cca = {};
     const kel_status_t status = Op::emulate(ctx, flags, args, &cca);
-    if (const kel_vec_t *src = Op::diagnosed(args); src && status != KEL_SUCCESS)
-        vec_diagnose(ctx, src, status);
+    if constexpr (requires { Op::diagnosed(args); })
+        if (status != KEL_SUCCESS)
+            vec_diagnose(ctx, Op::diagnosed(args), status);
     return {status, 0, cca.retval};
 }
 

@@ -94,6 +94,12 @@ inline T *kel_align_up(T *address, uintptr_t unit)
     return reinterpret_cast<T *>((value + unit - 1) & ~(unit - 1));
 }
 
+// Bytes from an address up to the next multiple of a power of two.
+inline uint64_t kel_distance_to(uint64_t unit, const void *address)
+{
+    return -reinterpret_cast<uintptr_t>(address) & (unit - 1);
+}
+
 // Values of 128 and 256 bits, the most significant word first, right-justified.
 typedef struct {
     uint64_t hi;

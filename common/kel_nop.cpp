@@ -56,11 +56,6 @@ struct nop_op {
         return kel_nop_emulate(ctx, flags, cca);
     }
 
-    static const kel_vec_t *diagnosed(const args &)
-    {
-        return nullptr;
-    }
-
     static void *pipe_dst(const args &)
     {
         return nullptr;

@@ -50,7 +50,7 @@ static const void *fed_buffer(uint64_t pipe_flags, const kel_vec_t *src, const k
     case KEL_PIPE_MASK:
         return mask ? mask->data : nullptr;
     case KEL_PIPE_SRC:
-        return src_buffer || !src ? src_buffer : src->data;
+        return src_buffer ? src_buffer : src ? src->data : nullptr;
     case KEL_PIPE_AUX:
         return src ? src->aux_data : nullptr;
     default:

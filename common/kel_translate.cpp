@@ -160,11 +160,6 @@ struct translate_op {
         return kel_translate_emulate(ctx, flags, a.src, a.dst, a.bitmap, a.val_width, cca);
     }
 
-    static const kel_vec_t *diagnosed(const args &)
-    {
-        return nullptr;
-    }
-
     static void *pipe_dst(const args &a)
     {
         return a.dst->data;

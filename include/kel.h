@@ -515,12 +515,12 @@ KEL_API kel_result_t kel_extract(kel_context_t *ctx, uint64_t flags, const kel_v
  * in stream order: bit 0 is the most significant bit of its first byte. KEL_INVERT inverts the bit looked up. count is
  * the number of ones.
  *
- * src: KEL_BYTES, KEL_BITS or KEL_RLE, elements of 1 to 16 (version 1) or 1 to 24 (version 2) bits, or of 3 bytes. dst:
- * as that of kel_scan_value. bitmap: KEL_BITS, elem_width 1, offset 0, data a multiple of 64 (version 1) or 16 (version
- * 2), up to 2 to the 24th elements. val_width: the low bits of an element that make up its value, at most the element's
- * width; the lookup uses the whole element. KEL_DEBUG_EXTRA tests that val_width is not 0, that the bits above it are
- * zero, that every value lies in the bitmap, and that dst overlaps neither of the others; without it an element past
- * the bitmap reads what lies there.
+ * src: KEL_BYTES, KEL_BITS or KEL_RLE, elements of 1 to 16 (version 1) or 1 to 24 (version 2) bits, or 1 to 3 bytes.
+ * dst: as that of kel_scan_value. bitmap: KEL_BITS, elem_width 1, offset 0, data a multiple of 64 (version 1) or 16
+ * (version 2), up to 2 to the 24th elements. val_width: the low bits of an element that make up its value, at most the
+ * element's width; the lookup uses the whole element. KEL_DEBUG_EXTRA tests that val_width is not 0, that the bits
+ * above it are zero, that every value lies in the bitmap, and that dst overlaps neither of the others; without it an
+ * element past the bitmap reads what lies there. Of the bitmap the byte of each element is read, and its first byte.
  * flags: KEL_ONES_INDEX, KEL_INVERT, KEL_CACHE, KEL_NOWAIT.
  *
  * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run of 0; KEL_EOVERFLOW: the destination is full. After the
@@ -539,8 +539,8 @@ KEL_API kel_result_t kel_translate(kel_context_t *ctx, uint64_t flags, const kel
  * KEL_DEBUG_EXTRA). Unlike those of other operations, the result is not padded: exactly src1->elements bits of dst are
  * written.
  *
- * Kept: an offset counts from the least significant bit of a byte, so that bit vectors with an offset are read in
- * another order than elsewhere; and if both offsets are non-zero, the last, partial byte of the result is formed one
+ * Beware: here an offset counts from the least significant bit of a byte, so that bit vectors with an offset are read
+ * in another order than elsewhere; and if both offsets are non-zero, the last, partial byte of the result is formed one
  * source byte further on than its predecessors. Give sources with offset 0, wherever they start.
  * flags: KEL_INVERT, KEL_INVERT_SRC, KEL_CACHE.
  *
@@ -566,7 +566,8 @@ KEL_API kel_result_t kel_copy(kel_context_t *ctx, uint64_t flags, const void *sr
  * a val_width of 4, bits of val above 32 spoil every second value. Nothing else is written; count of the result is 0.
  * flags: KEL_CACHE, KEL_NOWAIT.
  *
- * A fill of 2 GiB or more is to be made of several. KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD.
+ * Validation looks at the low 8 bits of val_width alone: 257 passes, and fills 257 bytes of val for each value. A fill
+ * of 2 GiB or more is to be made of several. KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD.
  */
 KEL_API kel_result_t kel_fill(kel_context_t *ctx, uint64_t flags, uint64_t val, void *dst, uint64_t count,
                               uint32_t val_width);

@@ -68,13 +68,16 @@ class block_cursor
         return (fields.offset + (block_elements * blocks - 1) * fields.width) / 8 + overrun;
     }
 
-    // Copies what is left, fewer than two blocks, to where there is room behind its end.
+    // Copies what is left, fewer than two blocks, to where there is room behind its end. What follows the last element
+    // is 0, so that a bitmap is not looked at far behind its end for a field that does not exist.
     void copy_rest()
     {
         if (elements == 0)
             return;
         loadable = (elements + block_elements - 1) / block_elements;
         memcpy(rest, fields.data, bytes);
+        if (const uint64_t used = (fields.offset + fields.width * elements) % 8; used != 0)
+            rest[bytes - 1] = static_cast<uint8_t>(rest[bytes - 1] & 0xff00 >> used);
         memset(rest + bytes, 0, 8 * fields.width * loadable + overrun - bytes);
         fields.data = rest;
     }

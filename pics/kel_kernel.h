@@ -178,8 +178,7 @@ inline kel_status_t finish(const kernel_t &kernel, sink &to, kel_status_t status
 
 // The general kernel of a type and a format: a walk with the visitor that make_visit<Type>(progress) makes.
 template <class Type, class MakeVisit>
-kel_status_t general_by_format(const kernel_t &kernel, sink &to, bool widths, bool runs,
-                               const MakeVisit &make_visit)
+kel_status_t general_by_format(const kernel_t &kernel, sink &to, bool widths, bool runs, const MakeVisit &make_visit)
 {
     progress_t progress;
     const auto visit = make_visit.template operator()<Type>(progress);

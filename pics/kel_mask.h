@@ -1,4 +1,5 @@
-// From plain fields to a sink by blocks: every element is tested, and the mask words go to the sink.
+// From plain fields to a sink by blocks: every element is tested, and the mask words go to the sink. Elements are
+// tested a batch at a time, so that some behind one that finds no room any more are tested, too.
 #pragma once
 
 #include "kel_block.h"

@@ -103,86 +103,102 @@ inline kel_status_t general_move(const move_t &move, kel_type_t type, kel_fmt_t 
 
 // ---- The road of blocks ---------------------------------------------------------------------------------------------
 
-// How a source of plain fields becomes destination elements.
-struct conversion_t {
-    uint64_t bytes = 0; // of a destination element; 0: there is no such road
-    unsigned right = 0;
-    unsigned left = 0;
-    bool unchanged = false; // the elements stand in the source as they will in the destination
-};
-
-inline conversion_t find_conversion(const move_t &move, kel_fmt_t fmt)
+// Bits of an element as it is written.
+inline uint64_t written_bits(const move_t &move)
 {
-    if (move.mask && mask_offset(move.mask) > kel_max_offset)
-        return {};
-    const uint64_t bits = kel_width_bits(move.src);
-    const uint64_t rounded = kel_round_bits(bits);
-    const uint64_t dst_bits = move.pad ? kel_width_bits(move.dst) : rounded;
-    conversion_t conversion;
-    conversion.unchanged = bits == dst_bits && bits % 8 == 0 && move.src->offset == 0;
-    const bool whole_elements = kel_power_of_two(dst_bits) && dst_bits >= 8 && dst_bits <= 128;
-    const bool wide = conversion.unchanged && bits == 128 && fmt == kel_fmt_fixed;
-    if (!whole_elements || move.var_dst() || !(wide || plain_fields(move.src, fmt)))
-        return conversion;
-    conversion.bytes = dst_bits / 8;
-    if (rounded > dst_bits)
-        conversion.right = static_cast<unsigned>(rounded - dst_bits);
-    else if (move.flags & KEL_PAD)
-        conversion.left = static_cast<unsigned>(dst_bits - rounded);
-    return conversion;
+    return move.pad ? kel_width_bits(move.dst) : kel_round_bits(kel_width_bits(move.src));
 }
 
-// The elements of a source, in the form of the destination's.
-class element_source
+// Whether the elements stand in the source as they will in the destination.
+inline bool unchanged(const move_t &move)
+{
+    return kel_width_bits(move.src) == written_bits(move) && move.src->offset == 0;
+}
+
+// Whether the elements can be moved by blocks: plain fields, or what needs no change, to whole elements.
+inline bool moves_by_blocks(const move_t &move, kel_fmt_t fmt)
+{
+    const uint64_t bits = written_bits(move);
+    const bool whole = kel_power_of_two(bits) && bits >= 8 && bits <= 8 * kel_max_elem_bytes;
+    const bool readable = plain_fields(move.src, fmt) || (fmt == kel_fmt_fixed && unchanged(move));
+    return whole && readable && !move.var_dst() && (!move.mask || mask_offset(move.mask) <= kel_max_offset);
+}
+
+// Elements that are moved as they stand.
+class unchanged_elements
 {
   public:
-    // The first count elements of src.
-    element_source(const kel_vec_t *src, uint64_t count, const conversion_t &conversion)
-        : converted(conversion), cursor(src, conversion.unchanged ? 0 : count),
-          in_place(static_cast<const uint8_t *>(src->data)),
-          make(conversion.unchanged ? nullptr : choose_element_blocks(cursor.shape(), conversion.bytes))
+    explicit unchanged_elements(const move_t &move)
+        : data(static_cast<const uint8_t *>(move.src->data)), bytes(written_bits(move) / 8)
     {
     }
 
-    // The next count elements; count is 64, but at the end of the source.
+    // The next count elements.
     const uint8_t *next(uint64_t count)
     {
-        if (converted.unchanged)
-            return std::exchange(in_place, in_place + count * converted.bytes);
-        convert(cursor.take(1), block);
-        return block;
+        return std::exchange(data, data + count * bytes);
     }
 
     void skip(uint64_t count)
     {
-        if (converted.unchanged)
-            in_place += count * converted.bytes;
-        else
-            cursor.take(1);
+        data += count * bytes;
+    }
+
+  private:
+    const uint8_t *data;
+    const uint64_t bytes;
+};
+
+// Fields that are turned into elements of the destination: cut, or shifted to the high end.
+class converted_elements
+{
+  public:
+    // The first count elements of the source.
+    converted_elements(const move_t &move, uint64_t count)
+        : cursor(move.src, count), bytes(written_bits(move) / 8), make(choose_element_blocks(cursor.shape(), bytes))
+    {
+        const uint64_t rounded = kel_round_bits(kel_width_bits(move.src));
+        if (rounded > 8 * bytes)
+            right = static_cast<unsigned>(rounded - 8 * bytes);
+        else if (move.flags & KEL_PAD)
+            left = static_cast<unsigned>(8 * bytes - rounded);
+    }
+
+    // The next block, of 64 elements but at the end of the source.
+    const uint8_t *next(uint64_t)
+    {
+        convert(cursor.take(1), block);
+        return block;
+    }
+
+    void skip(uint64_t)
+    {
+        cursor.take(1);
     }
 
     // All elements that are left, of which there are count.
     void convert_all(uint8_t *to, uint64_t count)
     {
-        for (; count >= block_elements;) {
+        while (count >= block_elements) {
             const blocks_t taken = cursor.take(count / block_elements);
             convert(taken, to);
-            to += taken.elements * converted.bytes;
+            to += taken.elements * bytes;
             count -= taken.elements;
         }
         if (count > 0)
-            memcpy(to, next(count), count * converted.bytes);
+            memcpy(to, next(count), count * bytes);
     }
 
   private:
     void convert(const blocks_t &taken, void *to) const
     {
-        make(taken.fields, converted.right, converted.left, to, taken.blocks);
+        make(taken.fields, right, left, to, taken.blocks);
     }
 
-    const conversion_t converted;
     block_cursor cursor;
-    const uint8_t *in_place;
+    const uint64_t bytes; // of an element
+    unsigned right = 0;
+    unsigned left = 0;
     element_blocks_t make;
     uint8_t block[block_elements * kel_max_elem_bytes];
 };
@@ -197,16 +213,17 @@ class byte_sink : public sink
         const auto start = reinterpret_cast<uintptr_t>(dst->data);
         const auto stop = reinterpret_cast<uintptr_t>(end);
         room = stop > start ? ((stop - start) >> std::countr_zero(bytes)) + 1 : 0;
+        aligned = start % kel_dst_align == 0;
     }
 
-    // Leaves the writer as it would be after count elements. Where whole words are in it and it is not full, it makes
-    // no difference that the last one is not held back.
+    // Leaves the writer as it would be after count elements. In an aligned destination that is not full, whole words
+    // need not be held back: its end comes out the same.
     void written(uint64_t count)
     {
         const uint64_t size = count * bytes;
         if (size == 0)
             return;
-        const bool held = size % 8 != 0 || count >= room;
+        const bool held = size % 8 != 0 || count >= room || !aligned;
         out.buf += (size - held) / 8;
         if (!held)
             return;
@@ -214,20 +231,24 @@ class byte_sink : public sink
         out.cache = kel_load_be<uint64_t>(out.buf) & kel_shl(~uint64_t{0}, 64 - out.cache_bits);
     }
 
+    uint64_t room; // elements that can be stored; with the last of them it is full
+
+  private:
     uint64_t bytes; // of an element
-    uint64_t room;  // elements that can be stored; with the last of them it is full
+    bool aligned;
 };
 
-inline kel_status_t extract_blocks(const move_t &move, const conversion_t &conversion)
+inline kel_status_t extract_blocks(const move_t &move)
 {
-    byte_sink to(move.dst, conversion.bytes);
+    const uint64_t bytes = written_bits(move) / 8;
+    byte_sink to(move.dst, bytes);
     const uint64_t moved = std::min(move.src->elements, to.room);
     const bool overflow = moved < move.src->elements;
     auto *dst = static_cast<uint8_t *>(move.dst->data);
-    if (!conversion.unchanged)
-        element_source(move.src, moved, conversion).convert_all(dst, moved);
+    if (!unchanged(move))
+        converted_elements(move, moved).convert_all(dst, moved);
     else if (moved > 0)
-        memcpy(dst, move.src->data, moved * conversion.bytes);
+        memcpy(dst, move.src->data, moved * bytes);
     to.written(moved);
     return finish(move, to, overflow ? KEL_EOVERFLOW : KEL_SUCCESS, {moved, moved + overflow, 0});
 }
@@ -271,11 +292,10 @@ kel_status_t select_elements(const uint8_t *from, uint64_t mask, uint64_t elemen
     return KEL_SUCCESS;
 }
 
-template <unsigned bytes>
-kel_status_t select_blocks(const move_t &move, const conversion_t &conversion)
+template <unsigned bytes, class Source>
+kel_status_t select_from(const move_t &move, Source source)
 {
     byte_sink sink(move.dst, bytes);
-    element_source source(move.src, move.src->elements, conversion);
     stream_words masks(move.mask->data, mask_offset(move.mask));
     auto *to = static_cast<uint8_t *>(move.dst->data);
     progress_t progress;
@@ -302,19 +322,26 @@ kel_status_t select_blocks(const move_t &move, const conversion_t &conversion)
     return finish(move, sink, status, progress);
 }
 
-inline kel_status_t select_blocks(const move_t &move, const conversion_t &conversion)
+template <unsigned bytes>
+kel_status_t select_blocks(const move_t &move)
 {
-    switch (conversion.bytes) {
-    case 1:
-        return select_blocks<1>(move, conversion);
-    case 2:
-        return select_blocks<2>(move, conversion);
-    case 4:
-        return select_blocks<4>(move, conversion);
+    return unchanged(move) ? select_from<bytes>(move, unchanged_elements(move))
+                           : select_from<bytes>(move, converted_elements(move, move.src->elements));
+}
+
+inline kel_status_t select_blocks(const move_t &move)
+{
+    switch (written_bits(move)) {
     case 8:
-        return select_blocks<8>(move, conversion);
+        return select_blocks<1>(move);
+    case 16:
+        return select_blocks<2>(move);
+    case 32:
+        return select_blocks<4>(move);
+    case 64:
+        return select_blocks<8>(move);
     default:
-        return select_blocks<16>(move, conversion);
+        return select_blocks<16>(move);
     }
 }
 
@@ -333,10 +360,9 @@ inline kel_status_t move_emulate(move_t move, const char *verbose_line, bool fas
     const kel_fmt_t fmt = kel_dispatch_fmt(src);
     move.ext = kel_dispatch_ext(move.ctx, src);
     move.pad = src->format & KEL_VAR || kel_round_bits(kel_width_bits(src)) / 8 != dst_bytes;
-    const conversion_t conversion = fast ? find_conversion(move, fmt) : conversion_t();
-    if (conversion.bytes == 0)
+    if (!fast || !moves_by_blocks(move, fmt))
         return general_move(move, type, fmt);
-    return move.mask ? select_blocks(move, conversion) : extract_blocks(move, conversion);
+    return move.mask ? select_blocks(move) : extract_blocks(move);
 }
 
 } // namespace
