@@ -6,8 +6,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-unsigned kel_debug_calls;
-unsigned emulate_error_calls;
+std::atomic<unsigned> kel_debug_calls;
+std::atomic<unsigned> emulate_error_calls;
 lines_t syslog_lines;
 
 static constexpr pthread_t other_thread = 0x1234;
@@ -50,6 +50,22 @@ std::string pointer_text(const void *pointer)
     return text;
 }
 
+kel_context_t *open_context(uint32_t version, const kel_init_options_t *allocator)
+{
+    kel_context_t *ctx = nullptr;
+    if (kel_thread_init(version, 1, allocator ? KEL_ALLOC : 0, allocator, &ctx) != KEL_SUCCESS)
+        abort();
+    return ctx;
+}
+
+kel_queue_t *open_queue(kel_context_t *ctx, int length)
+{
+    kel_queue_t *queue = nullptr;
+    if (kel_queue_create(ctx, length, &queue) != KEL_SUCCESS)
+        abort();
+    return queue;
+}
+
 static void capture(kel_context_t *, void *cb_data, uint32_t level, const char *prefix, const char *message)
 {
     static_cast<test_context *>(cb_data)->lines.push_back({level, prefix, message});
@@ -57,9 +73,8 @@ static void capture(kel_context_t *, void *cb_data, uint32_t level, const char *
 
 test_context::test_context(uint32_t version, uint32_t debug_options, uint32_t log_options,
                            const kel_init_options_t *allocator)
+    : ctx(open_context(version, allocator))
 {
-    if (kel_thread_init(version, 1, allocator ? KEL_ALLOC : 0, allocator, &ctx) != KEL_SUCCESS)
-        abort();
     ctx->debug_options = debug_options;
     ctx->log.options_set = log_options;
     ctx->log.options = log_options;
@@ -89,6 +104,15 @@ lines_t test_context::messages()
     lines_t taken;
     for (const log_line &line : lines)
         taken.push_back(line.message);
+    lines.clear();
+    return taken;
+}
+
+lines_t test_context::texts()
+{
+    lines_t taken;
+    for (const log_line &line : lines)
+        taken.push_back(line.prefix + line.message);
     lines.clear();
     return taken;
 }

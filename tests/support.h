@@ -2,7 +2,8 @@
 // buffers, a reader of single bits, random numbers.
 #pragma once
 
-#include "kel_init.h"
+#include "kel_queue.h"
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -12,8 +13,8 @@
 #include <vector>
 
 // Calls of the two failure hooks since the last reset_hooks; the test programs put their own in the library's place.
-extern unsigned kel_debug_calls;
-extern unsigned emulate_error_calls;
+extern std::atomic<unsigned> kel_debug_calls;
+extern std::atomic<unsigned> emulate_error_calls;
 void reset_hooks();
 
 using lines_t = std::vector<std::string>;
@@ -32,6 +33,10 @@ inline void *at(uintptr_t address)
 
 // A pointer to a context that is no result of a call.
 inline kel_context_t *const no_context = static_cast<kel_context_t *>(at(0x40));
+
+// What is to succeed.
+kel_context_t *open_context(uint32_t version, const kel_init_options_t *allocator = nullptr);
+kel_queue_t *open_queue(kel_context_t *ctx, int length);
 
 // One line as the log callback saw it.
 struct log_line {
@@ -59,14 +64,15 @@ class test_context
         return ctx;
     }
 
-    // The messages since the last call.
+    // The messages since the last call, and the same with their prefixes.
     lines_t messages();
+    lines_t texts();
 
     // Gives the context to another thread, until the end. A call is then refused with the line wrong_thread.
     void disown();
     static std::string wrong_thread();
 
-    kel_context_t *ctx = nullptr;
+    kel_context_t *ctx;
     std::vector<log_line> lines;
 };
 
