@@ -76,6 +76,21 @@ class test_context
     std::vector<log_line> lines;
 };
 
+// A scan of four bytes: 5 and 7 are found in three places, 5 alone in two.
+struct small_scan {
+    alignas(64) uint8_t in[64] = {5, 7, 5, 9};
+    alignas(64) uint8_t out[128] = {};
+    kel_vec_t src = {KEL_BYTES, 4, in, 1, 0, 0, 0, nullptr, nullptr, 0};
+    kel_vec_t dst = {KEL_BITS, 4, out, 1, 0, 0, 0, nullptr, nullptr, 0};
+    kel_int_t five = {KEL_BYTES, 1, {0, 0, 5}}, seven = {KEL_BYTES, 1, {0, 0, 7}};
+    uint64_t flags = 0;
+
+    kel_result_t value(kel_context_t *ctx, kel_compare_t op = KEL_EQ) const;
+    kel_result_t range(kel_context_t *ctx) const;
+    kel_status_t value_post(kel_queue_t *queue, void *udata = nullptr) const;
+    kel_status_t range_post(kel_queue_t *queue, void *udata = nullptr) const;
+};
+
 // Memory between two pages that fault. It starts at a multiple of align (a power of two up to 64) and ends as close to the
 // page behind it as that allows: with align 1 at its first byte. All bytes start as 0xa5.
 class guarded_buffer
