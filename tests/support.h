@@ -76,16 +76,17 @@ class test_context
     std::vector<log_line> lines;
 };
 
-// A scan of four bytes: 5 and 7 are found in three places, 5 alone in two.
+// A scan of four bytes: 5 is there twice, 7 once.
 struct small_scan {
     alignas(64) uint8_t in[64] = {5, 7, 5, 9};
     alignas(64) uint8_t out[128] = {};
     kel_vec_t src = {KEL_BYTES, 4, in, 1, 0, 0, 0, nullptr, nullptr, 0};
     kel_vec_t dst = {KEL_BITS, 4, out, 1, 0, 0, 0, nullptr, nullptr, 0};
     kel_int_t five = {KEL_BYTES, 1, {0, 0, 5}}, seven = {KEL_BYTES, 1, {0, 0, 7}};
+    kel_compare_t value_op = KEL_EQ, range_op = KEL_EQ_OR_EQ;
     uint64_t flags = 0;
 
-    kel_result_t value(kel_context_t *ctx, kel_compare_t op = KEL_EQ) const;
+    kel_result_t value(kel_context_t *ctx) const;
     kel_result_t range(kel_context_t *ctx) const;
     kel_status_t value_post(kel_queue_t *queue, void *udata = nullptr) const;
     kel_status_t range_post(kel_queue_t *queue, void *udata = nullptr) const;

@@ -96,7 +96,7 @@ TEST(probe, counters_of_a_call)
     constexpr call_t nop = CALL(return kel_nop(ctx, 0).status);
     constexpr call_t bad_flag = CALL(s.flags = KEL_PAD; return s.range(ctx).status);
     constexpr call_t bad_value = CALL(s.five.dword[2] = 0x105; return s.value(ctx).status);
-    constexpr call_t fails = CALL(return s.value(ctx, kel_compare_t{4}).status);
+    constexpr call_t fails = CALL(s.value_op = kel_compare_t{4}; return s.value(ctx).status);
     constexpr call_t value_post = CALL(return s.value_post(open_queue(ctx, 1)));
     constexpr call_t range_post = CALL(return s.range_post(open_queue(ctx, 1)));
     const struct {
