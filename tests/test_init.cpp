@@ -22,13 +22,6 @@ constexpr uint64_t whole_words(uint64_t size)
 
 const uint64_t record_request = 8192 + whole_words(sizeof(kel_thread_t)) + tail_size;
 
-kel_context_t *open_context(uint32_t version, const kel_init_options_t *allocator = nullptr)
-{
-    kel_context_t *ctx = no_context;
-    EXPECT_EQ(kel_thread_init(version, 1, allocator ? KEL_ALLOC : 0, allocator, &ctx), KEL_SUCCESS);
-    return ctx;
-}
-
 // The contexts of a record, the newest first.
 std::vector<kel_context_t *> listed(const kel_thread_t *thread)
 {
