@@ -75,26 +75,33 @@ TEST(init, refused)
 
 // ---- The thread record ----------------------------------------------------------------------------------------------
 
+// Through an allocator whose blocks stand at any address; its record may change behind the call.
 TEST(thread, contexts_share_a_record)
 {
-    const int orders[][3] = {{0, 1, 2}, {2, 1, 0}, {1, 2, 0}};
-    for (const auto &order : orders) {
-        block_store store;
-        const kel_init_options_t options = store.options();
+    const struct {
+        size_t misaligned;
+        int order[3]; // of closing
+    } rows[] = {{0, {0, 1, 2}}, {1, {2, 1, 0}}, {7, {1, 2, 0}}};
+    for (const auto &[misaligned, order] : rows) {
+        block_store store{misaligned};
         std::vector<kel_context_t *> open;
-        for (const uint32_t version : {1u, 2u, 1u})
+        for (const uint32_t version : {1u, 2u, 1u}) {
+            kel_init_options_t options = store.options();
             open.push_back(open_context(version, &options));
+            options = {};
+        }
         EXPECT_EQ(store.requests, (std::vector{node_request, record_request, node_request, node_request}));
 
-        kel_context_t *const contexts[] = {open[0], open[1], open[2]};
+        const std::vector<kel_context_t *> contexts = open;
         kel_thread_t *const thread = open[0]->thread;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(thread) % 8192, 0u);
         for (const int next : order) {
             for (const kel_context_t *ctx : open)
                 EXPECT_EQ(ctx->thread, thread);
             EXPECT_EQ(thread->refc, static_cast<int>(open.size()));
             EXPECT_EQ(listed(thread), std::vector(open.rbegin(), open.rend()));
-            std::erase(open, contexts[next]);
-            EXPECT_EQ(kel_thread_fini(contexts[next]), KEL_SUCCESS);
+            std::erase(open, contexts[static_cast<size_t>(next)]);
+            EXPECT_EQ(kel_thread_fini(contexts[static_cast<size_t>(next)]), KEL_SUCCESS);
             EXPECT_EQ(store.live.size(), open.empty() ? 0 : open.size() + 1);
         }
     }
@@ -182,27 +189,16 @@ TEST(thread, generations)
 
 // ---- The client's allocator -----------------------------------------------------------------------------------------
 
-// Blocks at any address serve a context, and each failure leaves nothing behind. The caller's record may change behind
-// the call.
-TEST(allocator, at_init)
+// Whichever block cannot be had, nothing is left behind.
+TEST(allocator, fails_at_init)
 {
-    const struct {
-        size_t misaligned, failing;
-        int status;
-    } rows[] = {{0, 0, 0}, {1, 0, 0}, {7, 0, 0}, {0, 1, 12}, {0, 2, KEL_ENOMEM}};
-    for (const auto &row : rows) {
-        block_store store{row.misaligned, row.failing};
-        kel_init_options_t options = store.options();
+    for (const auto &[failing, status] : {std::pair{1u, 12}, {2u, int{KEL_ENOMEM}}}) {
+        block_store store{0, failing};
+        const kel_init_options_t options = store.options();
         kel_context_t *ctx = no_context;
         reset_hooks();
-        ASSERT_EQ(static_cast<int>(kel_thread_init(2, 1, 3, &options, &ctx)), row.status);
-        options = {};
-        EXPECT_EQ(!ctx, row.failing > 0);
-        if (ctx) {
-            EXPECT_EQ(reinterpret_cast<uintptr_t>(ctx->thread) % 8192, 0u);
-            EXPECT_EQ(listed(ctx->thread), std::vector{ctx});
-            EXPECT_EQ(kel_thread_fini(ctx), KEL_SUCCESS);
-        }
+        EXPECT_EQ(int{kel_thread_init(2, 1, 3, &options, &ctx)}, status);
+        EXPECT_EQ(ctx, nullptr);
         EXPECT_TRUE(store.live.empty());
         EXPECT_EQ(kel_debug_calls, 0u);
     }
@@ -249,39 +245,34 @@ TEST(allocator, block_shapes)
     }
 }
 
+// Alignments and sizes that are refused, and the largest that are asked for.
 TEST(allocator, null_results)
 {
     constexpr size_t limit = size_t{1} << 31;
     block_store store;
     const kel_init_options_t options = store.options();
     test_context ctx(1, 1, 1, &options);
-    const auto failed = [](size_t size, size_t align) {
-        return "kel_memalign failed to allocate " + std::to_string(size) + " bytes aligned to " + std::to_string(align);
-    };
-
-    // Alignments and sizes that are refused, and the largest that are not.
-    const std::pair<size_t, size_t> refused[] = {{24, 100}, {0, 8}, {8, 0}, {3, 1}, {limit, 8}, {8, limit}};
-    for (const auto &[align, size] : refused) {
+    const std::pair<size_t, size_t> rows[] = {
+        {24, 100}, {0, 8}, {8, 0}, {3, 1}, {limit, 8}, {8, limit}, {limit / 2, limit - 1}, {1, limit - 8}};
+    for (const auto &[align, size] : rows) {
+        const bool refused = &align < &rows[6].first;
+        const std::string size_text = std::to_string(size), align_text = std::to_string(align);
+        const std::string failed = "kel_memalign failed to allocate " + size_text + " bytes aligned to " + align_text;
+        const std::string bad =
+            "kel_memalign: size = " + size_text + ", align = " + align_text + ": invalid size or alignment";
         errno = 0;
+        store.requests = {};
+        store.failing = 1;
         EXPECT_EQ(kel_memalign(ctx, align, size), nullptr);
-        EXPECT_EQ(errno, EINVAL);
-        const std::string line = "kel_memalign: size = " + std::to_string(size) + ", align = " + std::to_string(align) +
-                                 ": invalid size or alignment";
-        EXPECT_EQ(ctx.messages(), (lines_t{line, failed(size, align)}));
+        EXPECT_EQ(errno, refused ? EINVAL : 0);
+        EXPECT_EQ(ctx.messages(), (lines_t{refused ? bad : failed, failed}));
+        EXPECT_EQ(store.requests, std::vector(refused ? 0 : 1, align + whole_words(size) + tail_size));
     }
-    EXPECT_EQ(store.requests.size(), 2u); // those of the context
-    const auto fail_next = [&] { store.failing = store.requests.size() + 1; };
-    for (const auto &[align, size] : {std::pair{limit / 2, limit - 1}, {size_t{1}, limit - 8}}) {
-        fail_next();
-        EXPECT_EQ(kel_memalign(ctx, align, size), nullptr);
-        EXPECT_EQ(store.requests.back(), align + whole_words(size) + tail_size);
-        EXPECT_EQ(ctx.messages(), (lines_t{failed(size, align), failed(size, align)}));
+    for (const bool cleared : {false, true}) {
+        store.requests = {};
+        EXPECT_EQ(cleared ? kel_calloc(ctx, 3, 7) : kel_malloc(ctx, 21), nullptr);
+        EXPECT_EQ(ctx.messages(),
+                  lines_t{std::string(cleared ? "kel_calloc" : "kel_malloc") + " failed to allocate 21 bytes"});
     }
-    fail_next();
-    EXPECT_EQ(kel_malloc(ctx, 100), nullptr);
-    fail_next();
-    EXPECT_EQ(kel_calloc(ctx, 3, 7), nullptr);
-    EXPECT_EQ(ctx.messages(),
-              (lines_t{"kel_malloc failed to allocate 100 bytes", "kel_calloc failed to allocate 21 bytes"}));
     EXPECT_EQ(kel_debug_calls, 0u);
 }
