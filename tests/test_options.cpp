@@ -42,28 +42,22 @@ TEST(environment, words_and_lines)
         const char *bad_debug = nullptr;
     } rows[] = {
         {nullptr, nullptr, nullptr, 0, -1, false, 1, {}},
-        {nullptr, "x", nullptr, 0, -1, false, 1, {}}, // not looked at
-        {nullptr, "120", "all", 0, -1, false, 15, {}},
+        {nullptr, "x", "all", 0, -1, false, 15, {}}, // the descriptor is not looked at
         {"", nullptr, "", 0, -1, true, 0, {}},
-        {",,", "120", ",,", 0, 120, false, 0, {}},
+        {",,", "120", ",extra,", 0, 120, false, 2, {}},
         {"error,,entry", nullptr, "arg,,perf", 3, -1, true, 9, {}},
-        {",warn,", "120", ",extra,", 16, 120, false, 2, {}},
         {"return,verbose,perf,return", "120", "sync", 44, 120, false, 4, {}},
-        {"all", nullptr, "extra,sync", 63, -1, true, 6, {}},
         {"all", "2", "all,arg", 63, 2, false, 15, {}},
         // Unknown words
         {"error,foo,all,bar", "120", nullptr, 63, 120, false, 1, {bad_log + "foo,all,bar"}},
-        {"Error", nullptr, nullptr, 0, -1, true, 1, {bad_log + "Error"}},
         {",warn, error", nullptr, nullptr, 16, -1, true, 1, {bad_log + " error"}},
         {"perf,%s%n,", "120", nullptr, 32, 120, false, 1, {bad_log + "%s%n,"}},
         {"arg", "2", "error", 0, 2, false, 0, {bad_log + "arg"}, "error"},
         {"error", "2", "arg,Extra,all", 1, 2, false, 0, {}, "Extra,all"},
         {"error", nullptr, "sync,,x,", 1, -1, true, 0, {}, "x,"},
-        {"error", "2", "all,all ", 1, 2, false, 0, {}, "all "},
-        {"warn,entry,return,verbose,perf", "2", "x", 62, 2, false, 0, {}, "x"},
+        {"warn,entry,return,verbose,perf", "2", "all,all ", 62, 2, false, 0, {}, "all "},
         // Descriptors
         {"error", "", nullptr, 1, -1, false, 1, {bad_fd}},
-        {"error", "120x", nullptr, 1, -1, false, 1, {bad_fd + "120x"}},
         {"error", "0x78", nullptr, 1, -1, false, 1, {bad_fd + "0x78"}},
         {"foo,warn", "2,", "y", 16, -1, false, 0, {bad_log + "foo,warn", bad_fd + "2,"}, "y"},
         {"error", " +0120", nullptr, 1, 120, false, 1, {}},
@@ -129,115 +123,85 @@ static const struct setter {
 };
 
 // Options and what they come to: one of their bits stands for all that exist, and hides none that does not.
-TEST(setters, options)
-{
-    constexpr uint64_t high = uint64_t{1} << 32;
-    constexpr int bad = -1;
-    const std::pair<uint64_t, int> log_rows[] = {{0, 0},      {1, 1},          {32, 32},         {63, 63},
-                                                 {64, 63},    {65, 63},        {96, 63},         {127, 63},
-                                                 {128, bad},  {129, bad},      {192, bad},       {255, bad},
-                                                 {high, bad}, {high | 1, bad}, {high | 64, bad}, {UINT64_MAX, bad}};
-    const std::pair<uint64_t, int> debug_rows[] = {
-        {0, 0},    {1, 1},    {6, 6},    {15, 15},    {16, 15},         {17, 15},         {31, 15},
-        {32, bad}, {48, bad}, {47, bad}, {high, bad}, {high | 16, bad}, {UINT64_MAX, bad}};
-    for (const setter &set : setters)
-        for (const auto &[options, result] : log_rows) {
-            SCOPED_TRACE(testing::Message() << "setter " << &set - setters << ", options " << options);
-            test_context ctx;
-            const kel_log_t before = {8, 3, 11, 77, 78, ctx->log.cb, &ctx, 1, 1};
-            ctx->log = before;
-            const bool valid = result != bad && !set.refused;
-            EXPECT_EQ(set.call(ctx, options), valid ? KEL_SUCCESS : KEL_EINVAL);
-            const auto levels = static_cast<uint32_t>(result);
-            const kel_log_t after = {8, levels, levels | 8, 77, set.fd, set.cb, set.cb_data, 1, set.syslog};
-            EXPECT_EQ(log_words(ctx->log), log_words(valid ? after : before));
-            EXPECT_EQ(ctx.lines.size() + kel_debug_calls, 0u);
-        }
-    for (const uint32_t before : {0u, 1u, 12u})
-        for (const auto &[options, result] : debug_rows) {
-            test_context ctx(2, before);
-            EXPECT_EQ(kel_set_debug(ctx, options), result == bad ? KEL_EINVAL : KEL_SUCCESS) << options;
-            EXPECT_EQ(ctx->debug_options, result == bad ? before : static_cast<uint32_t>(result)) << options;
-            EXPECT_EQ(ctx.lines.size() + kel_debug_calls, 0u);
-        }
-}
+using option_rows = std::vector<std::pair<uint64_t, int>>;
+static constexpr uint64_t high = uint64_t{1} << 32;
+static constexpr int bad = -1;
 
-// KEL_DEBUG_SYNC comes on between chains only; bits that do not exist are seen before, and what is on stays on.
-TEST(setters, debug_sync_with_an_unpolled_request)
+// The owner test comes before the tests of arguments.
+TEST(setters, log)
 {
-    const struct {
-        uint32_t before;
-        uint64_t options;
-        kel_status_t status;
-    } rows[] = {
-        {1, 4, KEL_EQFULL},  {0, 4, KEL_EQFULL},  {3, 15, KEL_EQFULL},  {1, 16, KEL_EQFULL},  {8, 31, KEL_EQFULL},
-        {1, 36, KEL_EINVAL}, {1, 48, KEL_EINVAL}, {1, 11, KEL_SUCCESS}, {5, 12, KEL_SUCCESS}, {4, 16, KEL_SUCCESS},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(&row - rows);
-        test_context ctx(2, row.before);
-        ASSERT_EQ(kel_nop_post(open_queue(ctx, 2), 0, nullptr), KEL_SUCCESS);
-        EXPECT_EQ(kel_set_debug(ctx, row.options), row.status);
-        EXPECT_EQ(kel_debug_calls, row.status == KEL_EQFULL ? 1u : 0u);
-        const auto set = static_cast<uint32_t>(row.options & 16 ? 15 : row.options);
-        EXPECT_EQ(ctx->debug_options, row.status == KEL_SUCCESS ? set : row.before);
-    }
-}
-
-// Any debug option arms the owner test, which comes before the tests of arguments.
-TEST(setters, wrong_thread)
-{
-    std::vector<kel_status_t (*)(kel_context_t *, uint64_t)> calls = {kel_set_debug};
+    const option_rows rows = {{0, 0},      {1, 1},          {32, 32},         {63, 63},         {64, 63},   {65, 63},
+                              {96, 63},    {127, 63},       {128, bad},       {129, bad},       {192, bad}, {255, bad},
+                              {high, bad}, {high | 1, bad}, {high | 64, bad}, {UINT64_MAX, bad}};
     for (const setter &set : setters)
-        calls.push_back(set.call);
-    for (const auto call : calls)
-        for (const uint64_t options : {uint64_t{4}, UINT64_MAX})
-            for (const uint32_t debug : {1u, 8u, 0u}) {
-                test_context ctx(2, debug);
-                ctx.disown();
-                const kel_log_t before = ctx->log;
-                EXPECT_EQ(call(ctx, options) == KEL_ETHREAD, debug != 0);
-                EXPECT_EQ(ctx.messages(), lines_t(debug ? 1 : 0, test_context::wrong_thread()));
-                EXPECT_EQ(kel_debug_calls, debug ? 1u : 0u);
-                if (debug) {
-                    EXPECT_EQ(log_words(ctx->log), log_words(before));
-                    EXPECT_EQ(ctx->debug_options, debug);
-                }
+        for (const auto &[options, result] : rows)
+            for (const bool foreign : {false, true}) {
+                SCOPED_TRACE(testing::Message() << "setter " << &set - setters << ", options " << options);
+                test_context ctx;
+                syslog_lines.clear();
+                const kel_log_t before = {8, 3, 11, 77, 78, ctx->log.cb, &ctx, 1, 1};
+                ctx->log = before;
+                if (foreign)
+                    ctx.disown();
+                const bool valid = result != bad && !set.refused && !foreign;
+                EXPECT_EQ(set.call(ctx, options), valid ? KEL_SUCCESS : foreign ? KEL_ETHREAD : KEL_EINVAL);
+                const auto levels = static_cast<uint32_t>(result);
+                const kel_log_t after = {8, levels, levels | 8, 77, set.fd, set.cb, set.cb_data, 1, set.syslog};
+                EXPECT_EQ(log_words(ctx->log), log_words(valid ? after : before));
+                EXPECT_EQ(syslog_lines, lines_t(foreign, log_text("ERROR", test_context::wrong_thread())));
+                EXPECT_EQ(kel_debug_calls, foreign ? 1u : 0u);
             }
+}
+
+// Any debug option arms the owner test. KEL_DEBUG_SYNC comes on between chains only; bits that do not exist are seen
+// before, and what is on stays on.
+TEST(setters, debug)
+{
+    const option_rows rows = {{0, 0},    {1, 1},      {4, 4},           {11, 11},         {12, 12},  {15, 15},
+                              {16, 15},  {17, 15},    {31, 15},         {32, bad},        {36, bad}, {47, bad},
+                              {48, bad}, {high, bad}, {high | 16, bad}, {UINT64_MAX, bad}};
+    for (const auto &[options, result] : rows)
+        for (const uint32_t before : {0u, 1u, 5u, 8u})
+            for (const bool foreign : {false, true})
+                for (const bool busy : {false, true}) {
+                    SCOPED_TRACE(testing::Message() << options << " after " << before << ", busy " << busy);
+                    test_context ctx(2, before);
+                    kel_queue_t *queue = open_queue(ctx, 1);
+                    EXPECT_EQ(busy ? kel_nop_post(queue, 0, nullptr) : KEL_SUCCESS, KEL_SUCCESS);
+                    if (foreign)
+                        ctx.disown();
+                    kel_status_t status = KEL_SUCCESS;
+                    lines_t lines;
+                    if (foreign && before) {
+                        status = KEL_ETHREAD;
+                        lines = {test_context::wrong_thread()};
+                    } else if (result == bad) {
+                        status = KEL_EINVAL;
+                    } else if (busy && result & KEL_DEBUG_SYNC && !(before & KEL_DEBUG_SYNC)) {
+                        status = KEL_EQFULL;
+                        lines = {"kel_set_debug(): Queue " + pointer_text(queue) +
+                                 " has outstanding requests that have not been polled"};
+                    }
+                    EXPECT_EQ(kel_set_debug(ctx, options), status);
+                    EXPECT_EQ(ctx->debug_options, status ? before : static_cast<uint32_t>(result));
+                    EXPECT_EQ(ctx.messages(), lines);
+                    EXPECT_EQ(kel_debug_calls, lines.size());
+                }
 }
 
 // ---- Properties -----------------------------------------------------------------------------------------------------
 
-static std::vector<uint64_t> fields(const kel_props_t &p)
+static auto fields(const kel_props_t &p)
 {
-    return {p.ones_saturates,
-            p.max_elem_bits,
-            p.max_elem_bytes,
-            p.max_log_elem_bytes,
-            p.max_var_elem_bytes,
-            p.max_rle_elem_bits,
-            p.max_width_elem_bits,
-            p.max_scan_value_bytes,
-            p.dst_align,
-            p.dst_pad,
-            p.trans_bitmap_align,
-            p.zip_align,
-            p.large_elem_align,
-            p.zip_constrained,
-            p.zip_native,
-            p.max_native_bitmap,
-            p.max_zip_symbols,
-            p.max_src_len,
-            p.max_dst_len,
-            p.debug_options,
-            p.log_options,
-            p.max_zip_contig,
-            p.trans_bitmap_align_best,
-            p.zip_align_best,
-            p.pipe};
+    return std::make_tuple(p.ones_saturates, p.max_elem_bits, p.max_elem_bytes, p.max_log_elem_bytes,
+                           p.max_var_elem_bytes, p.max_rle_elem_bits, p.max_width_elem_bits, p.max_scan_value_bytes,
+                           p.dst_align, p.dst_pad, p.trans_bitmap_align, p.zip_align, p.large_elem_align,
+                           p.zip_constrained, p.zip_native, p.max_native_bitmap, p.max_zip_symbols, p.max_src_len,
+                           p.max_dst_len, p.debug_options, p.log_options, p.max_zip_contig, p.trans_bitmap_align_best,
+                           p.zip_align_best, p.pipe);
 }
 
-static const std::vector<uint64_t> published[] = {
+static constexpr kel_props_t published[] = {
     {1, 16, 16, 4, 16, 8, 8, 16, 64, 64, 64, 16, 1, 1, 0, 32768, 1024, 16777216, 67108864, 15, 63, 4098, 4096, 16, 0},
     {1, 24, 16, 4, 16, 8, 8, 16, 64, 64, 16, 16, 1, 0, 1, 65536, 1024, 16777216, 67108864, 15, 63, 8192, 8192, 8192, 1},
 };
@@ -255,15 +219,15 @@ TEST(props, of_each_version)
                 const bool refused = foreign && debug;
                 kel_props_t props;
                 memset(&props, 0xa5, sizeof props);
-                const std::vector<uint64_t> untouched = fields(props);
+                const kel_props_t expected = refused ? props : published[version - 1];
                 EXPECT_EQ(kel_get_props(ctx, &props), refused ? KEL_ETHREAD : KEL_SUCCESS);
-                EXPECT_EQ(fields(props), refused ? untouched : published[version - 1]);
-                const std::string entry = "ctx=" + pointer_text(ctx) + ", props=" + pointer_text(&props);
-                const lines_t lines = {
-                    refused ? log_text("ERROR", test_context::wrong_thread())
-                            : log_text("ENTRY", "kel_get_props(): " + entry),
-                    log_text("RETURN", std::string("kel_get_props() returns ") + (refused ? "ETHREAD" : "SUCCESS"))};
-                EXPECT_EQ(ctx.texts(), lines);
+                EXPECT_EQ(fields(props), fields(expected));
+                const std::string entry =
+                    "kel_get_props(): ctx=" + pointer_text(ctx) + ", props=" + pointer_text(&props);
+                EXPECT_EQ(ctx.texts(), (refused ? lines_t{log_text("ERROR", test_context::wrong_thread()),
+                                                          log_text("RETURN", "kel_get_props() returns ETHREAD")}
+                                                : lines_t{log_text("ENTRY", entry),
+                                                          log_text("RETURN", "kel_get_props() returns SUCCESS")}));
                 EXPECT_EQ(kel_debug_calls, 0u);
             }
     test_context ctx(2, 0, 0);
