@@ -52,7 +52,7 @@ TEST(environment, words_and_lines)
         {"error,foo,all,bar", "120", nullptr, 63, 120, false, 1, {bad_log + "foo,all,bar"}},
         {",warn, error", nullptr, nullptr, 16, -1, true, 1, {bad_log + " error"}},
         {"perf,%s%n,", "120", nullptr, 32, 120, false, 1, {bad_log + "%s%n,"}},
-        {"arg", "2", "error", 0, 2, false, 0, {bad_log + "arg"}, "error"},
+        {"err,errors", "2", "error", 0, 2, false, 0, {bad_log + "err,errors"}, "error"},
         {"error", "2", "arg,Extra,all", 1, 2, false, 0, {}, "Extra,all"},
         {"error", nullptr, "sync,,x,", 1, -1, true, 0, {}, "x,"},
         {"warn,entry,return,verbose,perf", "2", "all,all ", 62, 2, false, 0, {}, "all "},

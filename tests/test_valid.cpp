@@ -2,6 +2,8 @@
 // "{limits}" stands for the widths of a version.
 #include "kel_valid.h"
 #include "support.h"
+#include <algorithm>
+#include <cstring>
 #include <gtest/gtest.h>
 
 #define UNKNOWN "(?\?\?)"
@@ -248,42 +250,22 @@ TEST(overlap, aux_streams_and_addresses)
 namespace
 {
 
-// A request that is valid until a row spoils it.
-struct request {
-    alignas(64) uint8_t in[64] = {0, 7, 0, 8, 0, 7};
-    alignas(64) uint8_t out[192] = {0x11, 0x11, 0x11, 0x11, 0x11};
-    uint8_t aux[8] = {1, 1, 1, 1};
-    kel_vec_t src = {KEL_BYTES, 4, in, 2, 0, 0, 8, aux, nullptr, 0};
-    kel_vec_t dst = {KEL_BITS, 4, out, 1, 0, 0, 0, nullptr, nullptr, 0};
-    kel_int_t val = {KEL_BYTES, 2, {0, 0, 7}};
-    kel_int_t upper = {KEL_BYTES, 2, {0, 0, 9}};
-    uint64_t flags = 0;
-    int op = -1; // -1 for an operator that fits
-
-    kel_result_t run(kel_context_t *ctx, bool range) const
-    {
-        const auto given = static_cast<kel_compare_t>(op >= 0 ? op : range ? KEL_GE_AND_LE : KEL_EQ);
-        return range ? kel_scan_range(ctx, flags, &src, &dst, given, &val, &upper)
-                     : kel_scan_value(ctx, flags, &src, &dst, given, &val);
-    }
-
-    void set_aux(uint64_t format, uint16_t width, std::initializer_list<uint8_t> bytes)
-    {
-        src.format = format;
-        src.aux_width = width;
-        std::copy(bytes.begin(), bytes.end(), aux);
-    }
-};
+void set_aux(small_scan &s, uint64_t format, uint16_t width, std::initializer_list<uint8_t> bytes)
+{
+    s.src.format = format;
+    s.src.aux_width = width;
+    s.src.aux_data = std::copy(bytes.begin(), bytes.end(), s.in + 32) - bytes.size();
+}
 
 // The lines are those of a range scan by a thread that does not own the context. A value scan has none of "upper", and
 // says "val" for "lower"; the owner has none of "{thread}".
 struct scan_row {
     uint32_t debug;
-    void (*spoil)(request &);
+    void (*spoil)(small_scan &);
     lines_t lines;
 };
 
-#define WITH(...) [](request &r) { __VA_ARGS__; }
+#define WITH(...) [](small_scan &s) { __VA_ARGS__; }
 
 lines_t expected_lines(lines_t lines, uint32_t version, bool range, bool foreign)
 {
@@ -303,18 +285,17 @@ void expect_scan(const scan_row &row, uint32_t version, bool range, bool foreign
 {
     const lines_t lines = expected_lines(row.lines, version, range, foreign);
     for (const uint32_t level : {KEL_LOG_ERROR, 0u}) {
-        request r;
-        row.spoil(r);
-        const std::vector<uint8_t> before(r.out, std::end(r.out));
+        small_scan s;
+        row.spoil(s);
+        const std::string before = hex(s.out, sizeof s.out);
         test_context ctx(version, row.debug, level);
         if (foreign)
             ctx.disown();
-        const kel_result_t result = r.run(ctx, range);
+        const kel_result_t result = range ? s.range(ctx) : s.value(ctx);
         EXPECT_EQ(result.status, lines.empty() ? KEL_SUCCESS : foreign ? KEL_ETHREAD : KEL_EINVAL);
         EXPECT_EQ(ctx.messages(), level ? lines : lines_t());
         EXPECT_EQ(kel_debug_calls, lines.size());
-        EXPECT_TRUE(lines.empty() || before == std::vector<uint8_t>(r.out, std::end(r.out)));
-        EXPECT_TRUE(lines.empty() || result.count == 0);
+        EXPECT_TRUE(lines.empty() || (result.count == 0 && hex(s.out, sizeof s.out) == before));
     }
 }
 
@@ -336,25 +317,21 @@ void expect_scans(const std::vector<scan_row> &rows, std::initializer_list<bool>
 TEST(scan, plain_faults)
 {
     const std::vector<scan_row> rows = {
-        {1, WITH(r.dst.elements = 5), {"{thread}"}},
-        {1, WITH(r.dst.elements = 3), {"{thread}", "dst elements 3 is less than src elements 4"}},
-        {1, WITH(r.flags = KEL_COND | KEL_CACHE), {"{thread}", SYNC "cond\n"}},
-        {1,
-         WITH(r.val.format = 1 << 5),
-         {"{thread}", "Invalid lower format: 5" UNKNOWN "; must be KEL_BITS or KEL_BYTES"}},
-        {1, WITH(r.val = {KEL_BITS, 25, {}}), {"{thread}", "Invalid lower elem_width 25 bits" LIMITS}},
-        {1, WITH(r.upper = {KEL_BITS, 0, {}}), {"{thread}", "Invalid upper elem_width 0 bits" LIMITS}},
+        {1, WITH(s.dst.elements = 5), {"{thread}"}},
+        {1, WITH(s.flags = KEL_COND | KEL_CACHE), {"{thread}", SYNC "cond\n"}},
+        {1, WITH(s.five = {KEL_BITS, 25, {}}), {"{thread}", "Invalid lower elem_width 25 bits" LIMITS}},
+        {1, WITH(s.seven = {KEL_BITS, 0, {}}), {"{thread}", "Invalid upper elem_width 0 bits" LIMITS}},
         // All of it: source, destination, thread, operator, count, flags, upper value, value; and the data unseen.
         {3,
-         WITH(r.src = {KEL_VAR | KEL_BITS, 4, r.out, 129, 1, 0, 8, r.out, nullptr, 0};
-              r.dst = {KEL_ZIP, 3, r.out + 1, 1, 2, 0, 0, nullptr, nullptr, 0}; r.op = 6;
-              r.flags = KEL_PAD | KEL_SERIAL; r.val = {KEL_RLE | KEL_BITS, 0, {1, 1, 1}};
-              r.upper = {KEL_ADD_ONE, 32, {1, 1, 1}}),
+         WITH(s.src = {KEL_VAR | KEL_BITS, 4, s.out, 129, 1, 0, 8, s.out, nullptr, 0};
+              s.dst = {KEL_ZIP, 3, s.out + 1, 1, 2, 0, 0, nullptr, nullptr, 0};
+              s.value_op = s.range_op = kel_compare_t{6}; s.flags = KEL_PAD | KEL_SERIAL;
+              s.five = {KEL_RLE | KEL_BITS, 0, {1, 1, 1}}; s.seven = {1 << 5, 32, {1, 1, 1}}),
          {"Invalid src offset 1; must be 0 if elem_width >= 8 bytes", "Invalid src elem_width 129 bits" LIMITS,
           "Invalid src format: bits|var; cannot set both var and bits", "Invalid dst offset 2; must be 0",
           "Invalid dst alignment 1; must be 64", "Invalid dst elem_width 1 bytes; must be 1 bit",
           "Invalid dst format: zip", "{thread}", "Invalid op 6" UNKNOWN, "dst elements 3 is less than src elements 4",
-          "Invalid flags pad", SYNC "serial\n", "Invalid upper format: add1; must be KEL_BITS or KEL_BYTES",
+          "Invalid flags pad", SYNC "serial\n", "Invalid upper format: 5" UNKNOWN "; must be KEL_BITS or KEL_BYTES",
           "Invalid upper elem_width 32 bytes" LIMITS, "Invalid lower format: rle; must be KEL_BITS or KEL_BYTES",
           "Invalid lower elem_width 0 bits" LIMITS}},
     };
@@ -371,35 +348,35 @@ TEST(scan, faults_in_the_data)
 {
     const std::vector<scan_row> rows = {
         // Runs: the sum against the room.
-        {3, WITH(r.set_aux(KEL_RLE, 8, {1, 1, 1, 1})), {}},
-        {3, WITH(r.set_aux(KEL_RLE, 8, {1, 1, 1, 2})), {"Invalid src: sum of aux_data runs (5) > dst elements (4)"}},
-        {3, WITH(r.set_aux(KEL_RLE, 1, {0x0f})), {"Invalid src aux_data: total length is 0"}},
-        {2, WITH(r.set_aux(KEL_RLE, 16, {9, 9}); r.src.data = r.out), {DATA_OVERLAP}},
+        {3, WITH(set_aux(s, KEL_RLE, 8, {1, 1, 1, 1})), {}},
+        {3, WITH(set_aux(s, KEL_RLE, 8, {1, 1, 1, 2})), {"Invalid src: sum of aux_data runs (5) > dst elements (4)"}},
+        {3, WITH(set_aux(s, KEL_RLE, 1, {0x0f})), {"Invalid src aux_data: total length is 0"}},
+        {2, WITH(set_aux(s, KEL_RLE, 16, {9, 9}); s.src.data = s.out), {DATA_OVERLAP}},
         // Lengths: the low four bits of eight.
-        {3, WITH(r.set_aux(KEL_VAR, 8, {1, 15, 16, 255})), {"Invalid src aux_data element at index 2" HIGH_BITS}},
-        {2, WITH(r.set_aux(KEL_VAR, 4, {0xff, 0xff}); r.src.data = r.out), {DATA_OVERLAP}},
+        {3, WITH(set_aux(s, KEL_VAR, 8, {1, 15, 16, 255})), {"Invalid src aux_data element at index 2" HIGH_BITS}},
+        {2, WITH(set_aux(s, KEL_VAR, 4, {0xff, 0xff}); s.src.data = s.out), {DATA_OVERLAP}},
         // Overlaps of the aux stream; of the data see the others.
-        {3, WITH(r.set_aux(KEL_RLE, 1, {}); r.out[0] = 0xf0; r.src.aux_data = r.out), {AUX_OVERLAP}},
+        {3, WITH(set_aux(s, KEL_RLE, 1, {}); s.out[0] = 0xf0; s.src.aux_data = s.out), {AUX_OVERLAP}},
         // Values: the bits above their whole bytes, in the word of the top byte.
-        {3, WITH(r.val = {KEL_BYTES, 16, {1, UINT64_MAX, 1}}), {}},
-        {3, WITH(r.val = {KEL_BITS, 12, {1, 1, 0xffff}}), {}},
-        {3, WITH(r.val = {KEL_BITS, 12, {0, 0, 0x10000}}), {"Invalid lower" ABOVE("2", "12 bits")}},
-        {3, WITH(r.val = {KEL_BYTES, 9, {0, 0x100, 0}}), {"Invalid lower" ABOVE("1", "9 bytes")}},
-        {2, WITH(r.val = {KEL_BYTES, 17, {0x100, 0, 0}}), {"Invalid lower" ABOVE("0", "17 bytes")}},
+        {3, WITH(s.five = {KEL_BYTES, 16, {1, UINT64_MAX, 1}}), {}},
+        {3, WITH(s.five = {KEL_BITS, 12, {1, 1, 0xffff}}), {}},
+        {3, WITH(s.five = {KEL_BITS, 12, {0, 0, 0x10000}}), {"Invalid lower" ABOVE("2", "12 bits")}},
+        {3, WITH(s.five = {KEL_BYTES, 9, {0, 0x100, 0}}), {"Invalid lower" ABOVE("1", "9 bytes")}},
+        {2, WITH(s.five = {KEL_BYTES, 17, {0x100, 0, 0}}), {"Invalid lower" ABOVE("0", "17 bytes")}},
         {2,
-         WITH(r.src.data = r.out; r.val = {1, 193, {UINT64_MAX, 1, 1}}; r.upper = {1, 0, {1, 1, 1}}),
+         WITH(s.src.data = s.out; s.five = {1, 193, {UINT64_MAX, 1, 1}}; s.seven = {1, 0, {1, 1, 1}}),
          {DATA_OVERLAP}},
         // A plain fault keeps the data from being looked at, and each debug option arms its own tests alone.
-        {1, WITH(r.val.dword[2] = 0x10007), {}},
-        {3, WITH(r.src.data = r.out; r.flags = KEL_PAD), {"Invalid flags pad"}},
-        {2, WITH(r.src.data = r.out; r.flags = KEL_PAD), {DATA_OVERLAP}},
-        // All of it; a run and a length of 17.
+        {1, WITH(s.five.dword[2] = 0x105), {}},
+        {3, WITH(s.src.data = s.out; s.flags = KEL_PAD), {"Invalid flags pad"}},
+        {2, WITH(s.src.data = s.out; s.flags = KEL_PAD), {DATA_OVERLAP}},
+        // All of it; a run and a length of 16.
         {2,
-         WITH(r.src = {KEL_RLE | KEL_VAR, 4, r.out, 2, 0, 0, 8, r.out, nullptr, 0};
-              r.val.dword[2] = r.upper.dword[2] = 0x10000),
-         {"Invalid src: sum of aux_data runs (68) > dst elements (4)",
+         WITH(memset(s.out, 0x10, 4); s.src = {KEL_RLE | KEL_VAR, 4, s.out, 1, 0, 0, 8, s.out, nullptr, 0};
+              s.five.dword[2] = s.seven.dword[2] = 0x100),
+         {"Invalid src: sum of aux_data runs (64) > dst elements (4)",
           "Invalid src aux_data element at index 0" HIGH_BITS, DATA_OVERLAP, AUX_OVERLAP,
-          "Invalid lower" ABOVE("2", "2 bytes"), "Invalid upper" ABOVE("2", "2 bytes")}},
+          "Invalid lower" ABOVE("2", "1 bytes"), "Invalid upper" ABOVE("2", "1 bytes")}},
     };
     expect_scans(rows, {false});
 }
@@ -412,14 +389,13 @@ TEST(scan, operators_and_flags)
         for (const uint32_t version : {1u, 2u})
             for (int op = 0; op < 64; op++) {
                 test_context ctx(version);
-                request r;
-                r.dst = {KEL_BYTES, 4, r.out, 2, 0, 0, 0, nullptr, nullptr, 0};
-                r.flags = KEL_ONES_INDEX | KEL_CACHE | KEL_NOWAIT | KEL_PIPE_AUX;
-                r.op = op;
-                EXPECT_EQ(r.run(ctx, range).status, KEL_EINVAL);
+                small_scan s;
+                s.dst = {KEL_BYTES, 4, s.out, 2, 0, 0, 0, nullptr, nullptr, 0};
+                s.flags = KEL_ONES_INDEX | KEL_CACHE | KEL_NOWAIT | KEL_PIPE_AUX;
+                s.value_op = s.range_op = static_cast<kel_compare_t>(op);
+                EXPECT_EQ((range ? s.range(ctx) : s.value(ctx)).status, KEL_EINVAL);
                 const bool known = (range ? 0xaaaf0000 : 175) >> op % 32 & 1;
-                const std::string word = scan_op_str(ctx, static_cast<kel_compare_t>(op), nullptr, 0);
-                lines_t lines(known ? 0 : 1, "Invalid op " + word);
+                lines_t lines(known ? 0 : 1, std::string("Invalid op ") + scan_op_str(ctx, s.value_op, nullptr, 0));
                 lines.push_back(version == 2 ? SYNC "pipe_aux\n" : "Invalid flags ");
                 EXPECT_EQ(ctx.messages(), lines);
             }
