@@ -28,11 +28,7 @@ std::string taken(int fd)
 TEST(call, nop)
 {
     const std::string sync = "Synchronization flags must not be set for non-post functions: flags = ";
-    const struct {
-        uint32_t version;
-        uint64_t flags;
-        lines_t lines; // what validation reports
-    } rows[] = {
+    const std::tuple<uint32_t, uint64_t, lines_t> rows[] = {
         {1, 0, {}},
         {2, 0, {}},
         {1, KEL_COND, {sync + "cond\n"}},
@@ -45,16 +41,16 @@ TEST(call, nop)
         {2, 1 << 10, {sync + "pipe_mask\n"}},
         {2, 1 << 11, {"Invalid flags 11(?\?\?)"}},
     };
-    for (const auto &row : rows)
+    for (const auto &[version, flags, reports] : rows)
         for (const uint32_t debug : {1u, 14u, 0u})
             for (const uint32_t log : {KEL_LOG_ERROR, 0u})
                 for (const bool foreign : {false, true}) {
-                    SCOPED_TRACE(testing::Message() << "row " << &row - rows << ", debug " << debug << ", log " << log);
-                    const lines_t lines = debug == 1 ? row.lines : lines_t();
-                    test_context ctx(row.version, debug, log);
+                    SCOPED_TRACE(testing::Message() << "flags " << flags << ", debug " << debug << ", log " << log);
+                    const lines_t lines = debug == 1 ? reports : lines_t();
+                    test_context ctx(version, debug, log);
                     if (foreign)
                         ctx.disown();
-                    const kel_result_t result = kel_nop(ctx, row.flags);
+                    const kel_result_t result = kel_nop(ctx, flags);
                     EXPECT_EQ(result.status, lines.empty() ? KEL_SUCCESS : foreign ? KEL_ETHREAD : KEL_EINVAL);
                     EXPECT_EQ(result.reserved | result.count, 0u);
                     EXPECT_EQ(ctx.messages(), log ? lines : lines_t());
@@ -171,27 +167,22 @@ TEST(call, int_create)
 // the standard streams, so that what the client has printed before comes first.
 TEST(log, channels)
 {
-    const struct {
-        uint32_t options_init;
-        std::string init; // what the environment has set
-        uint32_t options;
-        std::string set; // what the client has
-        std::string seen;
-    } rows[] = {{1, "AS", 0, "BSC", "A"}, {1, "S", 0, "BSC", "S"},   {1, "", 0, "BSC", ""},   {0, "AS", 0, "BSC", ""},
-                {0, "AS", 1, "BSC", "S"}, {0, "AS", 1, "BC", "B"},   {0, "AS", 1, "C", "C"},  {0, "A", 1, "AC", "A"},
-                {1, "A", 1, "BC", "AB"},  {1, "AS", 1, "BSC", "AS"}, {1, "A", 1, "C", "AC"},  {1, "A", 1, "A", "A"},
-                {1, "A", 1, "AC", "AC"},  {1, "S", 1, "BSC", "BS"},  {1, "S", 1, "SC", "CS"}, {1, "", 1, "S", "S"}};
+    // The environment's level and targets, the client's, and what is seen.
+    const std::tuple<uint32_t, std::string, uint32_t, std::string, std::string> rows[] = {
+        {1, "AS", 0, "BSC", "A"}, {1, "S", 0, "BSC", "S"},   {1, "", 0, "BSC", ""},   {0, "AS", 0, "BSC", ""},
+        {0, "AS", 1, "BSC", "S"}, {0, "AS", 1, "BC", "B"},   {0, "AS", 1, "C", "C"},  {0, "A", 1, "AC", "A"},
+        {1, "A", 1, "BC", "AB"},  {1, "AS", 1, "BSC", "AS"}, {1, "A", 1, "C", "AC"},  {1, "A", 1, "A", "A"},
+        {1, "A", 1, "AC", "AC"},  {1, "S", 1, "BSC", "BS"},  {1, "S", 1, "SC", "CS"}, {1, "", 1, "S", "S"}};
     const std::string line = log_text("ERROR", "line 7");
     const int a = memfd_create("a", 0), b = memfd_create("b", 0);
     const auto has = [](const std::string &channels, char name) { return channels.find(name) != std::string::npos; };
     const auto fd = [&](const std::string &channels) { return has(channels, 'A') ? a : has(channels, 'B') ? b : -1; };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(&row - rows);
+    for (const auto &[options_init, init, options, set, targets] : rows) {
+        SCOPED_TRACE(init + " and " + set);
         test_context ctx;
         syslog_lines.clear();
-        const kel_log_func_t cb = has(row.set, 'C') ? ctx->log.cb : nullptr;
-        ctx->log = {row.options_init, 0, row.options, fd(row.init), fd(row.set), cb, &ctx, has(row.init, 'S'),
-                    has(row.set, 'S')};
+        const kel_log_func_t cb = has(set, 'C') ? ctx->log.cb : nullptr;
+        ctx->log = {options_init, 0, options, fd(init), fd(set), cb, &ctx, has(init, 'S'), has(set, 'S')};
         fputc(' ', stdout);
         kel_log_msg(ctx, KEL_LOG_ERROR, "line %d", 7);
 
@@ -203,7 +194,7 @@ TEST(log, channels)
             seen += called == line ? "C" : called;
         for (const std::string &logged : syslog_lines)
             seen += logged == line ? "S" : logged;
-        EXPECT_EQ(seen, row.seen);
+        EXPECT_EQ(seen, targets);
         fflush(stdout);
     }
     close(a);

@@ -43,12 +43,7 @@ TEST(init, refused)
     const kel_init_options_t no_alloc = {nullptr, good.free_func, nullptr};
     const kel_init_options_t no_free = {good.alloc_func, nullptr, nullptr};
     const std::string null_callback = "KEL_ALLOC is specified and one of alloc_func or free_func is NULL";
-    const struct {
-        uint32_t major, minor, options;
-        const kel_init_options_t *init_options;
-        kel_status_t status;
-        std::string message;
-    } rows[] = {
+    const std::tuple<uint32_t, uint32_t, uint32_t, const kel_init_options_t *, kel_status_t, std::string> rows[] = {
         {1, 1, 4, nullptr, KEL_EINVAL, "bad options 0x4"},
         {3, 9, 0xffffffff, &no_alloc, KEL_EINVAL, "bad options 0xfffffffc"},
         {1, 1, 1, &no_alloc, KEL_EINVAL, null_callback},
@@ -58,13 +53,13 @@ TEST(init, refused)
         {1, 0, 0, nullptr, KEL_EBADVER, "bad minor version 0"},
         {2, 2, 0, nullptr, KEL_EBADVER, "bad minor version 2"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[major, minor, options, init_options, status, message] : rows) {
         kel_context_t *ctx = no_context;
         reset_hooks();
         syslog_lines.clear();
-        const std::string line = log_text("ERROR", "kel_thread_init: " + row.message);
+        const std::string line = log_text("ERROR", "kel_thread_init: " + message);
         testing::internal::CaptureStderr();
-        EXPECT_EQ(kel_thread_init(row.major, row.minor, row.options, row.init_options, &ctx), row.status);
+        EXPECT_EQ(kel_thread_init(major, minor, options, init_options, &ctx), status);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), line + "\n");
         EXPECT_EQ(syslog_lines, lines_t{line});
         EXPECT_EQ(kel_debug_calls, 1u);
@@ -78,11 +73,7 @@ TEST(init, refused)
 // Through an allocator whose blocks stand at any address; its record may change behind the call.
 TEST(thread, contexts_share_a_record)
 {
-    const struct {
-        size_t misaligned;
-        int order[3]; // of closing
-    } rows[] = {{0, {0, 1, 2}}, {1, {2, 1, 0}}, {7, {1, 2, 0}}};
-    for (const auto &[misaligned, order] : rows) {
+    for (const auto &[misaligned, closing] : {std::pair{0u, "012"}, {1u, "210"}, {7u, "120"}}) {
         block_store store{misaligned};
         std::vector<kel_context_t *> open;
         for (const uint32_t version : {1u, 2u, 1u}) {
@@ -92,16 +83,17 @@ TEST(thread, contexts_share_a_record)
         }
         EXPECT_EQ(store.requests, (std::vector{node_request, record_request, node_request, node_request}));
 
-        const std::vector<kel_context_t *> contexts = open;
+        kel_context_t *const contexts[] = {open[0], open[1], open[2]};
         kel_thread_t *const thread = open[0]->thread;
         EXPECT_EQ(reinterpret_cast<uintptr_t>(thread) % 8192, 0u);
-        for (const int next : order) {
+        for (const char *next = closing; *next; next++) {
             for (const kel_context_t *ctx : open)
                 EXPECT_EQ(ctx->thread, thread);
             EXPECT_EQ(thread->refc, static_cast<int>(open.size()));
             EXPECT_EQ(listed(thread), std::vector(open.rbegin(), open.rend()));
-            std::erase(open, contexts[static_cast<size_t>(next)]);
-            EXPECT_EQ(kel_thread_fini(contexts[static_cast<size_t>(next)]), KEL_SUCCESS);
+            kel_context_t *ctx = contexts[*next - '0'];
+            std::erase(open, ctx);
+            EXPECT_EQ(kel_thread_fini(ctx), KEL_SUCCESS);
             EXPECT_EQ(store.live.size(), open.empty() ? 0 : open.size() + 1);
         }
     }
@@ -252,10 +244,15 @@ TEST(allocator, null_results)
     block_store store;
     const kel_init_options_t options = store.options();
     test_context ctx(1, 1, 1, &options);
-    const std::pair<size_t, size_t> rows[] = {
-        {24, 100}, {0, 8}, {8, 0}, {3, 1}, {limit, 8}, {8, limit}, {limit / 2, limit - 1}, {1, limit - 8}};
-    for (const auto &[align, size] : rows) {
-        const bool refused = &align < &rows[6].first;
+    const std::tuple<size_t, size_t, bool> rows[] = {{24, 100, true},
+                                                     {0, 8, true},
+                                                     {8, 0, true},
+                                                     {3, 1, true},
+                                                     {limit, 8, true},
+                                                     {8, limit, true},
+                                                     {limit / 2, limit - 1, false},
+                                                     {1, limit - 8, false}};
+    for (const auto &[align, size, refused] : rows) {
         const std::string size_text = std::to_string(size), align_text = std::to_string(align);
         const std::string failed = "kel_memalign failed to allocate " + size_text + " bytes aligned to " + align_text;
         const std::string bad =

@@ -35,28 +35,19 @@ std::string fed_text(const void *target, const void *source)
 
 // ---- Random calls ---------------------------------------------------------------------------------------------------
 
-// A call of kel_nop or of a scan of one buffer into another; a third one is named as the aux stream.
+enum kind_t { nop, value, range };
+constexpr kel_compare_t bad_value_op{4}, bad_range_op{20};
+
 struct request {
-    enum { nop, value, range } kind;
-    uint64_t flags;
-    uint8_t *src, *aux, *dst;
-    bool bad_op;
+    kind_t kind;
+    small_scan scan;
     void *udata;
 
     kel_status_t post(kel_queue_t *queue) const
     {
-        small_scan s;
-        s.src.data = src;
-        s.src.aux_data = aux;
-        s.dst.data = dst;
-        s.flags = flags;
-        if (bad_op) {
-            s.value_op = kel_compare_t{4};
-            s.range_op = kel_compare_t{20};
-        }
-        return kind == nop     ? kel_nop_post(queue, flags, udata)
-               : kind == value ? s.value_post(queue, udata)
-                               : s.range_post(queue, udata);
+        return kind == nop     ? kel_nop_post(queue, scan.flags, udata)
+               : kind == value ? scan.value_post(queue, udata)
+                               : scan.range_post(queue, udata);
     }
 };
 
@@ -87,7 +78,7 @@ class random_calls
             const request r = draw();
             expected = model_post(r);
             got = r.post(queue);
-            if (got == KEL_SUCCESS && r.flags & KEL_COND) {
+            if (got == KEL_SUCCESS && r.scan.flags & KEL_COND) {
                 EXPECT_EQ(int{queue->state[queue->rindx - 1].serial_indx}, predecessor);
             }
         } else if (call < 90) {
@@ -118,22 +109,26 @@ class random_calls
     }
 
   private:
+    // Scans one of the buffers into another, and names a third as the aux stream.
     request draw()
     {
-        request r;
+        const auto buffer = [&] { return buffers[random.between(0, 3)]; };
+        request r = {};
         for (int tries = random.one_in(3) ? 8 : 0; tries < 9; tries++) {
-            r.kind = random.pick({request::nop, request::value, request::range});
-            r.flags = random.word() & (random.one_in(3) ? 1984 : 192);
-            r.flags |= random.one_in(8) ? KEL_PAD : random.one_in(3) ? KEL_PIPE_SRC : 0;
-            for (uint8_t **buffer : {&r.src, &r.aux, &r.dst})
-                *buffer = buffers[random.between(0, 3)];
-            r.bad_op = random.one_in(10);
+            r.kind = random.pick({nop, value, range});
+            r.scan.flags = random.word() & (random.one_in(3) ? 1984 : 192);
+            r.scan.flags |= random.one_in(8) ? KEL_PAD : random.one_in(3) ? KEL_PIPE_SRC : 0;
+            r.scan.src.data = buffer();
+            r.scan.src.aux_data = buffer();
+            r.scan.dst.data = buffer();
+            r.scan.value_op = random.one_in(10) ? bad_value_op : KEL_EQ;
+            r.scan.range_op = random.one_in(10) ? bad_range_op : KEL_EQ_OR_EQ;
             r.udata = at(random.between(0, 9));
             if (faults(r).empty())
                 break;
         }
         for (int i = 0; i < 4; i++)
-            r.src[i] = random.pick<uint8_t>({4, 5, 7});
+            static_cast<uint8_t *>(r.scan.src.data)[i] = random.pick<uint8_t>({4, 5, 7});
         return r;
     }
 
@@ -143,30 +138,38 @@ class random_calls
         return status;
     }
 
+    static const char *bad_op(const request &r)
+    {
+        return r.kind == value && r.scan.value_op == bad_value_op   ? "Invalid op 4(?\?\?)"
+               : r.kind == range && r.scan.range_op == bad_range_op ? "Invalid op 20(?\?\?)"
+                                                                    : nullptr;
+    }
+
     // What validation has to say, in its order.
     lines_t faults(const request &r) const
     {
         lines_t messages;
-        const bool scan = r.kind != request::nop;
-        if (scan && r.bad_op)
-            messages.push_back(r.kind == request::value ? "Invalid op 4(?\?\?)" : "Invalid op 20(?\?\?)");
-        const uint64_t pipe = r.flags & 1792;
-        if (r.flags & KEL_PAD || (pipe && ctx->api_version == 1))
-            messages.push_back(r.flags & KEL_PAD ? "Invalid flags pad" : "Invalid flags ");
+        const uint64_t flags = r.scan.flags, pipe = flags & 1792;
+        if (const char *message = bad_op(r))
+            messages.push_back(message);
+        if (flags & KEL_PAD || (pipe && ctx->api_version == 1))
+            messages.push_back(flags & KEL_PAD ? "Invalid flags pad" : "Invalid flags ");
         const int last = model.rindx - 1, fed = model.last_pipe_flags;
         const bool after_serial = last >= 0 && model.serial_indx == last;
         const bool after_cond = last >= 0 && model.cond_indx == last;
-        if (!(r.flags & KEL_COND) && after_serial)
+        if (!(flags & KEL_COND) && after_serial)
             messages.push_back(no_cond);
-        if (r.flags & KEL_COND && !after_serial && !after_cond)
+        if (flags & KEL_COND && !after_serial && !after_cond)
             messages.push_back(no_serial);
-        const void *target = scan && fed == 256 ? r.src : scan && fed == 512 ? r.aux : nullptr;
+        const void *target = r.kind && fed == 256   ? r.scan.src.data
+                             : r.kind && fed == 512 ? r.scan.src.aux_data
+                                                    : nullptr;
         if (ctx->api_version == 2 && pipe != 0 && pipe != 256 && pipe != 512 && pipe != 1280)
             messages.push_back(bad_pipe);
         else if (ctx->api_version == 2 && fed && pipe_dst != target)
             messages.push_back(fed_text(target, pipe_dst));
-        if (scan ? fed & ~768 : fed)
-            messages.push_back(scan ? no_mask_target : no_nop_target);
+        if (r.kind ? fed & ~768 : fed)
+            messages.push_back(r.kind ? no_mask_target : no_nop_target);
         return messages;
     }
 
@@ -176,7 +179,7 @@ class random_calls
             return report({"Queue " + pointer_text(queue) + " is full"}, KEL_EQFULL);
         if (ctx->debug_options & KEL_DEBUG_ARG && !faults(r).empty())
             return report(faults(r), KEL_EINVAL);
-        if (ctx->debug_options & KEL_DEBUG_EXTRA && r.kind != request::nop && r.src == r.dst)
+        if (ctx->debug_options & KEL_DEBUG_EXTRA && r.kind && r.scan.src.data == r.scan.dst.data)
             return report({overlap}, KEL_EINVAL);
         if (waiting.empty())
             reset_model();
@@ -184,17 +187,17 @@ class random_calls
             model.rindx -= model.findx;
             model.findx = 0;
         }
-        const bool scan = r.kind != request::nop;
-        const auto matches = [&](uint8_t byte) { return byte == 5 || (byte == 7 && r.kind == request::range); };
-        const auto count = scan && !r.bad_op ? std::count_if(r.src, r.src + 4, matches) : 0;
-        waiting.push_back({scan && r.bad_op ? KEL_EPARSE : KEL_SUCCESS, 0, static_cast<uint64_t>(count), r.udata});
-        pipe_dst = scan ? r.dst : nullptr;
+        const auto *bytes = static_cast<const uint8_t *>(r.scan.src.data);
+        const auto fives = std::count(bytes, bytes + 4, 5), sevens = std::count(bytes, bytes + 4, 7);
+        const auto count = r.kind == nop || bad_op(r) ? 0 : fives + (r.kind == range ? sevens : 0);
+        waiting.push_back({bad_op(r) ? KEL_EPARSE : KEL_SUCCESS, 0, static_cast<uint64_t>(count), r.udata});
+        pipe_dst = r.kind ? r.scan.dst.data : nullptr;
         predecessor = model.serial_indx;
-        if (r.flags & KEL_COND)
+        if (r.scan.flags & KEL_COND)
             model.cond_indx = model.rindx;
-        if (r.flags & KEL_SERIAL)
+        if (r.scan.flags & KEL_SERIAL)
             model.serial_indx = model.rindx;
-        model.last_pipe_flags = static_cast<int>(r.flags & 1792);
+        model.last_pipe_flags = static_cast<int>(r.scan.flags & 1792);
         model.rindx++;
         return KEL_SUCCESS;
     }
@@ -258,11 +261,7 @@ TEST(queue, random_calls_against_the_model)
 // refused. A digit polls that many.
 TEST(chain, serial_and_conditional)
 {
-    const struct {
-        const char *name;
-        int size;
-        const char *steps;
-    } rows[] = {
+    const std::tuple<const char *, int, const char *> rows[] = {
         {"conditional first", 4, "C!B!S"},
         {"serial, plain", 4, "S-!S!C-"},
         {"serial, conditional, plain", 4, "SC-C!"},
@@ -272,11 +271,11 @@ TEST(chain, serial_and_conditional)
         {"a serial number that compaction has left behind", 3, "-SC2--!S!C1-"},
         {"a conditional number that compaction has left behind", 3, "-SC1-1C"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[name, size, steps] : rows) {
         test_context ctx;
-        kel_queue_t *queue = open_queue(ctx, row.size);
-        for (const char *s = row.steps; *s; s++) {
-            SCOPED_TRACE(testing::Message() << row.name << ": " << s);
+        kel_queue_t *queue = open_queue(ctx, size);
+        for (const char *s = steps; *s; s++) {
+            SCOPED_TRACE(testing::Message() << name << ": " << s);
             kel_poll_t results[8];
             if (isdigit(*s)) {
                 EXPECT_EQ(kel_poll(queue, results, *s - '0', 0), *s - '0');

@@ -204,21 +204,16 @@ TEST(valid, flag_masks)
 // A vector at 0x100 and a second one of bytes; at equal addresses the first argument's length decides.
 TEST(overlap, vectors)
 {
-    const struct {
-        uint64_t format, elements;
-        uint32_t width;
-        uint8_t offset;
-        uintptr_t second;
-        uint64_t second_elements;
-        int overlap, swapped;
-    } rows[] = {{KEL_BYTES, 4, 2, 0, 0x107, 0, 1, 1}, {KEL_BYTES, 4, 2, 0, 0x108, 9, 0, 0},
-                {KEL_BITS, 8, 1, 0, 0x101, 8, 0, 0},  {KEL_BITS, 8, 1, 1, 0x101, 8, 1, 1},
-                {KEL_ZIP, 9, 2, 0, 0x100, 9, 0, 0},   {KEL_BYTES, 1, 1, 0, 0x100, 0, 1, 0}};
-    for (const auto &row : rows) {
-        const kel_vec_t low = {row.format, row.elements, at(0x100), row.width, row.offset, 0, 0, nullptr, nullptr, 0};
-        const kel_vec_t high = {0, row.second_elements, at(row.second), 1, 0, 0, 0, nullptr, nullptr, 0};
-        EXPECT_EQ(vec_overlap(&low, &high), row.overlap) << "row " << &row - rows;
-        EXPECT_EQ(vec_overlap(&high, &low), row.swapped) << "row " << &row - rows;
+    // Format, elements, width and offset of the first; address and elements of the second; both answers.
+    const std::tuple<uint64_t, uint64_t, uint32_t, uint8_t, uintptr_t, uint64_t, int, int> rows[] = {
+        {KEL_BYTES, 4, 2, 0, 0x107, 0, 1, 1}, {KEL_BYTES, 4, 2, 0, 0x108, 9, 0, 0},
+        {KEL_BITS, 8, 1, 0, 0x101, 8, 0, 0},  {KEL_BITS, 8, 1, 1, 0x101, 8, 1, 1},
+        {KEL_ZIP, 9, 2, 0, 0x100, 9, 0, 0},   {KEL_BYTES, 1, 1, 0, 0x100, 0, 1, 0}};
+    for (const auto &[format, elements, width, offset, address, second_elements, overlap, swapped] : rows) {
+        const kel_vec_t first = {format, elements, at(0x100), width, offset, 0, 0, nullptr, nullptr, 0};
+        const kel_vec_t second = {0, second_elements, at(address), 1, 0, 0, 0, nullptr, nullptr, 0};
+        EXPECT_EQ(vec_overlap(&first, &second), overlap) << format << " and " << address;
+        EXPECT_EQ(vec_overlap(&second, &first), swapped) << format << " and " << address;
     }
 }
 
@@ -226,17 +221,13 @@ TEST(overlap, vectors)
 TEST(overlap, aux_streams_and_addresses)
 {
     const kel_vec_t bytes = {KEL_BYTES, 8, at(0x100), 2, 0, 0, 0, nullptr, nullptr, 0};
-    const struct {
-        uint64_t format, elements;
-        uintptr_t aux;
-        uint8_t offset;
-        int overlap;
-    } rows[] = {{KEL_RLE, 8, 0x10f, 0, 1}, {KEL_VAR, 8, 0x110, 0, 0}, {KEL_VAR, 8, 0xfd, 0, 1},
-                {KEL_RLE, 8, 0xfc, 0, 0},  {KEL_RLE, 8, 0xfc, 1, 1},  {KEL_ZIP, 8, 0x100, 0, 0},
-                {KEL_RLE, 0, 0x101, 0, 1}, {KEL_RLE, 0, 0x100, 0, 0}, {KEL_VAR | KEL_ZIP, 8, 0x100, 0, 1}};
-    for (const auto &row : rows) {
-        const kel_vec_t runs = {row.format, row.elements, nullptr, 2, 0, row.offset, 4, at(row.aux), nullptr, 0};
-        EXPECT_EQ(aux_overlap(&runs, &bytes), row.overlap) << "row " << &row - rows;
+    const std::tuple<uint64_t, uint64_t, uintptr_t, uint8_t, int> rows[] = {
+        {KEL_RLE, 8, 0x10f, 0, 1}, {KEL_VAR, 8, 0x110, 0, 0}, {KEL_VAR, 8, 0xfd, 0, 1},
+        {KEL_RLE, 8, 0xfc, 0, 0},  {KEL_RLE, 8, 0xfc, 1, 1},  {KEL_ZIP, 8, 0x100, 0, 0},
+        {KEL_RLE, 0, 0x101, 0, 1}, {KEL_RLE, 0, 0x100, 0, 0}, {KEL_VAR | KEL_ZIP, 8, 0x100, 0, 1}};
+    for (const auto &[format, elements, aux, offset, overlap] : rows) {
+        const kel_vec_t runs = {format, elements, nullptr, 2, 0, offset, 4, at(aux), nullptr, 0};
+        EXPECT_EQ(aux_overlap(&runs, &bytes), overlap) << format << " at " << aux;
     }
     for (const uintptr_t distance : {0, 15, 16}) {
         EXPECT_EQ(addr_overlap(at(0x100), at(0x100 + distance), 16), distance < 16);
