@@ -1,4 +1,5 @@
 #include "support.h"
+#include "kel_text.h"
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -48,6 +49,20 @@ std::string pointer_text(const void *pointer)
     char text[24];
     snprintf(text, sizeof text, "0x%lx", reinterpret_cast<unsigned long>(pointer));
     return text;
+}
+
+lines_t lines_without_context(const std::function<void()> &call)
+{
+    reset_hooks();
+    syslog_lines.clear();
+    testing::internal::CaptureStderr();
+    call();
+    const std::string in_stderr = testing::internal::GetCapturedStderr();
+    std::string expected;
+    for (const std::string &line : syslog_lines)
+        expected += line + "\n";
+    EXPECT_EQ(in_stderr, expected);
+    return syslog_lines;
 }
 
 kel_context_t *open_context(uint32_t version, const kel_init_options_t *allocator)
@@ -115,6 +130,12 @@ lines_t test_context::texts()
         taken.push_back(line.prefix + line.message);
     lines.clear();
     return taken;
+}
+
+std::string small_scan::text(kel_context_t *ctx) const
+{
+    char text[kel_args_text_size];
+    return entry_args_str(ctx, flags, &src, &dst, text, sizeof text);
 }
 
 kel_result_t small_scan::value(kel_context_t *ctx) const

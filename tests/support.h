@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -33,6 +34,9 @@ inline void *at(uintptr_t address)
 
 // A pointer to a context that is no result of a call.
 inline kel_context_t *const no_context = static_cast<kel_context_t *>(at(0x40));
+
+// Runs a call that has no context to speak through, and answers its lines, which reach standard error as well.
+lines_t lines_without_context(const std::function<void()> &call);
 
 // What is to succeed.
 kel_context_t *open_context(uint32_t version, const kel_init_options_t *allocator = nullptr);
@@ -85,6 +89,11 @@ struct small_scan {
     kel_int_t five = {KEL_BYTES, 1, {0, 0, 5}}, seven = {KEL_BYTES, 1, {0, 0, 7}};
     kel_compare_t value_op = KEL_EQ, range_op = KEL_EQ_OR_EQ;
     uint64_t flags = 0;
+
+    // The vectors and values as entry lines show them.
+    std::string text(kel_context_t *ctx) const;
+    static constexpr char five_text[] = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x5} }";
+    static constexpr char seven_text[] = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x7} }";
 
     kel_result_t value(kel_context_t *ctx) const;
     kel_result_t range(kel_context_t *ctx) const;

@@ -64,10 +64,7 @@ TEST(call, lines_and_levels)
         test_context ctx(2, KEL_DEBUG_ARG, levels);
         small_scan s;
         s.flags = KEL_NOWAIT;
-        char args[kel_args_text_size];
-        const std::string vectors = entry_args_str(ctx, KEL_NOWAIT, &s.src, &s.dst, args, sizeof args);
-        const std::string five = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x5} }";
-        const std::string seven = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x7} }";
+        const std::string vectors = s.text(ctx), five = s.five_text, seven = s.seven_text;
         kel_nop(ctx, KEL_CACHE);
         s.value(ctx);
         s.range(ctx);
@@ -210,12 +207,8 @@ TEST(log, levels_and_messages)
     for (const std::string &message :
          {std::string("100%s"), std::string(200000, 'x'), std::string("line\n"), std::string()})
         for (const auto &[level, word] : levels) {
-            const std::string line = log_text(word, message);
-            syslog_lines.clear();
-            testing::internal::CaptureStderr();
-            kel_log_msg(nullptr, level, "%s", message.c_str());
-            EXPECT_EQ(testing::internal::GetCapturedStderr(), line + "\n");
-            EXPECT_EQ(syslog_lines, lines_t{line});
+            const auto log = [&, number = level] { kel_log_msg(nullptr, number, "%s", message.c_str()); };
+            EXPECT_EQ(lines_without_context(log), lines_t{log_text(word, message)});
 
             test_context on(2, 1, level), off(2, 1, ~level);
             off->log.options_init = ~level;

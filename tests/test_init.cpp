@@ -55,13 +55,11 @@ TEST(init, refused)
     };
     for (const auto &[major, minor, options, init_options, status, message] : rows) {
         kel_context_t *ctx = no_context;
-        reset_hooks();
-        syslog_lines.clear();
-        const std::string line = log_text("ERROR", "kel_thread_init: " + message);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(kel_thread_init(major, minor, options, init_options, &ctx), status);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), line + "\n");
-        EXPECT_EQ(syslog_lines, lines_t{line});
+        kel_status_t got = KEL_SUCCESS;
+        const lines_t lines =
+            lines_without_context([&] { got = kel_thread_init(major, minor, options, init_options, &ctx); });
+        EXPECT_EQ(got, status);
+        EXPECT_EQ(lines, lines_t{log_text("ERROR", "kel_thread_init: " + message)});
         EXPECT_EQ(kel_debug_calls, 1u);
         EXPECT_EQ(ctx, no_context);
     }
@@ -115,30 +113,6 @@ TEST(thread, foreign_contexts)
     EXPECT_EQ(stays->thread->refc, 1);
     EXPECT_EQ(listed(stays->thread), std::vector{stays});
     EXPECT_EQ(kel_thread_fini(stays), KEL_SUCCESS);
-}
-
-// The nodes go back, the record is cleared and stays allocated, the contexts are untouched.
-TEST(thread, ends_with_contexts_open)
-{
-    block_store store;
-    const kel_init_options_t options = store.options();
-    kel_context_t *contexts[2];
-    std::thread([&] {
-        for (kel_context_t *&ctx : contexts)
-            ctx = open_context(2, &options);
-    }).join();
-    ASSERT_EQ(store.live.size(), 1u);
-    EXPECT_EQ(store.live.begin()->second.first, record_request);
-    const kel_thread_t *thread = contexts[0]->thread;
-    EXPECT_EQ(thread->refc, 0);
-    EXPECT_EQ(thread->tid, pthread_t{});
-    EXPECT_EQ(thread->ctxl_head, nullptr);
-    for (kel_context_t *ctx : contexts) {
-        EXPECT_EQ(ctx->thread, thread);
-        EXPECT_EQ(ctx->api_version, 2u);
-        free(ctx->init_options);
-        free(ctx);
-    }
 }
 
 // A context that its record does not list: detaching says so, closing says so and goes on.
