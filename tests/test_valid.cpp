@@ -1,36 +1,19 @@
-// Argument tests: for every way to break a descriptor the messages, in full and in their order. In expected messages
-// "{limits}" stands for the widths of a version.
+// Argument tests: for every way to break a descriptor the messages, in full and in their order.
 #include "kel_valid.h"
 #include "support.h"
 #include <algorithm>
-#include <cstring>
 #include <gtest/gtest.h>
 
 #define UNKNOWN "(?\?\?)"
-#define LIMITS "; must be {limits}"
+#define LIMITS "; must be 1-24 bits or 1-16 bytes"
 
 namespace
 {
 
-void replace(std::string &text, const std::string &from, const std::string &to)
-{
-    for (size_t place; (place = text.find(from)) != std::string::npos;)
-        text.replace(place, from.size(), to);
-}
-
-lines_t of_version(lines_t lines, uint32_t version, const std::string &prefix = "")
-{
-    for (std::string &line : lines) {
-        replace(line, "{limits}", version == 2 ? "1-24 bits or 1-16 bytes" : "1-16 bits or 1-16 bytes");
-        line.insert(0, prefix);
-    }
-    return lines;
-}
-
 // Which descriptors a caller accepts: the name in its messages, and the call of the block with a caller's sets.
 struct block {
     const char *name;
-    int (*valid)(kel_context_t *ctx, const kel_vec_t *vec, uint32_t version, int log);
+    int (*valid)(kel_context_t *ctx, const kel_vec_t *vec, int log);
 };
 
 // A descriptor as a row spells it; what it leaves out is zero.
@@ -49,33 +32,33 @@ struct descriptor_row {
     lines_t lines = {};
 };
 
-// Runs one block in both versions, reporting and only answering.
-void expect_lines(const descriptor_row &row)
+// Runs blocks, reporting and only answering.
+void expect_lines(const std::vector<descriptor_row> &rows)
 {
-    const kel_vec_t vec = {row.vec.format,    4,
-                           at(row.vec.data),  row.vec.width,
-                           row.vec.offset,    row.vec.aux_offset,
-                           row.vec.aux_width, nullptr,
-                           nullptr,           0};
-    for (const uint32_t version : {1u, 2u}) {
-        test_context ctx(version);
-        EXPECT_EQ(row.by.valid(ctx, &vec, version, 1), row.lines.empty());
-        EXPECT_EQ(ctx.messages(), of_version(row.lines, version, std::string("Invalid ") + row.by.name));
-        EXPECT_EQ(row.by.valid(ctx, &vec, version, 0), row.lines.empty());
-        EXPECT_EQ(kel_debug_calls, row.lines.size());
-        EXPECT_EQ(ctx.messages(), lines_t());
+    for (const auto &[by, vec, lines] : rows) {
+        SCOPED_TRACE(testing::Message() << by.name << "of format " << vec.format << ", width " << vec.width);
+        const kel_vec_t v = {vec.format,    4,       at(vec.data), vec.width, vec.offset, vec.aux_offset,
+                             vec.aux_width, nullptr, nullptr,      0};
+        lines_t expected = lines;
+        for (std::string &line : expected)
+            line = std::string("Invalid ") + by.name + line;
+        test_context ctx;
+        EXPECT_EQ(by.valid(ctx, &v, 1), lines.empty());
+        EXPECT_EQ(ctx.messages(), expected);
+        EXPECT_EQ(by.valid(ctx, &v, 0), lines.empty());
+        EXPECT_EQ(kel_debug_calls, lines.size());
     }
 }
 
 #define BLOCK(name, call)                                                                                              \
     block                                                                                                              \
     {                                                                                                                  \
-        name, [](kel_context_t *ctx, const kel_vec_t *vec, uint32_t version, int log) { return call; }                 \
+        name, [](kel_context_t *ctx, const kel_vec_t *vec, int log) { return call; }                                   \
     }
-#define SRC(add, remove) BLOCK("src ", src_valid(ctx, vec, add, remove, "src", version, log))
-#define DST(add, remove) BLOCK("dst ", dst_valid(ctx, vec, add, remove, version, log))
-#define ONES(flags) BLOCK("dst ", dst_ones_valid(ctx, flags, vec, version, log))
-#define FLAGS BLOCK("flags ", flags_valid(ctx, vec->format, 0, 0, version, log))
+#define SRC(add, remove) BLOCK("src ", src_valid(ctx, vec, add, remove, "src", 2, log))
+#define DST(add, remove) BLOCK("dst ", dst_valid(ctx, vec, add, remove, 2, log))
+#define ONES(flags) BLOCK("dst ", dst_ones_valid(ctx, flags, vec, 2, log))
+#define FLAGS BLOCK("flags ", flags_valid(ctx, vec->format, 0, 0, 2, log))
 
 } // namespace
 
@@ -87,7 +70,7 @@ TEST(valid, sources)
     const std::string exclusive = "; rle and var are mutually exclusive", var_bits = "; cannot set both var and bits";
     const std::string no_aux = "format: KEL_ADD_ONE; not allowed because aux_data = NULL";
     const block scan = SRC(KEL_VAR, 0), select = SRC(0, KEL_RLE), translate = SRC(0, KEL_ZIP);
-    const descriptor_row rows[] = {
+    expect_lines({
         {scan, {KEL_BYTES, 8, 7, 99, 99, 0x1001}},
         {scan, {KEL_BYTES, 16}},
         {scan, {KEL_BITS, 1}},
@@ -124,18 +107,22 @@ TEST(valid, sources)
          {"offset 3" + wide, "elem_width 129 bits" LIMITS, "format: 11" UNKNOWN,
           "format: bits|rle|var|add1" + exclusive, "format: bits|rle|var|add1" + var_bits, "aux_width 6" + aux_widths,
           "aux_offset 200; must be < 8"}},
-    };
-    for (const descriptor_row &row : rows) {
-        SCOPED_TRACE(&row - rows);
-        expect_lines(row);
-    }
+    });
+}
 
-    // The one difference between the versions, and the name of another role.
-    const kel_vec_t vec = {KEL_BITS, 4, nullptr, 17, 0, 0, 0, nullptr, nullptr, 0};
-    test_context ctx;
-    EXPECT_EQ(src_valid(ctx, &vec, 0, KEL_RLE, "mask", 2, 1), 1);
-    EXPECT_EQ(src_valid(ctx, &vec, 0, KEL_RLE, "mask", 1, 1), 0);
-    EXPECT_EQ(ctx.messages(), of_version({"Invalid mask elem_width 17 bits" LIMITS}, 1));
+// The widths are all that a version changes for vectors and values. The role of a vector is in the line.
+TEST(valid, versions)
+{
+    const std::string limits = " elem_width 17 bits; must be 1-16 bits or 1-16 bytes";
+    small_scan s;
+    s.src.elem_width = s.five.elem_width = 17;
+    s.src.format = s.five.format = KEL_BITS;
+    test_context second, first(1);
+    EXPECT_EQ(src_valid(second, &s.src, 0, KEL_RLE, "mask", 2, 1), 1);
+    EXPECT_EQ(src_valid(first, &s.src, 0, KEL_RLE, "mask", 1, 1), 0);
+    EXPECT_EQ(s.value(second).status, KEL_SUCCESS);
+    EXPECT_EQ(s.value(first).status, KEL_EINVAL);
+    EXPECT_EQ(first.messages(), (lines_t{"Invalid mask" + limits, "Invalid src" + limits, "Invalid val" + limits}));
 }
 
 TEST(valid, destinations_and_flags)
@@ -144,7 +131,7 @@ TEST(valid, destinations_and_flags)
     const std::string no_var = "format: KEL_ADD_ONE; only allowed with dst format KEL_VAR";
     const std::string index_widths = "; must be 2 or 4 bytes for KEL_ONES_INDEX";
     const block plain = DST(0, 0), var = DST(KEL_VAR, 0), var_add_one = DST(KEL_VAR | KEL_ADD_ONE, 0);
-    const descriptor_row rows[] = {
+    expect_lines({
         // Of elements.
         {plain, {KEL_BYTES, 16, 0, 3, 9}},
         {plain, {KEL_BITS, 8}},
@@ -176,11 +163,7 @@ TEST(valid, destinations_and_flags)
          {"offset 1; must be 0", "alignment 32; must be 64", "elem_width 1 bytes" + index_widths, "format: rle|add1"}},
         // The text is cut at 39 characters.
         {FLAGS, {7 << 11 | 28 | KEL_CACHE}, {"pad|invert|invert_src|11" UNKNOWN "|12" UNKNOWN "|1"}},
-    };
-    for (const descriptor_row &row : rows) {
-        SCOPED_TRACE(&row - rows);
-        expect_lines(row);
-    }
+    });
 }
 
 // The masks of all operations, bit by bit; version 2 adds the pipe flags.
@@ -253,46 +236,40 @@ struct scan_row {
 
 #define WITH(...) [](small_scan &s) { __VA_ARGS__; }
 
-lines_t expected_lines(lines_t lines, uint32_t version, bool range, bool foreign)
+lines_t expected_lines(lines_t lines, bool range, bool foreign)
 {
     std::erase_if(lines, [&](const std::string &line) {
         return (!range && line.find("upper") != std::string::npos) || (!foreign && line == "{thread}");
     });
     for (std::string &line : lines) {
-        replace(line, "{thread}", test_context::wrong_thread());
-        if (!range)
-            replace(line, " lower", " val");
+        if (line == "{thread}")
+            line = test_context::wrong_thread();
+        if (const size_t lower = line.find("lower"); !range && lower != std::string::npos)
+            line.replace(lower, 5, "val");
     }
-    return of_version(lines, version);
+    return lines;
 }
 
 // Status, lines, hooks, and a destination that nobody wrote to; with error logging off the same without the lines.
-void expect_scan(const scan_row &row, uint32_t version, bool range, bool foreign)
-{
-    const lines_t lines = expected_lines(row.lines, version, range, foreign);
-    for (const uint32_t level : {KEL_LOG_ERROR, 0u}) {
-        small_scan s;
-        row.spoil(s);
-        const std::string before = hex(s.out, sizeof s.out);
-        test_context ctx(version, row.debug, level);
-        if (foreign)
-            ctx.disown();
-        const kel_result_t result = range ? s.range(ctx) : s.value(ctx);
-        EXPECT_EQ(result.status, lines.empty() ? KEL_SUCCESS : foreign ? KEL_ETHREAD : KEL_EINVAL);
-        EXPECT_EQ(ctx.messages(), level ? lines : lines_t());
-        EXPECT_EQ(kel_debug_calls, lines.size());
-        EXPECT_TRUE(lines.empty() || (result.count == 0 && hex(s.out, sizeof s.out) == before));
-    }
-}
-
-void expect_scans(const std::vector<scan_row> &rows, std::initializer_list<bool> foreign)
+void expect_scans(const std::vector<scan_row> &rows, std::initializer_list<bool> threads = {false})
 {
     for (const scan_row &row : rows)
         for (const bool range : {false, true})
-            for (const uint32_t version : {1u, 2u})
-                for (const bool is_foreign : foreign) {
+            for (const bool foreign : threads)
+                for (const uint32_t level : {KEL_LOG_ERROR, 0u}) {
                     SCOPED_TRACE(testing::Message() << "row " << &row - &rows[0] << ", range " << range);
-                    expect_scan(row, version, range, is_foreign);
+                    const lines_t lines = expected_lines(row.lines, range, foreign);
+                    small_scan s;
+                    row.spoil(s);
+                    const std::string before = hex(s.out, sizeof s.out);
+                    test_context ctx(2, row.debug, level);
+                    if (foreign)
+                        ctx.disown();
+                    const kel_result_t result = range ? s.range(ctx) : s.value(ctx);
+                    EXPECT_EQ(result.status, lines.empty() ? KEL_SUCCESS : foreign ? KEL_ETHREAD : KEL_EINVAL);
+                    EXPECT_EQ(ctx.messages(), level ? lines : lines_t());
+                    EXPECT_EQ(kel_debug_calls, lines.size());
+                    EXPECT_TRUE(lines.empty() || (result.count == 0 && hex(s.out, sizeof s.out) == before));
                 }
 }
 
@@ -302,26 +279,28 @@ void expect_scans(const std::vector<scan_row> &rows, std::initializer_list<bool>
 
 TEST(scan, plain_faults)
 {
-    const std::vector<scan_row> rows = {
-        {1, WITH(s.dst.elements = 5), {"{thread}"}},
-        {1, WITH(s.flags = KEL_COND | KEL_CACHE), {"{thread}", SYNC "cond\n"}},
-        {1, WITH(s.five = {KEL_BITS, 25, {}}), {"{thread}", "Invalid lower elem_width 25 bits" LIMITS}},
-        {1, WITH(s.seven = {KEL_BITS, 0, {}}), {"{thread}", "Invalid upper elem_width 0 bits" LIMITS}},
-        // All of it: source, destination, thread, operator, count, flags, upper value, value; and the data unseen.
-        {3,
-         WITH(s.src = {KEL_VAR | KEL_BITS, 4, s.out, 129, 1, 0, 8, s.out, nullptr, 0};
-              s.dst = {KEL_ZIP, 3, s.out + 1, 1, 2, 0, 0, nullptr, nullptr, 0};
-              s.value_op = s.range_op = kel_compare_t{6}; s.flags = KEL_PAD | KEL_SERIAL;
-              s.five = {KEL_RLE | KEL_BITS, 0, {1, 1, 1}}; s.seven = {1 << 5, 32, {1, 1, 1}}),
-         {"Invalid src offset 1; must be 0 if elem_width >= 8 bytes", "Invalid src elem_width 129 bits" LIMITS,
-          "Invalid src format: bits|var; cannot set both var and bits", "Invalid dst offset 2; must be 0",
-          "Invalid dst alignment 1; must be 64", "Invalid dst elem_width 1 bytes; must be 1 bit",
-          "Invalid dst format: zip", "{thread}", "Invalid op 6" UNKNOWN, "dst elements 3 is less than src elements 4",
-          "Invalid flags pad", SYNC "serial\n", "Invalid upper format: 5" UNKNOWN "; must be KEL_BITS or KEL_BYTES",
-          "Invalid upper elem_width 32 bytes" LIMITS, "Invalid lower format: rle; must be KEL_BITS or KEL_BYTES",
-          "Invalid lower elem_width 0 bits" LIMITS}},
-    };
-    expect_scans(rows, {false, true});
+    expect_scans(
+        {
+            {1, WITH(s.dst.elements = 5), {"{thread}"}},
+            {1, WITH(s.flags = KEL_COND | KEL_CACHE), {"{thread}", SYNC "cond\n"}},
+            {1, WITH(s.five = {KEL_BITS, 25, {}}), {"{thread}", "Invalid lower elem_width 25 bits" LIMITS}},
+            {1, WITH(s.seven = {KEL_BITS, 0, {}}), {"{thread}", "Invalid upper elem_width 0 bits" LIMITS}},
+            // All of it: source, destination, thread, operator, count, flags, upper value, value; and the data unseen.
+            {3,
+             WITH(s.src = {KEL_VAR | KEL_BITS, 4, s.out, 129, 1, 0, 8, s.out, nullptr, 0};
+                  s.dst = {KEL_ZIP, 3, s.out + 1, 1, 2, 0, 0, nullptr, nullptr, 0};
+                  s.value_op = s.range_op = kel_compare_t{6}; s.flags = KEL_PAD | KEL_SERIAL;
+                  s.five = {KEL_RLE | KEL_BITS, 0, {1, 1, 1}}; s.seven = {1 << 5, 32, {1, 1, 1}}),
+             {"Invalid src offset 1; must be 0 if elem_width >= 8 bytes", "Invalid src elem_width 129 bits" LIMITS,
+              "Invalid src format: bits|var; cannot set both var and bits", "Invalid dst offset 2; must be 0",
+              "Invalid dst alignment 1; must be 64", "Invalid dst elem_width 1 bytes; must be 1 bit",
+              "Invalid dst format: zip", "{thread}", "Invalid op 6" UNKNOWN,
+              "dst elements 3 is less than src elements 4", "Invalid flags pad", SYNC "serial\n",
+              "Invalid upper format: 5" UNKNOWN "; must be KEL_BITS or KEL_BYTES",
+              "Invalid upper elem_width 32 bytes" LIMITS, "Invalid lower format: rle; must be KEL_BITS or KEL_BYTES",
+              "Invalid lower elem_width 0 bits" LIMITS}},
+        },
+        {false, true});
 }
 
 #define DATA_OVERLAP "Invalid src or dst: src data and dst data overlap"
@@ -332,7 +311,7 @@ TEST(scan, plain_faults)
 // Where a row is to show that something is no fault, an overlap keeps the request from its kernel.
 TEST(scan, faults_in_the_data)
 {
-    const std::vector<scan_row> rows = {
+    expect_scans({
         // Runs: the sum against the room.
         {3, WITH(set_aux(s, KEL_RLE, 8, {1, 1, 1, 1})), {}},
         {3, WITH(set_aux(s, KEL_RLE, 8, {1, 1, 1, 2})), {"Invalid src: sum of aux_data runs (5) > dst elements (4)"}},
@@ -363,8 +342,7 @@ TEST(scan, faults_in_the_data)
          {"Invalid src: sum of aux_data runs (64) > dst elements (4)",
           "Invalid src aux_data element at index 0" HIGH_BITS, DATA_OVERLAP, AUX_OVERLAP,
           "Invalid lower" ABOVE("2", "1 bytes"), "Invalid upper" ABOVE("2", "1 bytes")}},
-    };
-    expect_scans(rows, {false});
+    });
 }
 
 // An operator is looked up modulo 32; an index list and the hints are accepted. The pipe flags are refused by each
