@@ -218,15 +218,7 @@ TEST(allocator, null_results)
     block_store store;
     const kel_init_options_t options = store.options();
     test_context ctx(1, 1, 1, &options);
-    const std::tuple<size_t, size_t, bool> rows[] = {{24, 100, true},
-                                                     {0, 8, true},
-                                                     {8, 0, true},
-                                                     {3, 1, true},
-                                                     {limit, 8, true},
-                                                     {8, limit, true},
-                                                     {limit / 2, limit - 1, false},
-                                                     {1, limit - 8, false}};
-    for (const auto &[align, size, refused] : rows) {
+    const auto expect_null = [&](size_t align, size_t size, bool refused) {
         const std::string size_text = std::to_string(size), align_text = std::to_string(align);
         const std::string failed = "kel_memalign failed to allocate " + size_text + " bytes aligned to " + align_text;
         const std::string bad =
@@ -238,7 +230,12 @@ TEST(allocator, null_results)
         EXPECT_EQ(errno, refused ? EINVAL : 0);
         EXPECT_EQ(ctx.messages(), (lines_t{refused ? bad : failed, failed}));
         EXPECT_EQ(store.requests, std::vector(refused ? 0 : 1, align + whole_words(size) + tail_size));
-    }
+    };
+    const std::pair<size_t, size_t> bad_pairs[] = {{24, 100}, {0, 8}, {8, 0}, {3, 1}, {limit, 8}, {8, limit}};
+    for (const auto &[align, size] : bad_pairs)
+        expect_null(align, size, true);
+    expect_null(limit / 2, limit - 1, false);
+    expect_null(1, limit - 8, false);
     for (const bool cleared : {false, true}) {
         store.requests = {};
         EXPECT_EQ(cleared ? kel_calloc(ctx, 3, 7) : kel_malloc(ctx, 21), nullptr);

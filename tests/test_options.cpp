@@ -15,14 +15,6 @@ auto log_words(const kel_log_t &log)
                       log.cb,           log.cb_data,     log.syslog_init, log.syslog != 0};
 }
 
-void set_variable(const char *name, const char *value)
-{
-    if (value)
-        setenv(name, value, 1);
-    else
-        unsetenv(name);
-}
-
 } // namespace
 
 // ---- The environment ------------------------------------------------------------------------------------------------
@@ -65,9 +57,10 @@ TEST(environment, words_and_lines)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(&row - rows);
-        set_variable("KEL_LOG_OPTIONS", row.log_options);
-        set_variable("KEL_LOG_FD", row.log_fd);
-        set_variable("KEL_DEBUG_OPTIONS", row.debug_options);
+        const std::pair<const char *, const char *> variables[] = {
+            {"KEL_LOG_OPTIONS", row.log_options}, {"KEL_LOG_FD", row.log_fd}, {"KEL_DEBUG_OPTIONS", row.debug_options}};
+        for (const auto &[name, value] : variables)
+            value ? setenv(name, value, 1) : unsetenv(name);
         reset_hooks();
         syslog_lines.clear();
         testing::internal::CaptureStderr();

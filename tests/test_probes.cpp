@@ -91,8 +91,8 @@ TEST(timers, enabled_at_exit)
 TEST(probe, counters_of_a_call)
 {
     using call_t = void (*)(kel_context_t *, small_scan &);
+    // Calls, and the debug options that keep them from it.
     const std::pair<call_t, uint32_t> rows[] = {
-        // calls, and the debug options that keep them from it
         {CALL(s.value(ctx)), 0},
         {CALL(s.range(ctx)), 0},
         {CALL(s.value_op = kel_compare_t{4}; s.value(ctx)), KEL_DEBUG_ARG},
@@ -332,22 +332,19 @@ TEST(blocks, fields)
 TEST(blocks, scan_operator)
 {
     constexpr uint32_t none = kel_lu_unused, opcodes[] = {2, 3, 18, 19, 0, 7, 51, 255};
-    const struct {
-        uint32_t u_size, l_size;
-        int operators[std::size(opcodes)];
-    } rows[] = {
+    const std::tuple<uint32_t, uint32_t, std::vector<int>> rows[] = {
         {none, 30, {KEL_EQ, KEL_GE, KEL_NE, KEL_LT, KEL_EQ, KEL_EQ, KEL_NE, KEL_NE}},
         {none, none, {KEL_EQ, KEL_GE, KEL_NE, KEL_LT, KEL_EQ, KEL_EQ, KEL_NE, KEL_NE}},
         {3, none, {4, KEL_LE, 6, KEL_GT, 4, 4, 6, 6}},
         {0, 15, {KEL_EQ_OR_EQ, KEL_GE_AND_LE, KEL_NE_AND_NE, KEL_LT_OR_GT, 16, 16, 18, 18}},
     };
-    for (const auto &row : rows)
+    for (const auto &[u_size, l_size, operators] : rows)
         for (size_t i = 0; i < std::size(opcodes); i++) {
             kel_scan_ccb_t block = {};
-            block.ctrl.u_size = row.u_size & 31;
-            block.ctrl.l_size = row.l_size & 31;
+            block.ctrl.u_size = u_size & 31;
+            block.ctrl.l_size = l_size & 31;
             block.hdr.opcode = opcodes[i] & 255;
-            EXPECT_EQ(ccb_to_scan_op(&block), row.operators[i]) << &row - rows << ' ' << opcodes[i];
+            EXPECT_EQ(ccb_to_scan_op(&block), operators[i]) << u_size << ' ' << l_size << ' ' << opcodes[i];
         }
 }
 

@@ -145,7 +145,8 @@ class random_calls
                                                                     : nullptr;
     }
 
-    // What validation has to say, in its order.
+    // What validation has to say, in its order. The last request counts after it has been polled, too, and the numbers
+    // of serial and conditional requests after the slots have moved.
     lines_t faults(const request &r) const
     {
         lines_t messages;
@@ -183,7 +184,7 @@ class random_calls
             return report({overlap}, KEL_EINVAL);
         if (waiting.empty())
             reset_model();
-        if (model.rindx == static_cast<int>(queue->size)) { // serial and conditional numbers stay when the slots move
+        if (model.rindx == static_cast<int>(queue->size)) {
             model.rindx -= model.findx;
             model.findx = 0;
         }
@@ -256,38 +257,6 @@ TEST(queue, random_calls_against_the_model)
 }
 
 // ---- Chains ---------------------------------------------------------------------------------------------------------
-
-// Sequences of nop posts: S, C and B have KEL_SERIAL, KEL_COND and both, '-' has neither, and '!' follows one that is
-// refused. A digit polls that many.
-TEST(chain, serial_and_conditional)
-{
-    const std::tuple<const char *, int, const char *> rows[] = {
-        {"conditional first", 4, "C!B!S"},
-        {"serial, plain", 4, "S-!S!C-"},
-        {"serial, conditional, plain", 4, "SC-C!"},
-        {"both", 5, "SB-!S!BC-"},
-        {"a drained queue still counts", 1, "S1-!S!C1C1-"},
-        {"the reset of the next store", 2, "SC2-C!"},
-        {"a serial number that compaction has left behind", 3, "-SC2--!S!C1-"},
-        {"a conditional number that compaction has left behind", 3, "-SC1-1C"},
-    };
-    for (const auto &[name, size, steps] : rows) {
-        test_context ctx;
-        kel_queue_t *queue = open_queue(ctx, size);
-        for (const char *s = steps; *s; s++) {
-            SCOPED_TRACE(testing::Message() << name << ": " << s);
-            kel_poll_t results[8];
-            if (isdigit(*s)) {
-                EXPECT_EQ(kel_poll(queue, results, *s - '0', 0), *s - '0');
-            } else if (*s != '!') {
-                const uint64_t cond = strchr("CB", *s) ? KEL_COND : 0, serial = strchr("SB", *s) ? KEL_SERIAL : 0;
-                const bool refused = s[1] == '!';
-                EXPECT_EQ(kel_nop_post(queue, cond | serial, nullptr), refused ? KEL_EINVAL : KEL_SUCCESS);
-                EXPECT_EQ(ctx.messages(), lines_t(refused, cond ? no_serial : no_cond));
-            }
-        }
-    }
-}
 
 // Which buffer a pipeline feeds. Illegal flags can come from a post without validation.
 TEST(chain, fed_buffer)
