@@ -43,7 +43,12 @@ TEST(init, refused)
     const kel_init_options_t no_alloc = {nullptr, good.free_func, nullptr};
     const kel_init_options_t no_free = {good.alloc_func, nullptr, nullptr};
     const std::string null_callback = "KEL_ALLOC is specified and one of alloc_func or free_func is NULL";
-    const std::tuple<uint32_t, uint32_t, uint32_t, const kel_init_options_t *, kel_status_t, std::string> rows[] = {
+    const struct {
+        uint32_t major, minor, options;
+        const kel_init_options_t *init_options;
+        kel_status_t status;
+        std::string message;
+    } rows[] = {
         {1, 1, 4, nullptr, KEL_EINVAL, "bad options 0x4"},
         {3, 9, 0xffffffff, &no_alloc, KEL_EINVAL, "bad options 0xfffffffc"},
         {1, 1, 1, &no_alloc, KEL_EINVAL, null_callback},
@@ -53,13 +58,11 @@ TEST(init, refused)
         {1, 0, 0, nullptr, KEL_EBADVER, "bad minor version 0"},
         {2, 2, 0, nullptr, KEL_EBADVER, "bad minor version 2"},
     };
-    for (const auto &[major, minor, options, init_options, status, message] : rows) {
+    for (const auto &row : rows) {
         kel_context_t *ctx = no_context;
-        kel_status_t got = KEL_SUCCESS;
-        const lines_t lines =
-            lines_without_context([&] { got = kel_thread_init(major, minor, options, init_options, &ctx); });
-        EXPECT_EQ(got, status);
-        EXPECT_EQ(lines, lines_t{log_text("ERROR", "kel_thread_init: " + message)});
+        const lines_t lines = lines_without_context(
+            [&] { EXPECT_EQ(kel_thread_init(row.major, row.minor, row.options, row.init_options, &ctx), row.status); });
+        EXPECT_EQ(lines, lines_t{log_text("ERROR", "kel_thread_init: " + row.message)});
         EXPECT_EQ(kel_debug_calls, 1u);
         EXPECT_EQ(ctx, no_context);
     }
@@ -172,7 +175,7 @@ TEST(allocator, fails_at_init)
 
 TEST(allocator, block_shapes)
 {
-    for (const size_t misaligned : {0, 1, 7}) {
+    for (const size_t misaligned : {0u, 1u, 7u}) {
         block_store store;
         const kel_init_options_t options = store.options();
         test_context ctx(2, 1, 1, &options);
@@ -193,10 +196,10 @@ TEST(allocator, block_shapes)
             EXPECT_EQ(store.live.size(), 2u); // those of the context
         };
         const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        for (const size_t size : {1, 7, 8, 9, 1001}) {
+        for (const size_t size : {1u, 7u, 8u, 9u, 1001u}) {
             const uint64_t request = whole_words(size) + tail_size;
             expect_block(kel_malloc(ctx, size), size, 1, request);
-            for (const size_t align : {1, 8, 8192})
+            for (const size_t align : {1u, 8u, 8192u})
                 expect_block(kel_memalign(ctx, align, size), size, align, align + request);
             expect_block(kel_valloc(ctx, size), size, page, page + request);
         }

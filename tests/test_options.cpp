@@ -170,7 +170,7 @@ TEST(setters, debug)
                         lines = {test_context::wrong_thread()};
                     } else if (result == bad) {
                         status = KEL_EINVAL;
-                    } else if (busy && result & KEL_DEBUG_SYNC && !(before & KEL_DEBUG_SYNC)) {
+                    } else if (busy && static_cast<uint32_t>(result) & ~before & KEL_DEBUG_SYNC) {
                         status = KEL_EQFULL;
                         lines = {"kel_set_debug(): Queue " + pointer_text(queue) +
                                  " has outstanding requests that have not been polled"};

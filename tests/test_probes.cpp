@@ -386,8 +386,8 @@ TEST(blocks, scan_values)
 TEST(blocks, kill_words)
 {
     const char *const words[] = {"COMPLETED", "DEQUEUED", "KILLED", "NOT FOUND", "INTERNAL ERROR"};
-    for (const uint16_t result : {0, 1, 2, 3, 4, 65535})
-        EXPECT_STREQ(kel_kill_status_str(result), words[result < 4 ? result : 4]);
+    for (const unsigned result : {0u, 1u, 2u, 3u, 4u, 65535u})
+        EXPECT_STREQ(kel_kill_status_str(static_cast<uint16_t>(result)), words[result < 4 ? result : 4]);
 }
 
 TEST(blocks, submit_is_refused)

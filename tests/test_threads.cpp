@@ -71,12 +71,12 @@ void other_calls(kel_context_t *ctx, kel_queue_t *queue, record_t &seen)
     kel_poll_t result;
     note(seen, kel_version(ctx, &version), version);
     note(seen, kel_get_props(ctx, &props), props.max_elem_bits);
-    for (const size_t length : {3, 17})
+    for (const size_t length : {3u, 17u})
         note(seen, kel_int_create(ctx, "0123456789abcdefg", length, &value), value.dword[2]);
     for (const uint64_t flags : {uint64_t{0}, UINT64_MAX})
         note(seen, kel_nop(ctx, flags).status, kel_nop_post(queue, flags, nullptr));
     note(seen, kel_poll(queue, &result, 1, 0));
-    for (const size_t size : {1, 100})
+    for (const size_t size : {1u, 100u})
         for (void *block :
              {kel_malloc(ctx, size), kel_calloc(ctx, 1, size), kel_memalign(ctx, 64, size), kel_valloc(ctx, size)})
             kel_free(ctx, block, size);

@@ -207,7 +207,7 @@ TEST(overlap, aux_streams_and_addresses)
         const kel_vec_t runs = {format, elements, nullptr, 2, 0, offset, 4, at(aux), nullptr, 0};
         EXPECT_EQ(aux_overlap(&runs, &bytes), overlap) << format << " at " << aux;
     }
-    for (const uintptr_t distance : {0, 15, 16}) {
+    for (const uintptr_t distance : {0u, 15u, 16u}) {
         EXPECT_EQ(addr_overlap(at(0x100), at(0x100 + distance), 16), distance < 16);
         EXPECT_EQ(addr_overlap(at(0x100 + distance), at(0x100), 16), distance < 16);
     }
