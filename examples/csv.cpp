@@ -22,8 +22,8 @@ struct place_t {
     [[noreturn]] void fail(std::string_view field, std::string_view reason, std::string_view text) const
     {
         std::string shown(text.substr(0, most_shown));
-        std::replace_if(
-            shown.begin(), shown.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+        for (char &c : shown)
+            c = c < ' ' || c > '~' ? '?' : c;
         throw std::runtime_error(path + ":" + std::to_string(line) + ": " + std::string(field) + std::string(reason) +
                                  ": '" + shown + (text.size() > most_shown ? "..." : "") + "'");
     }
@@ -50,14 +50,12 @@ int32_t number(const place_t &place, std::string_view field, std::string_view te
     return value;
 }
 
-airport_t airport(const place_t &place, std::string_view field, std::string_view text)
+std::string airport(const place_t &place, std::string_view field, std::string_view text)
 {
     const auto letter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
-    airport_t code;
-    if (text.size() != code.size() || !std::all_of(text.begin(), text.end(), letter))
+    if (text.size() != 3 || !std::all_of(text.begin(), text.end(), letter))
         place.fail(field, " is not an airport code of 3 letters", text);
-    std::copy(text.begin(), text.end(), code.begin());
-    return code;
+    return std::string(text);
 }
 
 void add_date(const place_t &place, std::string_view text, flights_t &flights)
@@ -67,10 +65,10 @@ void add_date(const place_t &place, std::string_view text, flights_t &flights)
     if (!std::equal(text.begin(), text.end(), shape.begin(), shape.end(), fits))
         place.fail("date", " is not YYYY-MM-DD HH:MM", text);
     number(place, "day", text.substr(8, 2), 1, 31);
-    number(place, "minute", text.substr(14, 2), 0, 59);
-    flights.month.push_back(static_cast<uint8_t>(number(place, "month", text.substr(5, 2), 1, 12)));
-    flights.hour.push_back(static_cast<uint8_t>(number(place, "hour", text.substr(11, 2), 0, 23)));
-    flights.date.emplace_back(text);
+    number(place, "month", text.substr(5, 2), 1, 12);
+    const int32_t minute = number(place, "minute", text.substr(14, 2), 0, 59);
+    flights.time.push_back(60 * number(place, "hour", text.substr(11, 2), 0, 23) + minute);
+    flights.day.emplace_back(text.substr(0, 10));
 }
 
 void add_flight(const place_t &place, std::string_view line, flights_t &flights)
@@ -105,8 +103,7 @@ flights_t read_flights(const std::string &path)
     }
     if (file.bad())
         throw std::runtime_error(path + ": cannot be read");
-    if (flights.size() == 0)
-        throw std::runtime_error(path +
-                                 ":1: " + (place.line == 0 ? "the file is empty" : "no flight after the header"));
+    if (flights.day.empty())
+        throw std::runtime_error(path + (place.line == 0 ? ":1: the file is empty" : ":1: no flight after the header"));
     return flights;
 }

@@ -1,70 +1,239 @@
-// A column query over flights: packs columns, asks questions with scans, and checks every answer against a plain loop
-// over plain arrays, which is timed beside it.
+// A query on flights. In a database's words:
+//
+//   select day, time, origin, destination, distance, delay from flights
+//   where (distance between 500 and 1000 or time < 06:00) and delay > 120
+//   and origin in (EWR, JFK, LGA) and month <> March
+//
+// Scans and lookups make bit vectors of packed columns, logical operations join them, and selects fetch the rows that
+// are wanted. Every step is checked against a plain loop over plain arrays, which is timed beside it.
 #include "csv.h"
-#include "packed_column.h"
+#include "steps.h"
 #include <algorithm>
-#include <bit>
-#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <deque>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 
 namespace
 {
 
-constexpr int timed_runs = 25; // the best one counts
-constexpr uint64_t rows_shown = 5;
+constexpr uint64_t rows_shown = 10;
 
-constexpr int late_minutes = 120;
 constexpr int near_miles = 500;
 constexpr int far_miles = 1000;
-constexpr int early_hour = 6;
-constexpr int march = 3;
-constexpr airport_t san_francisco = {'S', 'F', 'O'};
-constexpr airport_t chicago[2] = {{'O', 'R', 'D'}, {'M', 'D', 'W'}};
+constexpr int late_minutes = 120;
+constexpr int morning = 6 * 60; // minutes since midnight
+constexpr kel_int_t one_bit = {KEL_BITS, 1, {0, 0, 1}};
 
-// ---- The library ----------------------------------------------------------------------------------------------------
-
-void check(kel_status_t status, const char *call)
+// The bitmap of a translate: a bit for each code.
+column_t bitmap(const dictionary_t &dictionary, bool (*wanted)(const std::string &text))
 {
-    if (status != KEL_SUCCESS)
-        throw std::runtime_error(std::string(call) + " fails with status " + std::to_string(status));
+    std::vector<int32_t> bits;
+    for (const std::string &text : dictionary.texts)
+        bits.push_back(wanted(text));
+    return {bits, {0, 1}};
 }
 
-kel_int_t airport_value(kel_context_t *ctx, const airport_t &airport)
+// Writes a byte for each row. Arguments by value, so that compilers make vector code of it.
+template <class Match>
+uint32_t plain_find(uint8_t *mask, size_t rows, Match match)
 {
-    kel_int_t value = {};
-    check(kel_int_create(ctx, airport.data(), airport.size(), &value), "kel_int_create");
-    return value;
+    uint32_t count = 0;
+    for (size_t i = 0; i < rows; i++) {
+        mask[i] = match(i) ? 1 : 0;
+        count += mask[i];
+    }
+    return count;
 }
 
-// Compares a column with one value or two, as the operator has it.
-struct scan_t {
-    const packed_column &column;
-    kel_compare_t op;
-    kel_int_t values[2];
+struct query_t {
+    kel_context_t *ctx;
+    const flights_t &flights;
+    bool timed;
+    size_t rows = flights.day.size();
 
-    void operator()(kel_context_t *ctx, scan_result &result) const
+    dictionary_t day_names{flights.day};
+    dictionary_t airports{flights.origin, flights.destination};
+    column_t march = bitmap(day_names, [](const std::string &date) { return date.substr(4, 4) == "-03-"; });
+    column_t new_york = bitmap(airports, [](const std::string &a) { return a == "EWR" || a == "JFK" || a == "LGA"; });
+
+    column_t day = column_t::run_length(day_names.codes(flights.day), day_names.range); // in order of date: long runs
+    column_t time = {flights.time, {0, 24 * 60 - 1}};
+    column_t origin = {airports.codes(flights.origin), airports.range};
+    column_t destination = {airports.codes(flights.destination), airports.range};
+    column_t distance = {flights.distance, range_of(flights.distance, {near_miles, far_miles})};
+    column_t delay = {flights.delay, range_of(flights.delay, {late_minutes, late_minutes})};
+
+    // Bit vectors, and lists.
+    found_t middle{rows}, early{rows}, either{rows}, late{rows}, late_either{rows};
+    found_t from_new_york{rows}, late_from_new_york{rows}, not_in_march{rows}, wanted{rows};
+    found_t times{time}, origins{origin}, destinations{destination}, distances{distance}, delays{delay};
+    found_t all_days{day}, days{day}, row_numbers{rows, KEL_BYTES, 4};
+
+    // Runs a step that makes a bit vector; match answers for one row.
+    template <class Match>
+    void find(const step_t &step, found_t &found, const std::function<kel_result_t()> &call, Match match) const
     {
-        const uint64_t flags = result.indexes ? KEL_ONES_INDEX : 0;
-        const kel_result_t outcome =
-            op >= KEL_EQ_OR_EQ ? kel_scan_range(ctx, flags, &column.vec, &result.vec, op, &values[0], &values[1])
-                               : kel_scan_value(ctx, flags, &column.vec, &result.vec, op, &values[0]);
-        check(outcome.status, "the scan");
-        result.count = outcome.count;
+        const auto loop = [&](found_t &out) { out.count = plain_find(out.mask.data(), rows, match); };
+        run_step(step, found, call, loop, timed);
     }
 
-    // Posts the scan; the result is the request's datum.
-    void post(kel_queue_t *queue, uint64_t flags, scan_result &result) const
+    void find_both(const char *what, const found_t &a, const found_t &b, found_t &both) const
     {
-        flags |= result.indexes ? KEL_ONES_INDEX : 0;
-        check(op >= KEL_EQ_OR_EQ
-                  ? kel_scan_range_post(queue, flags, &column.vec, &result.vec, op, &values[0], &values[1], &result)
-                  : kel_scan_value_post(queue, flags, &column.vec, &result.vec, op, &values[0], &result),
-              "the posted scan");
+        find(
+            {"kel_and", what, "bit vectors", {&a.vec, &b.vec}, 2}, both,
+            [&] { return kel_and(ctx, 0, &a.vec, &b.vec, &both.vec); },
+            [x = a.mask.data(), y = b.mask.data()](size_t i) { return x[i] & y[i]; });
+    }
+
+    void filter_numbers()
+    {
+        const kel_int_t nearest = distance.value(near_miles);
+        const kel_int_t farthest = distance.value(far_miles);
+        find(
+            {"kel_scan_range", "500 to 1000 miles", "distance", {&distance.vec}, 4}, middle,
+            [&] { return kel_scan_range(ctx, 0, &distance.vec, &middle.vec, KEL_GE_AND_LE, &nearest, &farthest); },
+            [miles = distance.plain.data()](size_t i) { return miles[i] >= near_miles && miles[i] <= far_miles; });
+
+        const kel_int_t six = time.value(morning);
+        find(
+            {"kel_scan_value", "before 6 in the morning", "time", {&time.vec}, 4}, early,
+            [&] { return kel_scan_value(ctx, 0, &time.vec, &early.vec, KEL_LT, &six); },
+            [minute = time.plain.data()](size_t i) { return minute[i] < morning; });
+
+        find(
+            {"kel_or", "either of the two", "bit vectors", {&middle.vec, &early.vec}, 2}, either,
+            [&] { return kel_or(ctx, 0, &middle.vec, &early.vec, &either.vec); },
+            [x = middle.mask.data(), y = early.mask.data()](size_t i) { return x[i] | y[i]; });
+
+        const kel_int_t two_hours = delay.value(late_minutes);
+        find(
+            {"kel_scan_value", "over 2 hours late", "delay", {&delay.vec}, 4}, late,
+            [&] { return kel_scan_value(ctx, 0, &delay.vec, &late.vec, KEL_GT, &two_hours); },
+            [minutes = delay.plain.data()](size_t i) { return minutes[i] > late_minutes; });
+        find_both("either, and late", either, late, late_either);
+    }
+
+    // A bitmap answers for each code; the plain loop looks codes up in an array.
+    void filter_codes()
+    {
+        find(
+            {"kel_translate", "from New York (3 airports)", "origin", {&origin.vec}, 4}, from_new_york,
+            [&] {
+                return kel_translate(ctx, 0, &origin.vec, &from_new_york.vec, &new_york.vec, origin.vec.elem_width);
+            },
+            [code = origin.plain.data(), in = new_york.plain.data()](size_t i) { return in[code[i]]; });
+        find_both("these, from New York", late_either, from_new_york, late_from_new_york);
+
+        find(
+            {"kel_translate", "not in March (KEL_INVERT)", "day (runs)", {&day.vec}, 4}, not_in_march,
+            [&] { return kel_translate(ctx, KEL_INVERT, &day.vec, &not_in_march.vec, &march.vec, day.vec.elem_width); },
+            [code = day.plain.data(), in = march.plain.data()](size_t i) { return !in[code[i]]; });
+        find_both("these, not in March", late_from_new_york, not_in_march, wanted);
+    }
+
+    // Runs a step that lists the wanted rows; value answers for one row.
+    template <class Value>
+    void list(const step_t &step, found_t &found, const std::function<kel_result_t()> &call, Value value) const
+    {
+        const auto loop = [&](found_t &out) {
+            const uint8_t *keep = wanted.mask.data();
+            size_t count = 0;
+            for (size_t i = 0; i < rows; i++)
+                if (keep[i])
+                    out.list[count++] = value(i);
+            out.count = count;
+        };
+        run_step(step, found, call, loop, timed);
+    }
+
+    void select(const char *name, const column_t &column, const kel_vec_t &source, found_t &to) const
+    {
+        const std::string what = std::to_string(to.vec.elem_width) + "-byte elements";
+        list(
+            {"kel_select", what, name, {&source, &wanted.vec}, 4 + 1}, to,
+            [&] { return kel_select(ctx, 0, &source, &to.vec, &wanted.vec); },
+            [&](size_t i) { return column.plain[i]; });
+    }
+
+    void fetch()
+    {
+        select("time", time, time.vec, times);
+        select("origin", origin, origin.vec, origins);
+        select("destination", destination, destination.vec, destinations);
+        select("distance", distance, distance.vec, distances);
+        select("delay", delay, delay.vec, delays);
+
+        // A select takes no runs: they are expanded first. The library does not count what it expands.
+        run_step(
+            {"kel_extract", "runs to rows", "day (runs)", {&day.vec}, 4}, all_days,
+            [&] {
+                return kel_result_t{kel_extract(ctx, 0, &day.vec, &all_days.vec).status, 0, rows};
+            },
+            [&](found_t &out) { out.list = day.plain, out.count = rows; }, timed);
+        select("day", day, all_days.vec, days);
+
+        // A bit vector is a column of 1-bit elements: a scan for 1 lists the numbers of the rows.
+        list(
+            {"kel_scan_value", "row numbers", "bit vector", {&wanted.vec}, 1}, row_numbers,
+            [&] { return kel_scan_value(ctx, KEL_ONES_INDEX, &wanted.vec, &row_numbers.vec, KEL_EQ, &one_bit); },
+            [](size_t i) { return static_cast<int32_t>(i); });
+    }
+
+    // The end of the query again, as a chain of posted requests, each conditional on the one before. A pipe flag says
+    // that the next request reads what this one writes; the datum of a request is its result.
+    void post_chain() const
+    {
+        constexpr uint64_t link = KEL_COND | KEL_SERIAL;
+        result_t mask(rows), delay_list(delay), expanded(day), day_list(day), numbers(rows, KEL_BYTES, 4);
+        const found_t *expected[] = {&wanted, &delays, &all_days, &days, &row_numbers};
+        constexpr int requests = std::size(expected);
+        kel_queue_t *queue;
+        check(kel_queue_create(ctx, requests, &queue), "kel_queue_create");
+        check(kel_and_post(queue, KEL_SERIAL | KEL_PIPE_MASK, &late_from_new_york.vec, &not_in_march.vec, &mask.vec,
+                           &mask),
+              "kel_and_post");
+        check(kel_select_post(queue, link, &delay.vec, &delay_list.vec, &mask.vec, &delay_list), "kel_select_post");
+        check(kel_extract_post(queue, link | KEL_PIPE_SRC, &day.vec, &expanded.vec, &expanded), "kel_extract_post");
+        check(kel_select_post(queue, link, &expanded.vec, &day_list.vec, &mask.vec, &day_list), "kel_select_post");
+        check(
+            kel_scan_value_post(queue, KEL_COND | KEL_ONES_INDEX, &mask.vec, &numbers.vec, KEL_EQ, &one_bit, &numbers),
+            "kel_scan_value_post");
+
+        kel_poll_t done[requests];
+        if (kel_poll(queue, done, requests, 0) != requests)
+            throw std::runtime_error("not every posted request was completed");
+        for (int i = 0; i < requests; i++) {
+            const std::string name = "posted request " + std::to_string(i + 1);
+            check(done[i].status, name);
+            const auto *result = static_cast<const result_t *>(done[i].udata);
+            check_result(name, *result, result == &expanded ? rows : done[i].count, *expected[i]);
+        }
+        check(kel_queue_destroy(queue), "kel_queue_destroy");
+        printf("\nThe end of it, posted as a chain of %d requests and polled, finds the same.\n", requests);
+    }
+
+    // Decodes the lists; the texts must read as they do in the file.
+    void print_rows() const
+    {
+        const uint64_t count = row_numbers.count;
+        printf("\nThe first %" PRIu64 " of %" PRIu64 " flights:\n", std::min(count, rows_shown), count);
+        printf("%8s  %-16s  %-4s  %-3s  %6s  %6s\n", "row", "date", "from", "to", "miles", "delay");
+        for (size_t i = 0; i < count; i++) {
+            const auto number = [i](const found_t &list) { return static_cast<size_t>(list.value(i)); };
+            const size_t row = number(row_numbers);
+            const std::string &date = day_names.texts[number(days)];
+            const std::string &from = airports.texts[number(origins)];
+            const std::string &to = airports.texts[number(destinations)];
+            if (date != flights.day[row] || from != flights.origin[row] || to != flights.destination[row])
+                throw std::runtime_error("*** WRONG ANSWER *** row " + std::to_string(row) + " is not the file's");
+            if (i < rows_shown)
+                printf("%8zu  %s %02" PRId64 ":%02" PRId64 "  %-4s  %-3s  %6" PRId64 "  %6" PRId64 "\n", row,
+                       date.c_str(), times.value(i) / 60, times.value(i) % 60, from.c_str(), to.c_str(),
+                       distances.value(i), delays.value(i));
+        }
     }
 };
 
@@ -78,255 +247,6 @@ void trace(kel_context_t *, void *, uint32_t, const char *, const char *message)
     }
 }
 
-// Joins two bit vectors; bits behind the last element are 0 in both.
-void join(const scan_result &a, const scan_result &b, scan_result &result)
-{
-    result.count = 0;
-    for (size_t i = 0; i < result.size(); i += sizeof(uint64_t)) {
-        uint64_t words[2];
-        memcpy(&words[0], a.bytes.get() + i, sizeof words[0]);
-        memcpy(&words[1], b.bytes.get() + i, sizeof words[1]);
-        words[0] &= words[1];
-        memcpy(result.bytes.get() + i, &words[0], sizeof words[0]);
-        result.count += static_cast<unsigned>(std::popcount(words[0]));
-    }
-}
-
-// ---- The plain loops ------------------------------------------------------------------------------------------------
-
-template <class Match>
-void loop_bits(scan_result &result, const Match &match)
-{
-    const size_t flights = result.vec.elements;
-    uint64_t count = 0;
-    const auto byte = [&](size_t first, size_t n) {
-        unsigned bits = 0;
-        for (size_t i = 0; i < n; i++)
-            bits |= static_cast<unsigned>(match(first + i)) << (7 - i);
-        count += static_cast<unsigned>(std::popcount(bits));
-        return static_cast<uint8_t>(bits);
-    };
-    for (size_t i = 0; i < flights / 8; i++)
-        result.bytes[i] = byte(8 * i, 8);
-    if (flights % 8 != 0)
-        result.bytes[flights / 8] = byte(flights / 8 * 8, flights % 8);
-    result.count = count;
-}
-
-template <class Match>
-void loop_indexes(scan_result &result, const Match &match)
-{
-    uint64_t count = 0;
-    for (uint32_t i = 0; i < result.vec.elements; i++) {
-        const uint32_t entry = std::endian::native == std::endian::big ? i : __builtin_bswap32(i);
-        memcpy(result.bytes.get() + sizeof entry * count, &entry,
-               sizeof entry); // the next one's place unless i matches
-        count += match(i) ? 1 : 0;
-    }
-    result.count = count;
-}
-
-bool same(const airport_t &a, const airport_t &b)
-{
-    return a[0] == b[0] && a[1] == b[1] && a[2] == b[2];
-}
-
-// ---- Questions ------------------------------------------------------------------------------------------------------
-
-struct question_t {
-    const char *text;
-    const char *columns;
-    uint64_t width_bits; // of a packed element, or of several together
-    size_t packed_bytes;
-    size_t plain_bytes;
-};
-
-template <class T>
-question_t about(const char *text, const char *name, const packed_column &packed, const std::vector<T> &plain)
-{
-    return {text, name, packed.width_bits(), packed.size(), plain.size() * sizeof(T)};
-}
-
-// The shortest of several runs, in microseconds.
-template <class Run>
-double best_time(int runs, const Run &run)
-{
-    using clock = std::chrono::steady_clock;
-    auto best = clock::duration::max();
-    for (int i = 0; i < runs; i++) {
-        const auto start = clock::now();
-        run();
-        best = std::min(best, clock::now() - start);
-    }
-    return std::chrono::duration<double, std::micro>(best).count();
-}
-
-struct columns_t {
-    explicit columns_t(const flights_t &flights)
-        : delay(flights.delay, range_of(flights.delay, {late_minutes, late_minutes})),
-          distance(flights.distance, range_of(flights.distance, {near_miles, far_miles})), hour(flights.hour, {0, 23}),
-          month(flights.month, {1, 12}), origin(flights.origin), destination(flights.destination)
-    {
-    }
-
-    packed_column delay;
-    packed_column distance;
-    packed_column hour;
-    packed_column month;
-    packed_column origin;
-    packed_column destination;
-};
-
-// A scan that has been run, and what it found.
-struct answered_t {
-    scan_t scan;
-    scan_result found;
-};
-
-// Asks questions about one set of flights, and prints a line of a table for each.
-struct query_t {
-    kel_context_t *ctx;
-    const flights_t &flights;
-    const columns_t columns;
-    bool timed;
-    std::deque<answered_t> answered;
-
-    void print_head() const
-    {
-        printf("%-36s  %-15s  %4s  %8s  %8s  %-10s  %7s%s\n", "question", "columns", "bits", "packed B", "plain B",
-               "output", "flights", timed ? "   scan us   loop us" : "");
-    }
-
-    // scan fills in a result, match answers for one flight.
-    template <class Scan, class Match>
-    scan_result ask(const question_t &question, bool indexes, const Scan &scan, const Match &match) const
-    {
-        const int runs = timed ? timed_runs : 1;
-        scan_result scanned(flights.size(), indexes);
-        scan_result looped(flights.size(), indexes);
-        const double scan_time = best_time(runs, [&] { scan(ctx, scanned); });
-        const double loop_time =
-            best_time(runs, [&] { indexes ? loop_indexes(looped, match) : loop_bits(looped, match); });
-        if (!(scanned == looped))
-            throw std::runtime_error("*** WRONG ANSWER *** " + std::string(question.text) + ": the scan finds " +
-                                     std::to_string(scanned.count) + " flights, the plain loop " +
-                                     std::to_string(looped.count) + ", and their outputs differ");
-        printf("%-36s  %-15s  %4" PRIu64 "  %8zu  %8zu  %-10s  %7" PRIu64, question.text, question.columns,
-               question.width_bits, question.packed_bytes, question.plain_bytes, indexes ? "index list" : "bit vector",
-               scanned.count);
-        if (timed)
-            printf("  %8.1f  %8.1f", scan_time, loop_time);
-        puts("");
-        return scanned;
-    }
-
-    // The same for a question that one scan answers; the scan is kept for the chain.
-    template <class Match>
-    scan_result &ask_scan(const question_t &question, bool indexes, const scan_t &scan, const Match &match)
-    {
-        answered.push_back({scan, ask(question, indexes, scan, match)});
-        return answered.back().found;
-    }
-
-    void ask_numbers();
-    void ask_times();
-    void ask_airports();
-    void print_rows(const scan_result &indexes) const;
-    void run_chain() const;
-};
-
-// Delay and distance, one by one and joined.
-void query_t::ask_numbers()
-{
-    const packed_column &delays = columns.delay;
-    const packed_column &distances = columns.distance;
-    const int32_t *delay = flights.delay.data();
-    const int32_t *distance = flights.distance.data();
-
-    const question_t late = about("more than 2 hours late", "delay", delays, flights.delay);
-    const scan_t scan_late = {delays, KEL_GT, {delays.value(late_minutes), {}}};
-    const auto is_late = [=](size_t i) { return delay[i] > late_minutes; };
-    scan_result &late_bits = ask_scan(late, false, scan_late, is_late);
-
-    const question_t middle = about("500 to 1000 miles", "distance", distances, flights.distance);
-    const scan_t scan_middle = {distances, KEL_GE_AND_LE, {distances.value(near_miles), distances.value(far_miles)}};
-    const auto is_middle = [=](size_t i) { return distance[i] >= near_miles && distance[i] <= far_miles; };
-    scan_result &middle_bits = ask_scan(middle, false, scan_middle, is_middle);
-
-    const question_t joined = {"500 to 1000 miles, over 2 hours late", "delay, distance",
-                               late.width_bits + middle.width_bits, late.packed_bytes + middle.packed_bytes,
-                               late.plain_bytes + middle.plain_bytes};
-    const auto scan_both = [&](kel_context_t *, scan_result &result) {
-        scan_late(ctx, late_bits);
-        scan_middle(ctx, middle_bits);
-        join(late_bits, middle_bits, result);
-    };
-    ask(joined, false, scan_both, [=](size_t i) { return is_late(i) && is_middle(i); });
-}
-
-void query_t::ask_times()
-{
-    const packed_column &hours = columns.hour;
-    const packed_column &months = columns.month;
-    const uint8_t *hour = flights.hour.data();
-    const uint8_t *month = flights.month.data();
-    ask_scan(about("before 6 in the morning", "hour", hours, flights.hour), false,
-             scan_t{hours, KEL_LT, {hours.value(early_hour), {}}}, [=](size_t i) { return hour[i] < early_hour; });
-    ask_scan(about("in March", "month", months, flights.month), false,
-             scan_t{months, KEL_EQ, {months.value(march), {}}}, [=](size_t i) { return month[i] == march; });
-}
-
-void query_t::ask_airports()
-{
-    const packed_column &origins = columns.origin;
-    const packed_column &destinations = columns.destination;
-    const airport_t *origin = flights.origin.data();
-    const airport_t *destination = flights.destination.data();
-    ask_scan(about("to Chicago (ORD or MDW)", "destination", destinations, flights.destination), false,
-             scan_t{destinations, KEL_EQ_OR_EQ, {airport_value(ctx, chicago[0]), airport_value(ctx, chicago[1])}},
-             [=](size_t i) { return same(destination[i], chicago[0]) || same(destination[i], chicago[1]); });
-    print_rows(ask_scan(about("from San Francisco (SFO)", "origin", origins, flights.origin), true,
-                        scan_t{origins, KEL_EQ, {airport_value(ctx, san_francisco), {}}},
-                        [=](size_t i) { return same(origin[i], san_francisco); }));
-}
-
-void query_t::print_rows(const scan_result &indexes) const
-{
-    const uint64_t shown = std::min(indexes.count, rows_shown);
-    printf("\nThe first %" PRIu64 " of %" PRIu64 " flights from San Francisco:\n", shown, indexes.count);
-    printf("%8s  %-16s  %-4s  %-3s  %6s  %6s\n", "index", "date", "from", "to", "miles", "delay");
-    for (uint64_t row = 0; row < shown; row++) {
-        const uint32_t i = indexes.index(row);
-        printf("%8" PRIu32 "  %-16s  %-4.3s  %.3s  %6" PRId32 "  %6" PRId32 "\n", i, flights.date[i].c_str(),
-               flights.origin[i].data(), flights.destination[i].data(), flights.distance[i], flights.delay[i]);
-    }
-}
-
-// All scans again as one chain of posted requests, each conditional on the one before.
-void query_t::run_chain() const
-{
-    const size_t n = answered.size();
-    kel_queue_t *queue;
-    check(kel_queue_create(ctx, static_cast<int>(n), &queue), "kel_queue_create");
-    std::deque<scan_result> results;
-    for (size_t i = 0; i < n; i++) {
-        const uint64_t first = i > 0 ? KEL_COND : 0;
-        const uint64_t last = i + 1 < n ? KEL_SERIAL : 0;
-        answered[i].scan.post(queue, first | last, results.emplace_back(flights.size(), answered[i].found.indexes));
-    }
-    std::vector<kel_poll_t> completions(n);
-    if (kel_poll(queue, completions.data(), static_cast<int>(n), 0) != static_cast<int>(n))
-        throw std::runtime_error("not every posted scan was completed");
-    for (size_t i = 0; i < n; i++) {
-        check(completions[i].status, "a scan of the chain");
-        results[i].count = completions[i].count;
-        if (completions[i].udata != &results[i] || !(results[i] == answered[i].found))
-            throw std::runtime_error("*** WRONG ANSWER *** posted scan " + std::to_string(i) + " differs");
-    }
-    check(kel_queue_destroy(queue), "kel_queue_destroy");
-    printf("\nThe same %zu scans, posted as one chain and polled, find the same.\n", n);
-}
-
 void run(const std::string &path, bool timed, bool traced)
 {
     const flights_t flights = read_flights(path);
@@ -336,27 +256,28 @@ void run(const std::string &path, bool timed, bool traced)
 
     if (traced)
         check(kel_set_log_callback(ctx, KEL_LOG_ALL, trace, nullptr), "kel_set_log_callback");
-    query_t query = {ctx, flights, columns_t(flights), timed, {}};
-    printf("%zu flights in %s\n\n", flights.size(), path.c_str());
-    query.print_head();
-    query.ask_numbers();
-    query.ask_times();
-    query.ask_airports();
-    query.run_chain();
+    printf("%zu flights in %s\n\n", flights.day.size(), path.c_str());
+    query_t query = {.ctx = ctx, .flights = flights, .timed = timed};
+    print_head(timed);
+    query.filter_numbers();
+    query.filter_codes();
+    query.fetch();
+    query.post_chain();
+    query.print_rows();
     check(kel_thread_fini(closer.release()), "kel_thread_fini");
-    puts("\nEvery bit and every index agrees with a plain loop over plain arrays.");
+    puts("\nEvery bit and every element agrees with a plain loop over plain arrays.");
 }
 
 } // namespace
 
 constexpr char usage[] = "usage: flights [--no-times] [--trace] [FILE]\n"
                          "\n"
-                         "Packs the columns of a file of flights and asks questions with scans.\n"
+                         "Packs the columns of a file of flights, filters them, and fetches the rows that are wanted.\n"
                          "FILE has lines of date,delay,distance,origin,destination; default: the file that comes with\n"
                          "the library, " FLIGHTS_CSV "\n"
                          "\n"
                          "  --no-times  print no timings\n"
-                         "  --trace     show the library's log lines; each scan runs once, without timings\n"
+                         "  --trace     show the library's log lines; each step runs once, without timings\n"
                          "  --help      print this text\n";
 
 int main(int argc, char **argv)

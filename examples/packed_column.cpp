@@ -3,23 +3,45 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <new>
 
-constexpr size_t alignment = 64;          // of a destination, and the unit that its end is rounded to
-constexpr size_t room_behind = 64;        // bytes that a destination needs behind its end
+constexpr size_t room_behind = 128;       // a destination's end is rounded up to 64 bytes, and needs 64 more
 constexpr uint32_t most_packed_bits = 24; // a wider element is a whole number of bytes
-constexpr uint32_t index_bytes = 4;       // of an entry of an index list
+constexpr uint32_t repeat_bits = 8;       // of the count of a run
+constexpr int32_t most_repeats = 255;     // behind the first; the stored count is one less than the run (KEL_ADD_ONE)
 
-// Whole units of the alignment, filled with one byte.
-static aligned_bytes make_bytes(size_t size, int fill)
+static blocks_t make_blocks(size_t size, int fill)
 {
-    const size_t rounded = (size + alignment - 1) / alignment * alignment;
-    aligned_bytes bytes(static_cast<uint8_t *>(std::aligned_alloc(alignment, rounded)));
-    if (!bytes)
-        throw std::bad_alloc();
-    memset(bytes.get(), fill, rounded);
-    return bytes;
+    blocks_t blocks(size / sizeof(block_t) + 1);
+    memset(blocks.data(), fill, sizeof(block_t) * blocks.size());
+    return blocks;
 }
+
+static kel_vec_t make_vec(uint64_t format, size_t elements, uint32_t width, blocks_t &blocks)
+{
+    kel_vec_t vec = {};
+    vec.format = format;
+    vec.elements = elements;
+    vec.elem_width = width;
+    vec.data = blocks.data();
+    return vec;
+}
+
+uint32_t width_bits(const kel_vec_t &vec)
+{
+    return vec.format & KEL_BITS ? vec.elem_width : 8 * vec.elem_width;
+}
+
+static size_t bytes_for(size_t elements, uint32_t bits)
+{
+    return (elements * bits + 7) / 8;
+}
+
+size_t packed_bytes(const kel_vec_t &vec)
+{
+    return bytes_for(vec.elements, width_bits(vec)) + bytes_for(vec.elements, vec.aux_width);
+}
+
+// ---- Columns --------------------------------------------------------------------------------------------------------
 
 range_t range_of(const std::vector<int32_t> &plain, range_t compared)
 {
@@ -27,81 +49,98 @@ range_t range_of(const std::vector<int32_t> &plain, range_t compared)
     return {std::min<int64_t>(*lowest, compared.lowest), std::max<int64_t>(*highest, compared.highest)};
 }
 
-// ---- Columns --------------------------------------------------------------------------------------------------------
+dictionary_t::dictionary_t(const std::vector<std::string> &column, const std::vector<std::string> &other)
+    : texts(column)
+{
+    texts.insert(texts.end(), other.begin(), other.end());
+    std::sort(texts.begin(), texts.end());
+    texts.erase(std::unique(texts.begin(), texts.end()), texts.end());
+    range = {0, static_cast<int64_t>(texts.size()) - 1};
+}
 
-uint32_t packed_column::width_for(range_t range)
+std::vector<int32_t> dictionary_t::codes(const std::vector<std::string> &column) const
+{
+    std::vector<int32_t> codes;
+    for (const std::string &text : column)
+        codes.push_back(static_cast<int32_t>(std::lower_bound(texts.begin(), texts.end(), text) - texts.begin()));
+    return codes;
+}
+
+static uint32_t width_for(range_t range)
 {
     const auto bits = static_cast<uint32_t>(std::bit_width(static_cast<uint64_t>(range.highest - range.lowest)));
     return bits > most_packed_bits ? (bits + 7) / 8 * 8 : std::max(bits, 1u);
 }
 
-packed_column::packed_column(size_t elements, uint64_t format, uint32_t width, int64_t lowest)
-    : vec{.format = format,
-          .elements = elements,
-          .data = nullptr,
-          .elem_width = width,
-          .offset = 0,
-          .aux_offset = 0,
-          .aux_width = 0,
-          .aux_data = nullptr,
-          .codec = nullptr,
-          .codewords = 0},
-      bytes(make_bytes(size(), 0)), bias(lowest)
-{
-    vec.data = bytes.get();
-}
-
 // The first bit of an element is its highest, and so is that of a byte.
-void packed_column::store(size_t at, uint64_t element)
+static blocks_t pack(const std::vector<int32_t> &plain, int64_t lowest, uint32_t width)
 {
-    size_t bit = at * vec.elem_width;
-    for (uint32_t i = vec.elem_width; i-- > 0; bit++)
-        bytes[bit / 8] = static_cast<uint8_t>(bytes[bit / 8] | (element >> i & 1) << (7 - bit % 8));
+    blocks_t blocks = make_blocks(bytes_for(plain.size(), width), 0);
+    auto *bytes = reinterpret_cast<uint8_t *>(blocks.data());
+    size_t bit = 0;
+    for (const int32_t number : plain) {
+        const auto element = static_cast<uint64_t>(number - lowest);
+        for (uint32_t i = width; i-- > 0; bit++)
+            bytes[bit / 8] = static_cast<uint8_t>(bytes[bit / 8] | (element >> i & 1) << (7 - bit % 8));
+    }
+    return blocks;
 }
 
-kel_int_t packed_column::value(int64_t number) const
+column_t::column_t(const std::vector<int32_t> &numbers, range_t range)
+    : plain(numbers), lowest(range.lowest), elements(pack(numbers, lowest, width_for(range)))
 {
-    const auto format = static_cast<uint32_t>(vec.format);
-    return {format, vec.elem_width, {0, 0, static_cast<uint64_t>(number - bias)}};
+    vec = make_vec(KEL_BITS, numbers.size(), width_for(range), elements);
+}
+
+column_t column_t::run_length(const std::vector<int32_t> &plain, range_t range)
+{
+    std::vector<int32_t> numbers;
+    std::vector<int32_t> repeats;
+    for (const int32_t number : plain) {
+        if (numbers.empty() || number != numbers.back() || repeats.back() == most_repeats) {
+            numbers.push_back(number);
+            repeats.push_back(-1);
+        }
+        repeats.back()++;
+    }
+    column_t column(numbers, range);
+    column.plain = plain;
+    column.repeats = pack(repeats, 0, repeat_bits);
+    column.vec.format |= KEL_RLE | KEL_ADD_ONE;
+    column.vec.aux_data = column.repeats.data();
+    column.vec.aux_width = repeat_bits;
+    return column;
+}
+
+kel_int_t column_t::value(int64_t number) const
+{
+    return {KEL_BITS, vec.elem_width, {0, 0, static_cast<uint64_t>(number - lowest)}};
 }
 
 // ---- Results --------------------------------------------------------------------------------------------------------
 
-static size_t result_bytes(uint64_t entries, bool indexes)
+// What an operation leaves unwritten is to differ from every right answer, so the bytes do not start as 0.
+result_t::result_t(size_t rows, uint64_t format, uint32_t width, int64_t bias)
+    : blocks(make_blocks(bytes_for(rows, format & KEL_BITS ? width : 8 * width) + room_behind, 0xa5)), lowest(bias)
 {
-    return indexes ? entries * index_bytes : (entries + 7) / 8;
+    vec = make_vec(format, rows, width, blocks);
 }
 
-// What a scan leaves unwritten is to differ from every right answer, so the bytes do not start as 0.
-scan_result::scan_result(size_t elements, bool list)
-    : bytes(make_bytes(result_bytes(elements, list) + alignment + room_behind, 0xa5)),
-      indexes(list), vec{.format = list ? KEL_BYTES : KEL_BITS,
-                         .elements = elements,
-                         .data = bytes.get(),
-                         .elem_width = list ? index_bytes : 1,
-                         .offset = 0,
-                         .aux_offset = 0,
-                         .aux_width = 0,
-                         .aux_data = nullptr,
-                         .codec = nullptr,
-                         .codewords = 0}
+result_t::result_t(const column_t &column)
+    : result_t(column.plain.size(), KEL_BYTES,
+               column.vec.elem_width <= 8    ? 1
+               : column.vec.elem_width <= 16 ? 2
+                                             : 4,
+               column.lowest)
 {
 }
 
-size_t scan_result::size() const
+int64_t result_t::value(size_t at) const
 {
-    return result_bytes(indexes ? count : vec.elements, indexes);
-}
-
-uint32_t scan_result::index(size_t entry) const
-{
-    uint32_t index = 0;
-    for (size_t i = 0; i < index_bytes; i++) // big-endian
-        index = index << 8 | bytes[index_bytes * entry + i];
-    return index;
-}
-
-bool scan_result::operator==(const scan_result &other) const
-{
-    return count == other.count && size() == other.size() && memcmp(bytes.get(), other.bytes.get(), size()) == 0;
+    const uint32_t width = width_bits(vec);
+    const auto *bytes = reinterpret_cast<const uint8_t *>(blocks.data());
+    uint64_t element = 0;
+    for (size_t bit = at * width; bit < (at + 1) * width; bit++)
+        element = element << 1 | (bytes[bit / 8] >> (7 - bit % 8) & 1);
+    return lowest + static_cast<int64_t>(element);
 }

@@ -1,21 +1,19 @@
-// Columns packed as the scans read them, and results as the scans write them.
+// Columns packed as the library reads them, and results as it writes them.
 #pragma once
 
-#include <algorithm>
-#include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <kel.h>
-#include <memory>
+#include <string>
 #include <vector>
 
-struct free_bytes {
-    void operator()(uint8_t *bytes) const
-    {
-        std::free(bytes);
-    }
+struct alignas(64) block_t {
+    uint8_t bytes[64];
 };
-using aligned_bytes = std::unique_ptr<uint8_t[], free_bytes>; // at a multiple of 64
+using blocks_t = std::vector<block_t>;
+
+// Bits of an element, and bytes of all that a vector names: elements and repeats.
+uint32_t width_bits(const kel_vec_t &vec);
+size_t packed_bytes(const kel_vec_t &vec);
 
 struct range_t {
     int64_t lowest;
@@ -25,63 +23,48 @@ struct range_t {
 // The range of a column together with that of the values that it will be compared with.
 range_t range_of(const std::vector<int32_t> &plain, range_t compared);
 
-// A column of elements of fixed width, back to back. Numbers are stored as their distance from the lowest of a range,
-// in the bits that the greatest distance needs; codes of letters in a byte for each letter.
-struct packed_column {
-    template <class T>
-    packed_column(const std::vector<T> &plain, range_t range)
-        : packed_column(plain.size(), KEL_BITS, width_for(range), range.lowest)
-    {
-        for (size_t i = 0; i < plain.size(); i++)
-            store(i, static_cast<uint64_t>(plain[i] - bias));
-    }
+// The distinct texts of a column or two, in order. A column stores a text's place among them: its code.
+struct dictionary_t {
+    explicit dictionary_t(const std::vector<std::string> &column, const std::vector<std::string> &other = {});
+    std::vector<int32_t> codes(const std::vector<std::string> &column) const;
 
-    template <size_t letters>
-    explicit packed_column(const std::vector<std::array<char, letters>> &plain)
-        : packed_column(plain.size(), KEL_BYTES, letters, 0)
-    {
-        std::copy_n(plain.data()->data(), size(), bytes.get());
-    }
+    std::vector<std::string> texts;
+    range_t range; // of the codes
+};
 
-    // A number of the range, for a comparison with the elements.
+// A column in two forms. Plain: 4 bytes for each number. Packed, for the library: each number is stored as its distance
+// from the lowest of a range, in the bits that the greatest distance needs, back to back.
+struct column_t {
+    column_t(const std::vector<int32_t> &plain, range_t range);
+
+    // Packed as runs of equal numbers: each number once, with a byte that counts its repeats.
+    static column_t run_length(const std::vector<int32_t> &plain, range_t range);
+
+    // A number of the range, for a comparison with the packed elements.
     kel_int_t value(int64_t number) const;
 
-    uint64_t width_bits() const
-    {
-        return vec.format & KEL_BITS ? vec.elem_width : 8 * vec.elem_width;
-    }
+    std::vector<int32_t> plain;
+    int64_t lowest;
+    kel_vec_t vec; // the packed form
 
-    size_t size() const
-    {
-        return (vec.elements * width_bits() + 7) / 8;
-    }
+  private:
+    blocks_t elements;
+    blocks_t repeats;
+};
+
+// Where an operation writes: a bit for each row, or a list of elements.
+struct result_t {
+    explicit result_t(size_t rows, uint64_t format = KEL_BITS, uint32_t width = 1, int64_t lowest = 0);
+
+    // For a column's elements, in the 1, 2 or 4 bytes that hold them.
+    explicit result_t(const column_t &column);
+
+    // A bit, an index, or a number of the column.
+    int64_t value(size_t at) const;
 
     kel_vec_t vec;
 
   private:
-    packed_column(size_t elements, uint64_t format, uint32_t width, int64_t lowest);
-    static uint32_t width_for(range_t range);
-    void store(size_t at, uint64_t element);
-
-    aligned_bytes bytes;
-    int64_t bias;
-};
-
-// The result of a scan: a bit for each element, or the list of the indexes of the matches.
-struct scan_result {
-    scan_result(size_t elements, bool indexes);
-
-    // The bytes that hold the result.
-    size_t size() const;
-
-    // An entry of an index list.
-    uint32_t index(size_t entry) const;
-
-    // Whether two results are the same in every bit or every index.
-    bool operator==(const scan_result &other) const;
-
-    aligned_bytes bytes;
-    bool indexes;
-    kel_vec_t vec;
-    uint64_t count = 0; // matches
+    blocks_t blocks;
+    int64_t lowest;
 };

@@ -13,11 +13,12 @@ struct lookup_t : bitmap_t {
     unsigned index_bits = 0;
     uint64_t test_value = 0;
 
-    uint64_t hit(uint64_t element) const
+    bool hit(uint64_t element) const
     {
         const uint64_t index = element & index_mask;
-        const uint64_t bit = data[index >> 3] >> (7 - (index & 7)) & 1;
-        return (bit & (!tested | (kel_shr(element, index_bits) == test_value))) ^ negated;
+        const bool passed = !tested || kel_shr(element, index_bits) == test_value;
+        const bool bit = (data[index >> 3] << (index & 7) & 0x80) != 0;
+        return (bit && passed) != negated;
     }
 };
 

@@ -11,18 +11,41 @@ fail() {
     exit 1
 }
 
-expect_count() { # expect_count QUESTION CONDITION, the latter on the fields of a line
-    count=$(awk -F, "NR > 1 && ($2)" "$data" | wc -l)
-    "$flights" --no-times | grep -q "^$1 .* $count\$" || fail "not answered with $count: $1"
-}
-expect_count "more than 2 hours late" '$2 > 120'
-expect_count "500 to 1000 miles" '$3 >= 500 && $3 <= 1000'
-expect_count "to Chicago (ORD or MDW)" '$5 == "ORD" || $5 == "MDW"'
-expect_count "from San Francisco (SFO)" '$4 == "SFO"'
-"$flights" --no-times | grep -q "^Every bit and every index agrees" || fail "no word of agreement"
+"$flights" --no-times "$data" >"$scratch/out" || fail "the demo fails"
 
-"$flights" --no-times | grep -q "scans, posted as one chain and polled, find the same" || fail "no word of the chain"
-"$flights" --trace | grep -q "kel_scan_range_post returns {SUCCESS}" || fail "no trace of the chain"
+expect_count() { # expect_count STEP WHAT CONDITION, the latter on the fields of a line
+    count=$(awk -F, "NR > 1 && ($3)" "$data" | wc -l)
+    grep -q "^$1  *$2 .* $count\$" "$scratch/out" || fail "not answered with $count: $1, $2"
+}
+middle='$3 >= 500 && $3 <= 1000'
+early='substr($1, 12) < "06:00"'
+from='($4 == "EWR" || $4 == "JFK" || $4 == "LGA")'
+found="($middle || $early) && \$2 > 120"
+wanted="$found && $from && substr(\$1, 6, 2) != \"03\""
+expect_count kel_scan_range "500 to 1000 miles" "$middle"
+expect_count kel_scan_value "before 6 in the morning" "$early"
+expect_count kel_or "either of the two" "$middle || $early"
+expect_count kel_scan_value "over 2 hours late" '$2 > 120'
+expect_count kel_and "either, and late" "$found"
+expect_count kel_translate "from New York" "$from"
+expect_count kel_and "these, from New York" "$found && $from"
+expect_count kel_translate "not in March" 'substr($1, 6, 2) != "03"'
+expect_count kel_and "these, not in March" "$wanted"
+expect_count kel_extract "runs to rows" 1
+for column in time origin destination distance delay day; do
+    expect_count kel_select "[124]-byte elements  *$column" "$wanted"
+done
+expect_count kel_scan_value "row numbers" "$wanted"
+
+awk -F, "NR > 1 && $wanted {
+    printf \"%8d  %s  %-4s  %-3s  %6d  %6d\\n\", NR - 2, \$1, \$4, \$5, \$3, \$2 }" "$data" | head -10 >"$scratch/rows"
+sed '1,/^ *row  date/d;/^$/,$d' "$scratch/out" | diff "$scratch/rows" - || fail "not the wanted rows"
+grep -q "posted as a chain of 5 requests and polled, finds the same" "$scratch/out" || fail "no word of the chain"
+grep -q "^Every bit and every element agrees" "$scratch/out" || fail "no word of agreement"
+
+"$flights" --trace "$data" >"$scratch/trace" || fail "the trace fails"
+grep -q "kel_and_post(): .* flags=serial|pipe_src|pipe_mask" "$scratch/trace" || fail "no mask is piped"
+grep -q "kel_select_post() returns SUCCESS" "$scratch/trace" || fail "no trace of the chain"
 
 expect_refusal() { # expect_refusal WORDS; the file comes on standard input
     cat >"$scratch/bad.csv"

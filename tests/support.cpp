@@ -1,4 +1,5 @@
 #include "support.h"
+#include "kel_text.h"
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -6,8 +7,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-unsigned kel_debug_calls;
-unsigned emulate_error_calls;
+std::atomic<unsigned> kel_debug_calls;
+std::atomic<unsigned> emulate_error_calls;
 lines_t syslog_lines;
 
 static constexpr pthread_t other_thread = 0x1234;
@@ -50,6 +51,36 @@ std::string pointer_text(const void *pointer)
     return text;
 }
 
+lines_t lines_without_context(const std::function<void()> &call)
+{
+    reset_hooks();
+    syslog_lines.clear();
+    testing::internal::CaptureStderr();
+    call();
+    const std::string in_stderr = testing::internal::GetCapturedStderr();
+    std::string expected;
+    for (const std::string &line : syslog_lines)
+        expected += line + "\n";
+    EXPECT_EQ(in_stderr, expected);
+    return syslog_lines;
+}
+
+kel_context_t *open_context(uint32_t version, const kel_init_options_t *allocator)
+{
+    kel_context_t *ctx = nullptr;
+    if (kel_thread_init(version, 1, allocator ? KEL_ALLOC : 0, allocator, &ctx) != KEL_SUCCESS)
+        abort();
+    return ctx;
+}
+
+kel_queue_t *open_queue(kel_context_t *ctx, int length)
+{
+    kel_queue_t *queue = nullptr;
+    if (kel_queue_create(ctx, length, &queue) != KEL_SUCCESS)
+        abort();
+    return queue;
+}
+
 static void capture(kel_context_t *, void *cb_data, uint32_t level, const char *prefix, const char *message)
 {
     static_cast<test_context *>(cb_data)->lines.push_back({level, prefix, message});
@@ -57,9 +88,8 @@ static void capture(kel_context_t *, void *cb_data, uint32_t level, const char *
 
 test_context::test_context(uint32_t version, uint32_t debug_options, uint32_t log_options,
                            const kel_init_options_t *allocator)
+    : ctx(open_context(version, allocator))
 {
-    if (kel_thread_init(version, 1, allocator ? KEL_ALLOC : 0, allocator, &ctx) != KEL_SUCCESS)
-        abort();
     ctx->debug_options = debug_options;
     ctx->log.options_set = log_options;
     ctx->log.options = log_options;
@@ -91,6 +121,41 @@ lines_t test_context::messages()
         taken.push_back(line.message);
     lines.clear();
     return taken;
+}
+
+lines_t test_context::texts()
+{
+    lines_t taken;
+    for (const log_line &line : lines)
+        taken.push_back(line.prefix + line.message);
+    lines.clear();
+    return taken;
+}
+
+std::string small_scan::text(kel_context_t *ctx) const
+{
+    char text[kel_args_text_size];
+    return entry_args_str(ctx, flags, &src, &dst, text, sizeof text);
+}
+
+kel_result_t small_scan::value(kel_context_t *ctx) const
+{
+    return kel_scan_value(ctx, flags, &src, &dst, value_op, &five);
+}
+
+kel_result_t small_scan::range(kel_context_t *ctx) const
+{
+    return kel_scan_range(ctx, flags, &src, &dst, range_op, &five, &seven);
+}
+
+kel_status_t small_scan::value_post(kel_queue_t *queue, void *udata) const
+{
+    return kel_scan_value_post(queue, flags, &src, &dst, value_op, &five, udata);
+}
+
+kel_status_t small_scan::range_post(kel_queue_t *queue, void *udata) const
+{
+    return kel_scan_range_post(queue, flags, &src, &dst, range_op, &five, &seven, udata);
 }
 
 guarded_buffer::guarded_buffer(size_t wanted, size_t align) : size(wanted)

@@ -2,9 +2,11 @@
 // buffers, a reader of single bits, random numbers.
 #pragma once
 
-#include "kel_init.h"
+#include "kel_queue.h"
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -12,8 +14,8 @@
 #include <vector>
 
 // Calls of the two failure hooks since the last reset_hooks; the test programs put their own in the library's place.
-extern unsigned kel_debug_calls;
-extern unsigned emulate_error_calls;
+extern std::atomic<unsigned> kel_debug_calls;
+extern std::atomic<unsigned> emulate_error_calls;
 void reset_hooks();
 
 using lines_t = std::vector<std::string>;
@@ -32,6 +34,13 @@ inline void *at(uintptr_t address)
 
 // A pointer to a context that is no result of a call.
 inline kel_context_t *const no_context = static_cast<kel_context_t *>(at(0x40));
+
+// Runs a call that has no context to speak through, and answers its lines, which reach standard error as well.
+lines_t lines_without_context(const std::function<void()> &call);
+
+// What is to succeed.
+kel_context_t *open_context(uint32_t version, const kel_init_options_t *allocator = nullptr);
+kel_queue_t *open_queue(kel_context_t *ctx, int length);
 
 // One line as the log callback saw it.
 struct log_line {
@@ -59,15 +68,37 @@ class test_context
         return ctx;
     }
 
-    // The messages since the last call.
+    // The messages since the last call, and the same with their prefixes.
     lines_t messages();
+    lines_t texts();
 
     // Gives the context to another thread, until the end. A call is then refused with the line wrong_thread.
     void disown();
     static std::string wrong_thread();
 
-    kel_context_t *ctx = nullptr;
+    kel_context_t *ctx;
     std::vector<log_line> lines;
+};
+
+// A scan of four bytes: 5 is there twice, 7 once.
+struct small_scan {
+    alignas(64) uint8_t in[64] = {5, 7, 5, 9};
+    alignas(64) uint8_t out[128] = {};
+    kel_vec_t src = {KEL_BYTES, 4, in, 1, 0, 0, 0, nullptr, nullptr, 0};
+    kel_vec_t dst = {KEL_BITS, 4, out, 1, 0, 0, 0, nullptr, nullptr, 0};
+    kel_int_t five = {KEL_BYTES, 1, {0, 0, 5}}, seven = {KEL_BYTES, 1, {0, 0, 7}};
+    kel_compare_t value_op = KEL_EQ, range_op = KEL_EQ_OR_EQ;
+    uint64_t flags = 0;
+
+    // The vectors and values as entry lines show them.
+    std::string text(kel_context_t *ctx) const;
+    static constexpr char five_text[] = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x5} }";
+    static constexpr char seven_text[] = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x7} }";
+
+    kel_result_t value(kel_context_t *ctx) const;
+    kel_result_t range(kel_context_t *ctx) const;
+    kel_status_t value_post(kel_queue_t *queue, void *udata = nullptr) const;
+    kel_status_t range_post(kel_queue_t *queue, void *udata = nullptr) const;
 };
 
 // Memory between two pages that fault. It starts at a multiple of align (a power of two up to 64) and ends as close to the

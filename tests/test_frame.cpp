@@ -20,29 +20,15 @@ std::string taken(int fd)
     return content;
 }
 
-// A scan of two elements that is right in all its arguments.
-struct scan {
-    alignas(64) uint8_t in[64] = {2, 3};
-    alignas(64) uint8_t out[128] = {0xa5};
-    kel_vec_t src = {KEL_BYTES, 2, in, 1, 0, 0, 0, nullptr, nullptr, 0};
-    kel_vec_t dst = {KEL_BITS, 2, out, 1, 0, 0, 0, nullptr, nullptr, 0};
-    kel_int_t two = {KEL_BYTES, 1, {0, 0, 2}};
-    kel_int_t nine = {KEL_BITS, 4, {0, 0, 9}};
-};
-
 } // namespace
 
 // ---- Calls ----------------------------------------------------------------------------------------------------------
 
-// Only KEL_DEBUG_ARG lets the flags be looked at, and the level decides on the lines alone.
+// Only KEL_DEBUG_ARG lets the flags be looked at; the level decides on the lines alone, the owner on the status.
 TEST(call, nop)
 {
     const std::string sync = "Synchronization flags must not be set for non-post functions: flags = ";
-    const struct {
-        uint32_t version;
-        uint64_t flags;
-        lines_t lines; // what validation reports
-    } rows[] = {
+    const std::tuple<uint32_t, uint64_t, lines_t> rows[] = {
         {1, 0, {}},
         {2, 0, {}},
         {1, KEL_COND, {sync + "cond\n"}},
@@ -55,109 +41,73 @@ TEST(call, nop)
         {2, 1 << 10, {sync + "pipe_mask\n"}},
         {2, 1 << 11, {"Invalid flags 11(?\?\?)"}},
     };
-    for (const auto &row : rows)
+    for (const auto &[version, flags, reports] : rows)
         for (const uint32_t debug : {1u, 14u, 0u})
-            for (const uint32_t log : {KEL_LOG_ERROR, 0u}) {
-                SCOPED_TRACE(testing::Message() << "row " << &row - rows << ", debug " << debug << ", log " << log);
-                const lines_t lines = debug == 1 ? row.lines : lines_t();
-                test_context ctx(row.version, debug, log);
-                const kel_result_t result = kel_nop(ctx, row.flags);
-                EXPECT_EQ(result.status, lines.empty() ? KEL_SUCCESS : KEL_EINVAL);
-                EXPECT_EQ(result.reserved | result.count, 0u);
-                EXPECT_EQ(ctx.messages(), log ? lines : lines_t());
-                EXPECT_EQ(kel_debug_calls, lines.size());
-            }
+            for (const uint32_t log : {KEL_LOG_ERROR, 0u})
+                for (const bool foreign : {false, true}) {
+                    SCOPED_TRACE(testing::Message() << "flags " << flags << ", debug " << debug << ", log " << log);
+                    const lines_t lines = debug == 1 ? reports : lines_t();
+                    test_context ctx(version, debug, log);
+                    if (foreign)
+                        ctx.disown();
+                    const kel_result_t result = kel_nop(ctx, flags);
+                    EXPECT_EQ(result.status, lines.empty() ? KEL_SUCCESS : foreign ? KEL_ETHREAD : KEL_EINVAL);
+                    EXPECT_EQ(result.reserved | result.count, 0u);
+                    EXPECT_EQ(ctx.messages(), log ? lines : lines_t());
+                    EXPECT_EQ(kel_debug_calls, lines.size());
+                }
 }
 
-TEST(call, line_order_and_levels)
+TEST(call, lines_and_levels)
 {
-    const struct {
-        uint32_t debug, levels;
-        std::vector<std::pair<std::string, std::string>> lines;
-    } rows[] = {
-        {0, KEL_LOG_ENTRY, {{"ENTRY", "kel_nop()"}}},
-        {0, KEL_LOG_RETURN, {{"RETURN", "kel_nop() returns {SUCCESS, count=0}"}}},
-        {1,
-         63,
-         {{"ENTRY", "kel_nop()"}, {"ERROR", "Invalid flags cache"}, {"RETURN", "kel_nop() returns {EINVAL, count=0}"}}},
-    };
-    for (const auto &row : rows) {
-        test_context ctx(2, row.debug, row.levels);
+    for (const uint32_t levels : {63u, uint32_t{KEL_LOG_ENTRY}, uint32_t{KEL_LOG_RETURN}}) {
+        test_context ctx(2, KEL_DEBUG_ARG, levels);
+        small_scan s;
+        s.flags = KEL_NOWAIT;
+        const std::string vectors = s.text(ctx), five = s.five_text, seven = s.seven_text;
         kel_nop(ctx, KEL_CACHE);
-        ASSERT_EQ(ctx.lines.size(), row.lines.size());
-        for (size_t i = 0; i < row.lines.size(); i++)
-            EXPECT_EQ(ctx.lines[i].prefix + ctx.lines[i].message, log_text(row.lines[i].first, row.lines[i].second));
+        s.value(ctx);
+        s.range(ctx);
+        s.value_op = kel_compare_t{4};
+        s.value(ctx);
+        const std::pair<uint32_t, std::string> lines[] = {
+            {KEL_LOG_ENTRY, "kel_nop()"},
+            {KEL_LOG_ERROR, "Invalid flags cache"},
+            {KEL_LOG_RETURN, "kel_nop() returns {EINVAL, count=0}"},
+            {KEL_LOG_ENTRY, "kel_scan_value(): " + vectors + ", \n  op=EQ,\n  val = " + five},
+            {KEL_LOG_VERBOSE, "Emulating kel_scan_value"},
+            {KEL_LOG_RETURN, "kel_scan_value() returns {SUCCESS, count=2}"},
+            {KEL_LOG_ENTRY,
+             "kel_scan_range(): " + vectors + ", \n  op=EQ_OR_EQ,\n  lower = " + five + ",\n  upper = " + seven},
+            {KEL_LOG_VERBOSE, "Emulating kel_scan_range"},
+            {KEL_LOG_RETURN, "kel_scan_range() returns {SUCCESS, count=3}"},
+            {KEL_LOG_ENTRY, "kel_scan_value(): " + vectors + ", \n  op=4(?\?\?),\n  val = " + five},
+            {KEL_LOG_ERROR, "Invalid op 4(?\?\?)"},
+            {KEL_LOG_RETURN, "kel_scan_value() returns {EINVAL, count=0}"},
+        };
+        lines_t expected;
+        for (const auto &[level, message] : lines)
+            if (levels & level)
+                expected.push_back(log_text(log_str(level), message));
+        EXPECT_EQ(ctx.texts(), expected);
     }
 }
 
-TEST(call, lines_of_scans)
-{
-    test_context ctx(2, KEL_DEBUG_ARG, KEL_LOG_ENTRY | KEL_LOG_RETURN);
-    const scan s;
-    char args[kel_args_text_size];
-    const std::string vectors = entry_args_str(ctx, KEL_NOWAIT, &s.src, &s.dst, args, sizeof args);
-    const std::string two = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x2} }";
-    const std::string nine = "{ elem_width=4, fmt=bits, dwords={0x0, 0x9} }";
-    kel_scan_value(ctx, KEL_NOWAIT, &s.src, &s.dst, KEL_EQ, &s.two);
-    kel_scan_range(ctx, KEL_NOWAIT, &s.src, &s.dst, KEL_GE_AND_LE, &s.two, &s.nine);
-    kel_scan_value(ctx, KEL_NOWAIT, &s.src, &s.dst, static_cast<kel_compare_t>(4), &s.two);
-    const lines_t expected = {
-        "kel_scan_value(): " + vectors + ", \n  op=EQ,\n  val = " + two,
-        "kel_scan_value() returns {SUCCESS, count=1}",
-        "kel_scan_range(): " + vectors + ", \n  op=GE_AND_LE,\n  lower = " + two + ",\n  upper = " + nine,
-        "kel_scan_range() returns {SUCCESS, count=2}",
-        "kel_scan_value(): " + vectors + ", \n  op=4(?\?\?),\n  val = " + two,
-        "kel_scan_value() returns {EINVAL, count=0}",
-    };
-    EXPECT_EQ(ctx.messages(), expected);
-}
-
-// The calls of a thread that does not own the context. Those without a validator ask for the owner with any debug
-// option, the others with KEL_DEBUG_ARG, and kel_nop never: there the owner decides on the status alone.
+// Any debug option arms the owner test of the calls that have no validator.
 TEST(call, of_a_foreign_thread)
 {
-    using call_t = kel_status_t (*)(kel_context_t *);
-    constexpr call_t nop = [](kel_context_t *ctx) { return kel_nop(ctx, 0).status; };
-    constexpr call_t bad_nop = [](kel_context_t *ctx) { return kel_nop(ctx, KEL_CACHE).status; };
-    constexpr call_t scan_value = [](kel_context_t *ctx) {
-        scan s;
-        const kel_result_t result = kel_scan_value(ctx, 0, &s.src, &s.dst, KEL_EQ, &s.two);
-        EXPECT_EQ(s.out[0], result.count ? 0x80 : 0xa5);
-        return result.status;
-    };
-    constexpr call_t version = [](kel_context_t *ctx) {
-        uint32_t value = 99;
-        const kel_status_t status = kel_version(ctx, &value);
-        EXPECT_EQ(value, status ? 99 : ctx->api_version);
-        return status;
-    };
-    const std::string wrong = test_context::wrong_thread();
-    const struct {
-        call_t call;
-        uint32_t version, debug;
-        kel_status_t status;
-        lines_t lines;
-    } rows[] = {
-        {nop, 2, 1, KEL_SUCCESS, {}},
-        {bad_nop, 2, 1, KEL_ETHREAD, {"Invalid flags cache"}},
-        {scan_value, 1, 1, KEL_ETHREAD, {wrong}},
-        {scan_value, 1, 2, KEL_SUCCESS, {}},
-        {version, 1, 8, KEL_ETHREAD, {wrong}},
-        {version, 1, 0, KEL_SUCCESS, {}},
-        {version, 2, 0, KEL_SUCCESS, {}},
-        {kel_thread_fini, 2, 1, KEL_ETHREAD, {wrong}},
-        {kel_thread_fini, 1, 2, KEL_ETHREAD, {wrong}},
-        {kel_thread_fini, 2, 4, KEL_ETHREAD, {wrong}},
-        {kel_thread_fini, 2, 8, KEL_ETHREAD, {wrong}},
-    };
-    for (const auto &row : rows)
-        for (const uint32_t log : {KEL_LOG_ERROR, 0u}) {
-            SCOPED_TRACE(&row - rows);
-            test_context ctx(row.version, row.debug, log);
+    for (const uint32_t version : {1u, 2u})
+        for (const uint32_t debug : {0u, 1u, 2u, 4u, 8u}) {
+            test_context ctx(version, debug);
             ctx.disown();
-            EXPECT_EQ(row.call(ctx), row.status);
-            EXPECT_EQ(ctx.messages(), log ? row.lines : lines_t());
-            EXPECT_EQ(kel_debug_calls, row.lines.size());
+            uint32_t value = 99;
+            EXPECT_EQ(kel_version(ctx, &value), debug ? KEL_ETHREAD : KEL_SUCCESS);
+            EXPECT_EQ(value, debug ? 99 : version);
+            if (debug) {
+                EXPECT_EQ(kel_thread_fini(ctx), KEL_ETHREAD);
+            }
+            EXPECT_EQ(ctx.messages(), lines_t(debug ? 2 : 0, test_context::wrong_thread()));
+            EXPECT_EQ(kel_debug_calls, debug ? 2u : 0u);
         }
 }
 
@@ -192,9 +142,10 @@ TEST(call, int_create)
         if (row.foreign)
             ctx.disown();
         kel_int_t val = {99, 99, {left, left, left}};
-        lines_t lines = {"kel_int_create(): ctx=" + pointer_text(ctx) + ", buf=" + pointer_text(bytes) +
-                         ", len=" + std::to_string(static_cast<long>(row.len)) + ", val=" + pointer_text(&val)};
-        lines.insert(lines.end(), row.reports.begin(), row.reports.end());
+        lines_t lines = row.reports;
+        lines.insert(lines.begin(), "kel_int_create(): ctx=" + pointer_text(ctx) + ", buf=" + pointer_text(bytes) +
+                                        ", len=" + std::to_string(static_cast<long>(row.len)) +
+                                        ", val=" + pointer_text(&val));
         lines.push_back("kel_int_create() returns " + row.status);
         EXPECT_EQ(kel_status_str(kel_int_create(ctx, bytes, row.len, &val)), row.status);
         EXPECT_EQ(ctx.messages(), lines);
@@ -207,50 +158,28 @@ TEST(call, int_create)
 
 // ---- Log lines ------------------------------------------------------------------------------------------------------
 
-// Which channels take a line. A and B are two files, S is the system log, C the callback; '-' is no descriptor. The
-// files flush the standard streams, so that what the client has printed before comes first.
+// Which channels take a line. A and B are two files, S is the system log, C the callback. The environment's descriptor
+// hides its system log; of the client's the system log comes before the descriptor, and that before the callback. With
+// both, different targets get the line each, the same one gets it once, and the next in rank takes over. The files flush
+// the standard streams, so that what the client has printed before comes first.
 TEST(log, channels)
 {
-    const struct {
-        uint32_t options_init;
-        char fd_init;
-        int syslog_init;
-        uint32_t options;
-        char fd;
-        int syslog;
-        bool cb;
-        const char *seen;
-    } rows[] = {
-        // The environment's channel alone: the descriptor hides the system log.
-        {1, 'A', 1, 0, 'B', 1, true, "A"},
-        {1, '-', 1, 0, 'B', 1, true, "S"},
-        {1, '-', 0, 0, 'B', 1, true, ""},
-        {0, 'A', 1, 0, 'B', 1, true, ""},
-        // The client's alone: the system log, the descriptor, the callback.
-        {0, 'A', 1, 1, 'B', 1, true, "S"},
-        {0, 'A', 1, 1, 'B', 0, true, "B"},
-        {0, 'A', 1, 1, '-', 0, true, "C"},
-        {0, 'A', 0, 1, 'A', 0, true, "A"},
-        // Both: different targets get the line each, the same one gets it once and the next in rank takes over.
-        {1, 'A', 0, 1, 'B', 0, true, "AB"},
-        {1, 'A', 1, 1, 'B', 1, true, "AS"},
-        {1, 'A', 0, 1, '-', 0, true, "AC"},
-        {1, 'A', 0, 1, 'A', 0, false, "A"},
-        {1, 'A', 0, 1, 'A', 0, true, "AC"},
-        {1, '-', 1, 1, 'B', 1, true, "BS"},
-        {1, '-', 1, 1, '-', 1, true, "CS"},
-        {1, '-', 0, 1, '-', 1, false, "S"},
-    };
+    // The environment's level and targets, the client's, and what is seen.
+    const std::tuple<uint32_t, std::string, uint32_t, std::string, std::string> rows[] = {
+        {1, "AS", 0, "BSC", "A"}, {1, "S", 0, "BSC", "S"},   {1, "", 0, "BSC", ""},   {0, "AS", 0, "BSC", ""},
+        {0, "AS", 1, "BSC", "S"}, {0, "AS", 1, "BC", "B"},   {0, "AS", 1, "C", "C"},  {0, "A", 1, "AC", "A"},
+        {1, "A", 1, "BC", "AB"},  {1, "AS", 1, "BSC", "AS"}, {1, "A", 1, "C", "AC"},  {1, "A", 1, "A", "A"},
+        {1, "A", 1, "AC", "AC"},  {1, "S", 1, "BSC", "BS"},  {1, "S", 1, "SC", "CS"}, {1, "", 1, "S", "S"}};
     const std::string line = log_text("ERROR", "line 7");
     const int a = memfd_create("a", 0), b = memfd_create("b", 0);
-    const auto fd = [&](char name) { return name == 'A' ? a : name == 'B' ? b : -1; };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(&row - rows);
+    const auto has = [](const std::string &channels, char name) { return channels.find(name) != std::string::npos; };
+    const auto fd = [&](const std::string &channels) { return has(channels, 'A') ? a : has(channels, 'B') ? b : -1; };
+    for (const auto &[options_init, init, options, set, targets] : rows) {
+        SCOPED_TRACE(init + " and " + set);
         test_context ctx;
         syslog_lines.clear();
-        ctx->log = {
-            row.options_init, 0,         row.options, fd(row.fd_init), fd(row.fd), row.cb ? ctx->log.cb : nullptr, &ctx,
-            row.syslog_init,  row.syslog};
+        const kel_log_func_t cb = has(set, 'C') ? ctx->log.cb : nullptr;
+        ctx->log = {options_init, 0, options, fd(init), fd(set), cb, &ctx, has(init, 'S'), has(set, 'S')};
         fputc(' ', stdout);
         kel_log_msg(ctx, KEL_LOG_ERROR, "line %d", 7);
 
@@ -258,11 +187,11 @@ TEST(log, channels)
         for (const auto &[name, text] : {std::pair{"A", taken(a)}, {"B", taken(b)}})
             seen += text == line + "\n" ? name : text;
         EXPECT_EQ(__fpending(stdout) == 0, !seen.empty());
-        for (const log_line &called : ctx.lines)
-            seen += called.prefix + called.message == line ? "C" : called.message;
+        for (const std::string &called : ctx.texts())
+            seen += called == line ? "C" : called;
         for (const std::string &logged : syslog_lines)
             seen += logged == line ? "S" : logged;
-        EXPECT_EQ(seen, row.seen);
+        EXPECT_EQ(seen, targets);
         fflush(stdout);
     }
     close(a);
@@ -278,12 +207,8 @@ TEST(log, levels_and_messages)
     for (const std::string &message :
          {std::string("100%s"), std::string(200000, 'x'), std::string("line\n"), std::string()})
         for (const auto &[level, word] : levels) {
-            const std::string line = log_text(word, message);
-            syslog_lines.clear();
-            testing::internal::CaptureStderr();
-            kel_log_msg(nullptr, level, "%s", message.c_str());
-            EXPECT_EQ(testing::internal::GetCapturedStderr(), line + "\n");
-            EXPECT_EQ(syslog_lines, lines_t{line});
+            const auto log = [&, number = level] { kel_log_msg(nullptr, number, "%s", message.c_str()); };
+            EXPECT_EQ(lines_without_context(log), lines_t{log_text(word, message)});
 
             test_context on(2, 1, level), off(2, 1, ~level);
             off->log.options_init = ~level;

@@ -1,50 +1,15 @@
 // Threads with contexts of their own, side by side: each has to see what it sees alone. Meant for ThreadSanitizer.
 #include "kel_frame.h"
-#include <atomic>
+#include "support.h"
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <map>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace
 {
 
-std::atomic<unsigned> debug_calls, syslog_lines;
-
-// One thread's allocator; it frees what a thread leaves behind.
-struct block_ledger {
-    std::map<void *, uint64_t> live = {};
-
-    ~block_ledger()
-    {
-        for (const auto &[block, size] : live)
-            free(block);
-    }
-
-    static void *take(uint64_t size, void *cb_data)
-    {
-        void *block = malloc(size);
-        static_cast<block_ledger *>(cb_data)->live[block] = size;
-        return block;
-    }
-
-    static void give(void *block, uint64_t size, void *cb_data)
-    {
-        auto &live = static_cast<block_ledger *>(cb_data)->live;
-        EXPECT_EQ(live.at(block), size);
-        live.erase(block);
-        free(block);
-    }
-
-    kel_init_options_t options()
-    {
-        return {take, give, this};
-    }
-};
+std::atomic<unsigned> syslog_calls;
 
 // Everything that one thread sees, as text: statuses, counts, outputs, and its log lines but for addresses.
 using record_t = std::string;
@@ -63,25 +28,6 @@ void record_line(kel_context_t *, void *record, uint32_t level, const char *, co
         seen += message;
 }
 
-kel_context_t *open_context(uint32_t version, const kel_init_options_t *allocator)
-{
-    kel_context_t *ctx = nullptr;
-    EXPECT_EQ(kel_thread_init(version, 1, allocator ? KEL_ALLOC : 0, allocator, &ctx), KEL_SUCCESS);
-    return ctx;
-}
-
-constexpr uint64_t formats[] = {KEL_BYTES,
-                                KEL_BITS,
-                                KEL_VAR,
-                                KEL_VAR | KEL_ADD_ONE,
-                                KEL_RLE,
-                                KEL_RLE | KEL_BITS,
-                                KEL_RLE | KEL_ADD_ONE,
-                                KEL_RLE | KEL_BITS | KEL_ADD_ONE};
-constexpr kel_compare_t value_operators[] = {KEL_EQ, KEL_GE, KEL_NE, KEL_LT, KEL_LE, KEL_GT, kel_compare_t{4}};
-constexpr kel_compare_t range_operators[] = {KEL_EQ_OR_EQ, KEL_GE_AND_LE, KEL_NE_AND_NE, KEL_LT_OR_GT,  KEL_GE_AND_LT,
-                                             KEL_LT_OR_GE, KEL_GT_AND_LE, KEL_LE_OR_GT,  KEL_GT_AND_LT, KEL_LE_OR_GE};
-
 // The buffers of a thread: a stream of one repeated byte sequence, with runs and lengths from 0 to 15.
 struct buffers {
     alignas(64) uint8_t data[2048];
@@ -89,30 +35,28 @@ struct buffers {
     alignas(64) uint8_t out[8192];
 };
 
-// One scan, at once and posted, and what it leaves.
+// A scan with every operator, and a bad one, at once and posted, and what it leaves.
 void scan(kel_context_t *ctx, kel_queue_t *queue, buffers &b, uint64_t format, uint32_t width, uint64_t flags,
           record_t &seen)
 {
-    const kel_vec_t src = {format, 100,     b.data, width, 0, 0, static_cast<uint16_t>(width % 2 ? 4 : 8),
-                           b.aux,  nullptr, 0};
-    const bool indexes = flags & KEL_ONES_INDEX;
-    const kel_vec_t dst = {
-        indexes ? KEL_BYTES : KEL_BITS, 1700, b.out, indexes ? 4u : 1u, 0, 0, 0, nullptr, nullptr, 0};
+    const auto aux_width = static_cast<uint16_t>(width % 2 ? 4 : 8);
+    const kel_vec_t src = {format, 100, b.data, width, 0, 0, aux_width, b.aux, nullptr, 0};
+    const uint64_t out_format = flags ? KEL_BYTES : KEL_BITS; // an index list, or bits
+    const kel_vec_t dst = {out_format, 1700, b.out, flags ? 4u : 1u, 0, 0, 0, nullptr, nullptr, 0};
     const kel_int_t low = {KEL_BYTES, 1, {0, 0, 3}}, high = {KEL_BYTES, 2, {0, 0, 0x9000}};
     memset(b.out, 0, sizeof b.out);
-    for (const kel_compare_t op : value_operators) {
-        const kel_result_t result = kel_scan_value(ctx, flags, &src, &dst, op, &low);
+    for (const int number : {0, 1, 2, 3, 4, 5, 7, 16, 17, 18, 19, 21, 23, 25, 27, 29, 31}) {
+        const auto op = static_cast<kel_compare_t>(number);
+        const bool range = op >= KEL_EQ_OR_EQ;
+        const kel_result_t result = range ? kel_scan_range(ctx, flags, &src, &dst, op, &low, &high)
+                                          : kel_scan_value(ctx, flags, &src, &dst, op, &low);
         note(seen, result.status, result.count);
-        kel_scan_value_post(queue, flags, &src, &dst, op, &low, b.data);
-    }
-    for (const kel_compare_t op : range_operators) {
-        const kel_result_t result = kel_scan_range(ctx, flags, &src, &dst, op, &low, &high);
-        note(seen, result.status, result.count);
-        kel_scan_range_post(queue, flags, &src, &dst, op, &low, &high, b.aux);
+        note(seen, range ? kel_scan_range_post(queue, flags, &src, &dst, op, &low, &high, b.aux)
+                         : kel_scan_value_post(queue, flags, &src, &dst, op, &low, b.data));
     }
     seen.append(reinterpret_cast<const char *>(b.out), sizeof b.out);
     note(seen, kel_cancel(queue, b.aux), kel_cancel_all(queue));
-    kel_poll_t results[40];
+    kel_poll_t results[4];
     for (int polled; (polled = kel_poll(queue, results, 4, 0)) > 0;)
         for (int i = 0; i < polled; i++)
             note(seen, results[i].status, results[i].count);
@@ -124,20 +68,18 @@ void other_calls(kel_context_t *ctx, kel_queue_t *queue, record_t &seen)
     uint32_t version = 0;
     kel_props_t props;
     kel_int_t value = {};
+    kel_poll_t result;
     note(seen, kel_version(ctx, &version), version);
     note(seen, kel_get_props(ctx, &props), props.max_elem_bits);
-    for (const size_t length : {3, 17})
+    for (const size_t length : {3u, 17u})
         note(seen, kel_int_create(ctx, "0123456789abcdefg", length, &value), value.dword[2]);
     for (const uint64_t flags : {uint64_t{0}, UINT64_MAX})
         note(seen, kel_nop(ctx, flags).status, kel_nop_post(queue, flags, nullptr));
-    kel_poll_t result;
     note(seen, kel_poll(queue, &result, 1, 0));
-    for (const size_t size : {1, 100}) {
-        kel_free(ctx, kel_malloc(ctx, size), size);
-        kel_free(ctx, kel_calloc(ctx, 2, size), 2 * size);
-        kel_free(ctx, kel_memalign(ctx, 64, size), size);
-        kel_free(ctx, kel_valloc(ctx, size), size);
-    }
+    for (const size_t size : {1u, 100u})
+        for (void *block :
+             {kel_malloc(ctx, size), kel_calloc(ctx, 1, size), kel_memalign(ctx, 64, size), kel_valloc(ctx, size)})
+            kel_free(ctx, block, size);
     for (const int code : {-19, -99})
         seen += kel_status_str(static_cast<kel_status_t>(code));
     kel_timer_print();
@@ -146,6 +88,14 @@ void other_calls(kel_context_t *ctx, kel_queue_t *queue, record_t &seen)
 // The life of a thread: pairs of contexts, of both versions, with an allocator and without, and all that they can do.
 record_t work(unsigned rounds)
 {
+    constexpr uint64_t formats[] = {KEL_BYTES,
+                                    KEL_BITS,
+                                    KEL_VAR,
+                                    KEL_VAR | KEL_ADD_ONE,
+                                    KEL_RLE,
+                                    KEL_RLE | KEL_BITS,
+                                    KEL_RLE | KEL_ADD_ONE,
+                                    KEL_RLE | KEL_BITS | KEL_ADD_ONE};
     record_t seen;
     const auto b = std::make_unique<buffers>();
     for (size_t i = 0; i < sizeof b->data; i++)
@@ -154,16 +104,14 @@ record_t work(unsigned rounds)
         b->aux[i] = static_cast<uint8_t>((i + 1) % 16);
     for (unsigned round = 0; round < rounds; round++)
         for (const uint32_t version : {1u, 2u}) {
-            block_ledger store;
-            const kel_init_options_t allocator = store.options();
-            kel_context_t *ctx = open_context(version, round % 2 ? &allocator : nullptr);
-            kel_context_t *second = open_context(3 - version, round % 2 ? &allocator : nullptr);
+            block_store store;
+            const kel_init_options_t options = store.options(), *allocator = round % 2 ? &options : nullptr;
+            kel_context_t *ctx = open_context(version, allocator), *second = open_context(3 - version, allocator);
             kel_set_log_callback(ctx, round % 3 ? KEL_LOG_ERROR | KEL_LOG_RETURN : KEL_LOG_ALL, record_line, &seen);
             kel_set_log(second, KEL_LOG_ERROR);
-            kel_queue_t *queue = nullptr;
-            EXPECT_EQ(kel_queue_create(ctx, 20, &queue), KEL_SUCCESS);
-            for (const uint32_t options : {KEL_DEBUG_ARG, KEL_DEBUG_ALL, 0u}) {
-                note(seen, kel_set_debug(ctx, options));
+            kel_queue_t *queue = open_queue(ctx, 20);
+            for (const uint32_t debug : {KEL_DEBUG_ARG, KEL_DEBUG_ALL, 0u}) {
+                note(seen, kel_set_debug(ctx, debug));
                 for (const uint64_t format : formats)
                     for (const uint32_t width : {1u, 2u, 7u, 8u, 16u})
                         for (const uint64_t flags : {uint64_t{0}, KEL_ONES_INDEX})
@@ -178,23 +126,26 @@ record_t work(unsigned rounds)
     return seen;
 }
 
-// A thread that ends with its contexts open. What is left of them goes by hand.
+// A thread that ends with its contexts open: the nodes of its list go back, the record is cleared and stays, and the
+// contexts are untouched. What is left goes by hand.
 void leave_contexts_open()
 {
-    block_ledger store;
+    block_store store;
     const kel_init_options_t allocator = store.options();
     kel_context_t *contexts[2];
     std::thread([&] {
-        for (kel_context_t *&ctx : contexts) {
+        for (kel_context_t *&ctx : contexts)
             ctx = open_context(2, &allocator);
-            kel_queue_t *queue = nullptr;
-            EXPECT_EQ(kel_queue_create(ctx, 5, &queue), KEL_SUCCESS);
-            EXPECT_EQ(kel_nop_post(queue, 0, nullptr), KEL_SUCCESS);
-        }
+        EXPECT_EQ(kel_nop_post(open_queue(contexts[0], 5), 0, nullptr), KEL_SUCCESS);
     }).join();
+    const kel_thread_t *thread = contexts[0]->thread;
+    EXPECT_EQ(store.live.size(), 1 + 3u); // a queue is three blocks
+    EXPECT_EQ(thread->refc, 0);
+    EXPECT_EQ(thread->tid, pthread_t{});
+    EXPECT_EQ(thread->ctxl_head, nullptr);
     for (kel_context_t *ctx : contexts) {
-        EXPECT_EQ(ctx->thread->refc, 0);
-        EXPECT_EQ(ctx->thread->ctxl_head, nullptr);
+        EXPECT_EQ(ctx->thread, thread);
+        EXPECT_EQ(ctx->api_version, 2u);
         free(ctx->init_options);
         free(ctx);
     }
@@ -202,14 +153,9 @@ void leave_contexts_open()
 
 } // namespace
 
-extern "C" void kel_debug(void)
-{
-    debug_calls++;
-}
-
 extern "C" void syslog(int, const char *, ...)
 {
-    syslog_lines++;
+    syslog_calls++;
 }
 
 // First side by side, so that the threads meet in what is done once in a process.
@@ -229,13 +175,13 @@ TEST(threads, see_what_they_see_alone)
         worker.join();
     running = false;
     leaving.join();
-    const unsigned together = debug_calls;
-    debug_calls = 0;
+    const unsigned together = kel_debug_calls;
+    reset_hooks();
     const record_t alone = work(rounds);
     for (const record_t &record : records)
         EXPECT_TRUE(record == alone);
     EXPECT_NE(alone.find("kel_scan_range() returns {SUCCESS, count="), record_t::npos);
-    EXPECT_GT(debug_calls, 0u);
-    EXPECT_EQ(together, 2 * debug_calls);
-    EXPECT_EQ(syslog_lines, 3 * 2 * rounds);
+    EXPECT_GT(kel_debug_calls, 0u);
+    EXPECT_EQ(together, 2 * kel_debug_calls);
+    EXPECT_EQ(syslog_calls, 3 * 2 * rounds);
 }
