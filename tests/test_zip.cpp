@@ -1,0 +1,316 @@
+// Codecs: their images, the rules that these obey, widths and places of symbols, export, release, memory.
+#include "kel_text.h"
+#include "kel_zip.h"
+#include "support.h"
+#include <algorithm>
+#include <cstdarg>
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using bytes_t = std::vector<uint8_t>;
+using widths_t = std::vector<unsigned>;
+using levelled_t = std::vector<std::pair<uint32_t, std::string>>; // lines with their levels
+
+__attribute__((format(printf, 1, 2))) std::string print(const char *format, ...)
+{
+    char text[300];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return text;
+}
+
+unsigned long place(const void *pointer) // for 0x%lx
+{
+    return reinterpret_cast<unsigned long>(pointer);
+}
+
+bool holds(const void *memory, const bytes_t &bytes)
+{
+    return memcmp(memory, bytes.data(), bytes.size()) == 0;
+}
+
+bytes_t pack(const widths_t &widths, unsigned unused = 0)
+{
+    bytes_t table((widths.size() + 1) / 2, static_cast<uint8_t>(widths.size() % 2 ? unused : 0));
+    for (size_t i = 0; i < widths.size(); i++)
+        table[i / 2] |= static_cast<uint8_t>(widths[i] << (i % 2 ? 0 : 4));
+    return table;
+}
+
+// A call that creates a codec, from a table of widths or from an image.
+struct attempt {
+    bool contig, foreign;
+    uint32_t version, generation, debug;
+    unsigned failing; // the allocation that fails, 0 for none
+    unsigned unused;  // what the half behind an odd number of widths holds
+    uint16_t nsyms;
+    widths_t widths = {};
+    bytes_t table = {}, symbols = {}, image = {}; // image: the codec's
+    size_t length = 0;                            // that is told of the caller's image, and where it is
+    uint8_t *buf = nullptr;
+    bool new_layout = false, copied = false;
+};
+
+// Attempts with several faults or none, with images at all places in blocks of 8192 bytes.
+attempt make_attempt(random_source &random)
+{
+    static constexpr unsigned counts[] = {1, 2, 3, 256, 257, 512, 513, 1023, 1024, 1025, 1026, 0};
+    static constexpr unsigned odd_widths[] = {0, 1, 8, 9, 15};
+    static constexpr size_t lengths[] = {4098, 4099, 8192, 8193};
+    alignas(8192) static uint8_t area[4 * 8192];
+    const auto nsyms = random.one_in(2) ? random.pick(counts) : random.between<unsigned>(1, 1024);
+    attempt a = {random.one_in(2),
+                 random.one_in(8),
+                 random.between<uint32_t>(1, 2),
+                 random.between<uint32_t>(0, 2),
+                 random.between<uint32_t>(0, 3),
+                 random.one_in(4) ? random.between<unsigned>(1, 2) : 0,
+                 random.one_in(9) ? random.between<unsigned>(1, 15) : 0,
+                 static_cast<uint16_t>(nsyms)};
+    if (nsyms == 0)
+        a.debug |= KEL_DEBUG_ARG; // with this test off the outcome is open
+    const unsigned widest = random.one_in(8) ? 8 : std::min(8u, 14 / ((nsyms + 256) / 256));
+    const unsigned least = random.one_in(2) ? widest : 1;
+    for (unsigned i = 0; i < nsyms; i++)
+        a.widths.push_back(random.between<unsigned>(least, widest));
+    for (uint64_t i = random.one_in(3) && nsyms ? random.between(0, 3) : 0; i > 0; i--)
+        a.widths[random.between(0, nsyms - 1)] = random.pick(odd_widths);
+    for (const unsigned width : a.widths)
+        a.symbols.insert(a.symbols.end(), width, random.between<uint8_t>(0, 255));
+    a.table = pack(a.widths, a.unused);
+    a.image = {static_cast<uint8_t>(nsyms >> 8), static_cast<uint8_t>(nsyms)};
+    a.image.insert(a.image.end(), a.table.begin(), a.table.end());
+    a.image.insert(a.image.end(), a.symbols.begin(), a.symbols.end());
+
+    const size_t size = a.image.size(), least_length = size - !a.symbols.empty();
+    const size_t longer = random.one_in(9) ? random.between(0, 2) : !a.symbols.empty();
+    a.length = random.one_in(6) ? std::max(random.pick(lengths), least_length) : least_length + longer;
+    const size_t at_border = 2 * 8192 - a.length % 8192 + random.between(0, 1);
+    a.buf = area + (random.one_in(3) ? at_border % 8192 : random.between(0, 511) * (random.one_in(9) ? 7 : 16));
+    memset(area, 0, sizeof area);
+    memcpy(a.buf, a.image.data(), size);
+    a.new_layout = !a.contig || (a.version == 1 && a.generation <= 1);
+    a.copied = a.new_layout || place(a.buf) / 8192 != (place(a.buf) + a.length - 1) / 8192;
+    if (!a.new_layout)
+        a.image.assign(a.buf, a.buf + a.length);
+    return a;
+}
+
+lines_t argument_reports(const attempt &a)
+{
+    const size_t longest = a.version == 2 ? 8192 : 4098;
+    const std::pair<bool, std::string> tests[] = {
+        {a.nsyms % 2 && a.unused, "last unused width in widths[] is not zero"},
+        {a.nsyms == 0 || a.nsyms > 1024, print("nsyms=%u exceeds maximum of 1024", a.nsyms)},
+        {a.foreign, test_context::wrong_thread()},
+        {a.contig && place(a.buf) % 16, print("buf=0x%lx is not 16 byte aligned", place(a.buf))},
+        {a.contig && a.new_layout && a.length > 4098, print("length=%lu exceeds maximum of 4098", a.length)},
+        {a.contig && a.length > longest,
+         print("zip dictionary length sum %lugreater than maximum allowed bytes of %lu", a.length, longest)}};
+    lines_t lines;
+    for (const auto &[failed, line] : tests)
+        if (failed)
+            lines.push_back(line);
+    return lines;
+}
+
+// The low half of a byte comes first; a bad width ends the walk, and if their number is odd, the high half of that byte
+// is counted and tested once more.
+unsigned sum_widths(const widths_t &widths, lines_t &faults)
+{
+    unsigned sum = 0;
+    const auto take = [&](size_t code, bool test) {
+        sum += widths[code];
+        if (test && (widths[code] == 0 || widths[code] > 8))
+            faults.push_back(print("codeword %lu maps to symbol with bad length %u bytes; bytes must be between 1 "
+                                   "and 8",
+                                   code, widths[code]));
+    };
+    size_t i = 0;
+    for (; i + 1 < widths.size() && faults.empty(); i += 2) {
+        take(i + 1, true);
+        take(i, faults.empty());
+    }
+    if (widths.size() % 2)
+        take(faults.empty() ? i : i - 2, true);
+    return sum;
+}
+
+lines_t data_reports(const attempt &a)
+{
+    lines_t lines;
+    unsigned rows[256] = {};
+    const size_t right = 2 + a.table.size() + (a.contig ? sum_widths(a.widths, lines) : 0);
+    for (size_t code = 0; code < a.nsyms; code++)
+        rows[code % 256] += a.widths[code];
+    const auto *row = std::find_if(rows, rows + 256, [](unsigned sum) { return sum > 14; });
+    if (a.version == 1 && row != rows + 256)
+        lines.push_back(print("zip dictionary symbol length sum starting at symbol %ld is %u, which exceeds the "
+                              "maximum of 14 bytes",
+                              row - rows, *row));
+    if (a.contig && a.length != right)
+        lines.push_back(print("invalid length=%lu; should be %lu", a.length, right));
+    return lines;
+}
+
+// The codec, or null. What is to be logged is added to lines, here and below.
+kel_zip_t *check_creation(test_context &ctx, const attempt &a, levelled_t &lines)
+{
+    kel_zip_t *const marker = static_cast<kel_zip_t *>(at(0x48)), *codec = marker;
+    lines_t reports = a.debug & KEL_DEBUG_ARG ? argument_reports(a) : lines_t();
+    if (reports.empty() && a.debug & KEL_DEBUG_EXTRA)
+        reports = data_reports(a);
+    const bool no_memory = a.failing > 0 && a.failing <= 1u + a.copied;
+    const kel_status_t expected = !reports.empty() ? KEL_EINVAL : no_memory ? KEL_ENOMEM : KEL_SUCCESS;
+    const kel_status_t status = a.contig ? kel_zip_create_contig(ctx, a.buf, a.length, &codec)
+                                         : kel_zip_create(ctx, a.nsyms, a.table.data(), a.symbols.data(), &codec);
+    EXPECT_EQ(status, expected);
+    const char *name = a.contig ? "kel_zip_create_contig()" : "kel_zip_create()";
+    const std::string from = a.contig ? print("buf=0x%lx, \n  length=%lu", place(a.buf), a.length)
+                                      : print("nsyms=%u, \n  widths=0x%lx, syms=0x%lx", a.nsyms, place(a.table.data()),
+                                              place(a.symbols.data()));
+    lines.emplace_back(KEL_LOG_ENTRY,
+                       print("%s: ctx=0x%lx, %s, &codec=0x%lx", name, place(ctx.ctx), from.c_str(), place(&codec)));
+    for (const std::string &report : reports)
+        lines.emplace_back(KEL_LOG_ERROR, report);
+    if (reports.empty() && a.failing != 1 && !a.new_layout && a.copied)
+        lines.emplace_back(KEL_LOG_PERF, "kel_vorp_create_contig(): buf will cross a 8192 byte alignment boundary; "
+                                         "copying to aligned buffer");
+    lines.emplace_back(KEL_LOG_RETURN,
+                       print("%s returns codec=0x%lx and status %s", name, place(codec), kel_status_str(expected)));
+    if (status != KEL_SUCCESS) {
+        EXPECT_EQ(codec, status == KEL_EINVAL && !a.contig ? marker : nullptr);
+        return nullptr;
+    }
+    auto *image = static_cast<uint8_t *>(codec->dict);
+    EXPECT_TRUE(codec->dict_sz == a.image.size() && holds(image, a.image) && codec->nsyms == a.nsyms);
+    EXPECT_TRUE(codec->vorp == 1 && codec->syms == image + 2 + a.table.size() && codec->free_dict == a.copied);
+    EXPECT_TRUE(a.copied ? place(image) % 8192 == 0 : image == a.buf);
+    return codec;
+}
+
+void check_export(test_context &ctx, const kel_zip_t *codec, const bytes_t &image, size_t room, levelled_t &lines)
+{
+    const bool refused = ctx->thread->tid != pthread_self() && ctx->debug_options & KEL_DEBUG_ARG;
+    const guarded_buffer buffer(image.size(), 1);
+    size_t length = room;
+    const kel_status_t expected = refused ? KEL_EINVAL : room >= image.size() ? KEL_SUCCESS : KEL_EOVERFLOW;
+    EXPECT_EQ(kel_zip_get_contig(ctx, codec, buffer.data, &length), expected);
+    EXPECT_EQ(length, refused ? room : image.size());
+    EXPECT_TRUE(holds(buffer.data, expected ? bytes_t(image.size(), 0xa5) : image));
+    EXPECT_EQ(kel_zip_size(ctx, codec), image.size() + 24);
+    lines.emplace_back(KEL_LOG_ENTRY, print("kel_zip_get_contig(): ctx=0x%lx, codec=0x%lx,\n  buf=0x%lx, *buflen=%lu",
+                                            place(ctx.ctx), place(codec), place(buffer.data), room));
+    if (refused)
+        lines.emplace_back(KEL_LOG_ERROR, test_context::wrong_thread());
+    else if (expected && (ctx->debug_options || ctx->log.options)) // without any option nothing is reported
+        lines.emplace_back(KEL_LOG_ERROR,
+                           print("Contig buffer overflow. buffer size = %lu, needed = %lu", room, length));
+    lines.emplace_back(KEL_LOG_RETURN,
+                       print("kel_zip_get_contig() returns *buflen=%lu and %s", length, kel_status_str(expected)));
+}
+
+void check_release(test_context &ctx, kel_zip_t *codec, levelled_t &lines)
+{
+    const bool refused = ctx->thread->tid != pthread_self() && ctx->debug_options;
+    const std::string entry = print("kel_zip_free(): ctx=0x%lx, codec=0x%lx", place(ctx.ctx), place(codec));
+    EXPECT_EQ(kel_zip_free(ctx, codec), refused ? KEL_ETHREAD : KEL_SUCCESS);
+    lines.emplace_back(refused ? KEL_LOG_ERROR : KEL_LOG_ENTRY, refused ? test_context::wrong_thread() : entry);
+    lines.emplace_back(KEL_LOG_RETURN, print("kel_zip_free() returns %s", refused ? "ETHREAD" : "SUCCESS"));
+    if (refused)
+        zip_free(ctx, codec);
+}
+
+TEST(codecs, agree_with_the_model)
+{
+    static constexpr uint32_t levels[] = {0, KEL_LOG_ERROR, 63};
+    random_source random(1);
+    for (unsigned turn = 0; turn < 12000 && !HasFailure(); turn++) {
+        const attempt a = make_attempt(random);
+        SCOPED_TRACE(print("turn %u, version %u, debug %u, image %d", turn, a.version, a.debug, a.contig));
+        block_store store = {turn % 8};
+        const kel_init_options_t allocator = store.options();
+        test_context ctx(a.version, a.debug, random.pick(levels), &allocator);
+        ctx->kel_version = a.generation;
+        const size_t blocks = store.live.size();
+        store.failing = a.failing ? store.requests.size() + a.failing : 0;
+        const bytes_t given(a.buf, a.buf + a.length);
+        levelled_t lines, seen;
+        if (a.foreign)
+            ctx.disown();
+        if (kel_zip_t *codec = check_creation(ctx, a, lines)) {
+            if (random.one_in(4))
+                ctx.disown();
+            check_export(ctx, codec, a.image, a.image.size() - 1, lines);
+            check_export(ctx, codec, a.image, a.image.size() + random.between(0, 1), lines);
+            check_release(ctx, codec, lines);
+        }
+        EXPECT_TRUE(holds(a.buf, given)) << "the caller's image";
+        EXPECT_EQ(store.live.size(), blocks);
+        const auto reports =
+            std::count_if(lines.begin(), lines.end(), [](auto &l) { return l.first == KEL_LOG_ERROR; });
+        EXPECT_EQ(kel_debug_calls, reports);
+        std::erase_if(lines, [&](const auto &line) { return !(line.first & ctx->log.options); });
+        for (const log_line &line : ctx.lines)
+            if (line.message.find(" failed to allocate ") == std::string::npos)
+                seen.emplace_back(line.level, line.message);
+        EXPECT_EQ(seen, lines);
+    }
+}
+
+void check_places(const kel_zip_t &codec, const widths_t &widths, const widths_t &places)
+{
+    std::vector<uint16_t> offsets(1025, 0xeeee);
+    kel_zip_offsets(&codec, offsets.data());
+    const void *table = kel_zip_widths(&codec);
+    EXPECT_EQ(table, static_cast<uint8_t *>(codec.dict) + (codec.vorp ? 2 : 256));
+    for (unsigned code = 0; code < codec.nsyms; code++)
+        ASSERT_TRUE(offsets[code] == places[code] && zip_width(table, code, codec.vorp) == widths[code]) << code;
+    EXPECT_TRUE(std::all_of(offsets.begin() + codec.nsyms, offsets.end(), [](uint16_t v) { return v == 0xeeee; }));
+}
+
+TEST(widths, of_both_layouts)
+{
+    random_source random(2);
+    for (unsigned turn = 0; turn < 200; turn++) {
+        const auto nsyms = random.between<uint16_t>(0, turn % 4 ? 1024 : 3);
+        widths_t widths[2], places[2]; // of rows and of a packed image
+        huff_table_t rows = {};
+        unsigned sum = 0, ends[256] = {};
+        for (unsigned code = 0; code < 1024; code++) {
+            widths[1].push_back(random.one_in(4) ? 0 : random.between<unsigned>(0, 15));
+            places[1].push_back(sum);
+            sum += widths[1][code];
+            unsigned &end = ends[code % 256];
+            places[0].push_back(code % 256 * 16 + end);
+            widths[0].push_back(random.between<unsigned>(0, 8) % (15 - end));
+            end += widths[0][code];
+            uint16_t &sbos = rows.symbols.rows[code % 256].s.sbos;
+            sbos = static_cast<uint16_t>(unsigned{sbos} << 4 | end);
+        }
+        bytes_t packed = pack(widths[1]);
+        packed.insert(packed.begin(), {0, 0});
+        const uint8_t *table = packed.data() + 2;
+        check_places({&rows, reinterpret_cast<uint8_t *>(&rows) + 258, nsyms, 4352, 0, 0, {}}, widths[0], places[0]);
+        check_places({packed.data(), nullptr, nsyms, 0, 1, 0, {}}, widths[1], places[1]);
+
+        widths[1].resize(nsyms);
+        lines_t faults;
+        int bad = 2;
+        EXPECT_EQ(zip_sum_widths(nsyms, table, &bad), sum_widths(widths[1], faults));
+        EXPECT_EQ(bad, !faults.empty());
+        while (!widths[1].empty() && widths[1].back() == 0)
+            widths[1].pop_back();
+        EXPECT_EQ(vorp_fix_zeros(nsyms, table), widths[1].size());
+    }
+    unsigned bits = 0;
+    for (unsigned nsyms = 1; nsyms < 70000; nsyms++)
+        ASSERT_EQ(zip_code_width(nsyms), bits += 1u << bits < nsyms ? 1 : 0) << nsyms;
+}
+
+} // namespace
