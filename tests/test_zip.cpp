@@ -36,7 +36,9 @@ bool holds(const void *memory, const bytes_t &bytes)
 
 bytes_t pack(const widths_t &widths, unsigned unused = 0)
 {
-    bytes_t table((widths.size() + 1) / 2, static_cast<uint8_t>(widths.size() % 2 ? unused : 0));
+    bytes_t table((widths.size() + 1) / 2);
+    if (widths.size() % 2)
+        table.back() = static_cast<uint8_t>(unused);
     for (size_t i = 0; i < widths.size(); i++)
         table[i / 2] |= static_cast<uint8_t>(widths[i] << (i % 2 ? 0 : 4));
     return table;
