@@ -20,38 +20,40 @@ std::string num(uint64_t value)
     return std::to_string(value);
 }
 
-// A dictionary, and a codec whose image ends at a page that faults. One symbol of a faulty one may have a bad width.
+// A dictionary, and a codec whose image ends at a page that faults. One symbol of a faulty one has a bad width.
 struct dictionary {
-    dictionary(random_source &random, unsigned nsyms, bool rows, bool faulty) : symbols(nsyms)
+    dictionary(random_source &random, bool faulty)
     {
         static constexpr char alphabet[] = {0, 1, 127, -1};
-        static constexpr unsigned bad_widths[] = {0, 9, 15};
-        const uint64_t widest = rows ? std::min(8u, 14 / ((nsyms + 255) / 256)) : 8;
-        auto table = std::make_unique<huff_table_t>();
-        std::string packed = {static_cast<char>(nsyms >> 8), static_cast<char>(nsyms)}, all;
-        packed.resize(2 + (nsyms + 1) / 2);
-        unsigned ends[256] = {};
+        static constexpr unsigned counts[] = {1, 1, 2, 3, 4, 255, 256, 257, 512, 513, 1000, 1024}, bad[] = {0, 9, 15};
+        const auto nsyms = random.one_in(2) ? random.pick(counts) : random.between<unsigned>(1, 1024);
+        const bool rows = !faulty && random.one_in(3);
+        const unsigned widest = rows ? std::min(8u, 14 / ((nsyms + 255) / 256)) : 8, faulty_code = nsyms / 2;
+        std::string widths(rows ? 4096 : (nsyms + 1) / 2, '\0'), all;
+        int ends[256] = {};
         for (unsigned code = 0; code < nsyms; code++) {
-            const bool bad = faulty && !rows && code == nsyms / 2;
-            symbols[code].resize(bad ? random.pick(bad_widths) : random.between<unsigned>(1, widest));
-            for (char &byte : symbols[code])
+            const bool bad_width = faulty && code == faulty_code;
+            std::string symbol(bad_width ? random.pick(bad) : random.between<unsigned>(1, widest), '\0');
+            for (char &byte : symbol)
                 byte = random.pick(alphabet);
-            all += symbols[code];
-            const auto width = static_cast<unsigned>(symbols[code].size());
-            packed[2 + code / 2] = static_cast<char>(packed[2 + code / 2] | static_cast<int>(width) << (code % 2 ? 0 : 4));
-            if (!rows)
-                continue;
-            auto &row = table->symbols.rows[code % 256].s;
-            memcpy(row.sym_bytes + ends[code % 256], symbols[code].data(), width);
-            ends[code % 256] += width;
-            row.sbos = static_cast<uint16_t>(row.sbos | ends[code % 256] << (12 - code / 256 * 4));
+            symbols.push_back(symbol);
+            const auto width = static_cast<int>(symbol.size());
+            if (rows) {
+                char *row = &widths[code % 256 * 16];
+                memcpy(row + 2 + ends[code % 256], symbol.data(), symbol.size());
+                ends[code % 256] += width;
+                row[code < 512] = static_cast<char>(row[code < 512] | ends[code % 256] << (code / 256 % 2 ? 0 : 4));
+            } else {
+                all += symbol;
+                widths[code / 2] = static_cast<char>(widths[code / 2] | width << (code % 2 ? 0 : 4));
+            }
         }
-        const size_t head = rows ? 258 : packed.size(), size = rows ? sizeof *table : head + all.size();
-        packed += all;
-        image = std::make_unique<guarded_buffer>(size, rows ? 16 : 1);
-        memcpy(image->data, rows ? static_cast<void *>(table.get()) : packed.data(), size);
-        codec = {image->data, image->data + head, static_cast<uint16_t>(nsyms), static_cast<uint16_t>(size), !rows, 0,
-                 {}};
+        const std::string head = {static_cast<char>(nsyms >> 8), static_cast<char>(nsyms)};
+        const std::string text = rows ? std::string(256, '\0') + widths : head + widths + all;
+        image = std::make_unique<guarded_buffer>(text.size(), rows ? 16 : 1);
+        auto *syms = static_cast<uint8_t *>(memcpy(image->data, text.data(), text.size()));
+        syms += rows ? 258 : 2 + widths.size();
+        codec = {image->data, syms, static_cast<uint16_t>(nsyms), static_cast<uint16_t>(text.size()), !rows, 0, {}};
         while (1u << code_width < nsyms)
             code_width++;
     }
@@ -62,20 +64,14 @@ struct dictionary {
     unsigned code_width = 0;
 };
 
-dictionary random_dictionary(random_source &random, bool faulty)
-{
-    static constexpr unsigned counts[] = {1, 1, 2, 3, 4, 255, 256, 257, 512, 513, 1000, 1024};
-    const auto nsyms = random.one_in(2) ? random.pick(counts) : random.between<unsigned>(1, 1024);
-    return {random, nsyms, random.one_in(3), faulty};
-}
-
 struct bit_writer {
     void append(uint64_t field, unsigned bits)
     {
         for (; bits > 0; bits--, position++) {
             if (position % 8 == 0)
                 bytes += '\0';
-            bytes.back() = static_cast<char>(bytes.back() | static_cast<int>(field >> (bits - 1) & 1) << (7 - position % 8));
+            bytes.back() =
+                static_cast<char>(bytes.back() | static_cast<int>(field >> (bits - 1) & 1) << (7 - position % 8));
         }
     }
 
@@ -151,7 +147,7 @@ source::source(random_source &random, const dictionary &from, bool faulty)
     if (plain.format & KEL_BITS && random.one_in(3))
         plain.elem_width *= 8;
     const uint64_t bits = plain.elem_width * (plain.format & KEL_BITS ? 1 : 8);
-    const bool add_one = plain.format & (KEL_VAR | KEL_RLE) && random.one_in(2), zeros = random.one_in(6);
+    const bool add_one = plain.format & (KEL_VAR | KEL_RLE) && random.one_in(2), zeros = !faulty && random.one_in(6);
     plain.format |= add_one ? KEL_ADD_ONE : 0;
     plain.aux_width = random.pick(aux_widths);
     plain.aux_offset = random.between<uint8_t>(0, 7);
@@ -184,7 +180,9 @@ source::source(random_source &random, const dictionary &from, bool faulty)
         zipped.codewords = 0;
     zipped.codec = const_cast<kel_zip_t *>(&from.codec);
     zipped.data = place(random, stream.bytes);
-    plain.data = place(random, decode(*this, from, false, 0).bytes.substr(0, wanted));
+    std::string decoded = decode(*this, from, false, 0).bytes;
+    decoded.resize(wanted);
+    plain.data = place(random, decoded);
 }
 
 // ---- Expansion alone ------------------------------------------------------------------------------------------------
@@ -198,7 +196,7 @@ TEST(expansion, agrees_with_the_model)
         block_store store = {turn % 8};
         const kel_init_options_t allocator = store.options();
         test_context ctx(turn / 2 % 2 + 1, extra ? KEL_DEBUG_EXTRA : 0, KEL_LOG_ERROR, &allocator);
-        const dictionary from = random_dictionary(random, extra && random.one_in(4));
+        const dictionary from(random, extra && random.one_in(4));
         const source s(random, from, extra && random.one_in(4));
         const expansion all = decode(s, from, false, UINT64_MAX);
         SCOPED_TRACE("turn " + num(turn));
@@ -266,6 +264,8 @@ constexpr operation operations[] = {OPERATION(scan_value, r.op, &r.lower),
                                     OPERATION(scan_range, r.op, &r.lower, &r.upper), OPERATION(extract),
                                     OPERATION(select, &r.side), OPERATION(translate, &r.side, 1)};
 
+enum way_t { called, emulated, posted };
+
 struct outcome {
     kel_status_t status;
     uint64_t count, done; // done: output and elements as the completion record tells them
@@ -306,8 +306,7 @@ class request_maker
         return r;
     }
 
-    // Runs the public call, or the emulation alone.
-    outcome run(test_context &ctx, bool public_call, unsigned op, const kel_vec_t &src, request r)
+    outcome run(test_context &ctx, way_t way, unsigned op, const kel_vec_t &src, request r)
     {
         const uint64_t bits = r.dst.elem_width * (r.dst.format ? 1 : 8), most = 256 * 16; // a run may go past the end
         const uint64_t room = (bits * r.dst.elements + 511) / 512 * 64 + 64 + most;
@@ -316,17 +315,31 @@ class request_maker
         reset_hooks();
         cca_t cca = {0x5a5a5a5a, 0x5a5a5a5a, 0x5a5a5a5a5a5a5a5a};
         kel_result_t result = {};
-        if (public_call)
+        if (way == called)
             result = operations[op].call(ctx, &src, r);
+        else if (way == emulated)
+            result = {operations[op].emulate(ctx, &src, r, &cca), 0, cca.retval};
         else
-            result.status = operations[op].emulate(ctx, &src, r, &cca);
+            result = post(ctx, op, src, r);
         return {result.status,
-                public_call ? result.count : cca.retval,
+                result.count,
                 uint64_t{cca.output_sz} << 32 | cca.n_processed,
                 std::string(static_cast<char *>(r.dst.data) - 64, room + 64),
                 ctx.messages(),
                 kel_debug_calls,
                 emulate_error_calls};
+    }
+
+    static kel_result_t post(test_context &ctx, unsigned op, const kel_vec_t &src, const request &r)
+    {
+        kel_queue_t *queue = nullptr;
+        kel_poll_t polled = {};
+        kel_queue_create(ctx, 1, &queue);
+        polled.status = operations[op].post(queue, &src, r);
+        if (polled.status == KEL_SUCCESS)
+            EXPECT_EQ(kel_poll(queue, &polled, 1, 0), 1);
+        kel_queue_destroy(queue);
+        return {polled.status, 0, polled.count};
     }
 
     random_source random;
@@ -342,97 +355,60 @@ INSTANTIATE_TEST_SUITE_P(contexts, operations_on_compressed,
 
 TEST_P(operations_on_compressed, equal_those_on_plain)
 {
+    static constexpr way_t ways[] = {called, called, emulated, posted};
+    constexpr uint64_t before = 0x5a5a5a5a5a5a5a5a; // what the completion record holds
     const auto [version, debug] = GetParam();
     block_store store = {uint64_t{version} * debug};
     const kel_init_options_t allocator = store.options();
-    test_context ctx(version, debug, KEL_LOG_ERROR | KEL_LOG_VERBOSE | KEL_LOG_PERF, &allocator);
+    test_context ctx(version, debug, KEL_LOG_ERROR, &allocator);
     request_maker maker(10 * version + debug);
     random_source &random = maker.random;
     const size_t blocks = store.live.size();
     for (unsigned turn = 0; turn < 3500 && !HasFailure();) {
-        const dictionary from = random_dictionary(random, false);
-        const source s(random, from, false);
-        const bool aux = s.plain.format & (KEL_VAR | KEL_RLE),
-                   narrow = s.plain.elem_width * (s.plain.format & 1 ? 1 : 8) <= 16;
+        const bool faulty = debug == 3 && random.one_in(8);
+        const dictionary from(random, faulty);
+        const source s(random, from, faulty);
+        const bool aux = s.plain.format & (KEL_VAR | KEL_RLE), narrow = s.plain.elem_width <= 2;
         const auto op = random.between<unsigned>(0, operations_count - 1);
         if ((op == select && aux) || (op == translate && (debug || s.plain.format & KEL_VAR || !narrow)))
             continue;
         turn++;
+        store.failing = 0;
         const request r = maker.make(op, s.plain, s.expanded);
-        const bool public_call = random.one_in(2), failing = random.one_in(8);
-        outcome expected = maker.run(ctx, public_call, op, s.plain, r);
+        const way_t way = random.pick(ways);
+        outcome expected = maker.run(ctx, way, op, s.plain, r);
+        const expansion e = decode(s, from, debug & KEL_DEBUG_EXTRA, s.wanted + 8);
+        const bool refused = expected.status == KEL_EINVAL, failing = way != posted && random.one_in(8);
         const size_t requests = store.requests.size();
         store.failing = failing ? requests + 1 : 0;
-        const bool refused = expected.status == KEL_EINVAL;
-        if (!refused && failing) {
-            const std::string line = "kel_malloc failed to allocate " + num(s.wanted + 8) + " bytes";
-            expected = {KEL_ENOMEM,
-                        public_call ? uint64_t{0} : 0x5a5a5a5a5a5a5a5a,
-                        0x5a5a5a5a5a5a5a5a,
+        if (!refused && (failing || e.status == KEL_EDATAFMT)) {
+            const uint64_t count = way == emulated ? before : 0;
+            const unsigned told = way == called && !failing;
+            const std::string no_memory = "kel_malloc failed to allocate " + num(s.wanted + 8) + " bytes";
+            expected = {failing ? KEL_ENOMEM : KEL_EDATAFMT,
+                        count,
+                        before,
                         std::string(expected.bytes.size(), '\xa5'),
-                        {expected.lines[0], line},
-                        0,
+                        failing ? lines_t{no_memory}
+                        : told  ? e.fault
+                                : lines_t(),
+                        told,
                         0};
-        } else if (!refused && decode(s, from, false, s.wanted + 8).status == KEL_EOVERFLOW) {
-            expected.lines.insert(expected.lines.begin() + 1, "kel_unzip outlen=" + num(s.wanted + 8) + " overflow");
+        } else if (!refused && e.status == KEL_EOVERFLOW) {
+            expected.lines.insert(expected.lines.begin(), "kel_unzip outlen=" + num(s.wanted + 8) + " overflow");
             expected.debug_calls++;
         }
-        const outcome seen = maker.run(ctx, public_call, op, s.zipped, r);
-        EXPECT_TRUE(seen == expected) << "turn " << turn << ", operation " << op << ": status " << seen.status
-                                      << ", not " << expected.status << "; " << testing::PrintToString(seen.lines)
-                                      << ", not " << testing::PrintToString(expected.lines);
-        EXPECT_EQ(store.requests.size(), requests + !refused);
+        const outcome seen = maker.run(ctx, way, op, s.zipped, r);
+        EXPECT_TRUE(seen == expected) << "turn " << turn << ", operation " << op << ", way " << way << ": status "
+                                      << seen.status << ", not " << expected.status << "; "
+                                      << testing::PrintToString(seen.lines) << ", not "
+                                      << testing::PrintToString(expected.lines);
+        EXPECT_TRUE(way == posted || store.requests.size() == requests + !refused);
         EXPECT_EQ(store.live.size(), blocks);
     }
 }
 
-// A bad codeword is told by the synchronous calls alone.
-TEST(operations, bad_codewords)
-{
-    request_maker maker(3);
-    for (unsigned turn = 0; turn < 1000; turn++) {
-        test_context ctx(2, KEL_DEBUG_ARG | KEL_DEBUG_EXTRA);
-        const dictionary from = random_dictionary(maker.random, true);
-        const source s(maker.random, from, true);
-        const lines_t fault = decode(s, from, true, UINT64_MAX).fault;
-        const unsigned op = turn % translate;
-        if (fault.empty() || s.plain.format > KEL_BITS)
-            continue;
-        request r = maker.make(op, s.plain, s.expanded);
-        r.dst.elements = s.expanded;
-        const outcome seen = maker.run(ctx, true, op, s.zipped, r);
-        const std::string untouched(seen.bytes.size(), '\xa5');
-        const outcome expected = {KEL_EDATAFMT, 0, 0x5a5a5a5a5a5a5a5a, untouched, fault, 1, 0};
-        ASSERT_TRUE(seen == expected) << testing::PrintToString(seen.lines) << testing::PrintToString(fault);
-
-        kel_queue_t *queue = nullptr;
-        kel_poll_t result;
-        ASSERT_EQ(kel_queue_create(ctx, 2, &queue), KEL_SUCCESS);
-        r.dst.data = maker.area.data;
-        EXPECT_EQ(operations[op].post(queue, &s.zipped, r), KEL_SUCCESS);
-        EXPECT_EQ(kel_poll(queue, &result, 1, 0), 1);
-        EXPECT_EQ(result.status, KEL_EDATAFMT);
-        EXPECT_EQ(ctx.messages(), lines_t());
-        EXPECT_EQ(kel_debug_calls, 1u);
-    }
-}
-
 // ---- Damaged data ---------------------------------------------------------------------------------------------------
-
-// Two pages between two that fault.
-struct fenced_buffer : guarded_buffer {
-    fenced_buffer() : guarded_buffer(8192, 1)
-    {
-        mprotect(data - 4096, 4096, PROT_NONE);
-    }
-
-    // Random bytes at the front or in front of the end.
-    uint8_t *place(random_source &random, size_t bytes)
-    {
-        random.fill(data, size);
-        return random.one_in(2) ? data : data + size - bytes;
-    }
-};
 
 // Memory up to a bound.
 void *take_some(uint64_t bytes, void *store)
@@ -450,10 +426,16 @@ TEST(damaged, nothing_outside_is_touched)
     block_store store;
     const kel_init_options_t allocator = {take_some, block_store::give, &store};
     test_context ctx(2, 0, 0, &allocator);
-    fenced_buffer image, stream, aux;
+    const guarded_buffer image(8192, 1), stream(8192, 1), aux(8192, 1);
+    for (const auto *buffer : {&image, &stream, &aux})
+        mprotect(buffer->data - 4096, 4096, PROT_NONE);
+    const auto place = [&](const guarded_buffer &buffer, size_t bytes) { // between these pages, next to one of them
+        random.fill(buffer.data, buffer.size);
+        return random.one_in(2) ? buffer.data : buffer.data + buffer.size - bytes;
+    };
     for (unsigned turn = 0; turn < 10000; turn++) {
         const size_t length = random.between(0, random.one_in(2) ? 12 : 3000), words = random.between(2, 40) * 8;
-        uint8_t *dict = image.place(random, length);
+        uint8_t *dict = place(image, length);
         if (random.one_in(2) && length > 1) {
             dict[0] = random.between<uint8_t>(0, 4);
             std::fill(dict + 2, dict + std::min<size_t>(length, 500), random.one_in(2) ? 0x11 : 0x95);
@@ -464,7 +446,7 @@ TEST(damaged, nothing_outside_is_touched)
         const unsigned code_width = zip_code_width(codec->nsyms), lead = random.between<unsigned>(0, 7);
         kel_vec_t src = {KEL_ZIP | random.pick(formats),
                          random.between(0, 300),
-                         stream.place(random, words) + lead,
+                         place(stream, words) + lead,
                          1,
                          random.between<uint8_t>(0, 7),
                          0,
@@ -472,7 +454,7 @@ TEST(damaged, nothing_outside_is_touched)
                          nullptr,
                          codec,
                          0};
-        src.aux_data = aux.place(random, 2048);
+        src.aux_data = place(aux, 2048);
         if (src.aux_width > 8 && src.format & KEL_RLE) // runs that outgrow the destination are not the expansion's
             memset(aux.data, 0, aux.size);
         src.elem_width = random.between<uint32_t>(1, random.one_in(9) ? 300 : 16);
@@ -484,7 +466,7 @@ TEST(damaged, nothing_outside_is_touched)
         const auto op = random.between<unsigned>(0, select);
         const request r = maker.make(op, src, random.between(0, 400));
         if (op != select || src.elements < 1000)
-            maker.run(ctx, random.one_in(2), op, src, r);
+            maker.run(ctx, random.one_in(2) ? called : emulated, op, src, r);
         zip_valid_syms(ctx, &src, codec);
         zip_free(ctx, codec);
     }

@@ -12,7 +12,6 @@ namespace
 
 using bytes_t = std::vector<uint8_t>;
 using widths_t = std::vector<unsigned>;
-using levelled_t = std::vector<std::pair<uint32_t, std::string>>; // lines with their levels
 
 __attribute__((format(printf, 1, 2))) std::string print(const char *format, ...)
 {
@@ -160,33 +159,23 @@ lines_t data_reports(const attempt &a)
     return lines;
 }
 
-// The codec, or null. What is to be logged is added to lines, here and below.
-kel_zip_t *check_creation(test_context &ctx, const attempt &a, levelled_t &lines)
+// The codec, or null; with the lines that are to be logged.
+kel_zip_t *check_creation(test_context &ctx, const attempt &a, lines_t &lines)
 {
     kel_zip_t *const marker = static_cast<kel_zip_t *>(at(0x48)), *codec = marker;
-    lines_t reports = a.debug & KEL_DEBUG_ARG ? argument_reports(a) : lines_t();
-    if (reports.empty() && a.debug & KEL_DEBUG_EXTRA)
-        reports = data_reports(a);
-    const bool no_memory = a.failing > 0 && a.failing <= 1u + a.copied;
-    const kel_status_t expected = !reports.empty() ? KEL_EINVAL : no_memory ? KEL_ENOMEM : KEL_SUCCESS;
+    if (a.debug & KEL_DEBUG_ARG)
+        lines = argument_reports(a);
+    if (lines.empty() && a.debug & KEL_DEBUG_EXTRA)
+        lines = data_reports(a);
+    const bool refused = !lines.empty(), no_memory = a.failing > 0 && a.failing <= 1u + a.copied;
     const kel_status_t status = a.contig ? kel_zip_create_contig(ctx, a.buf, a.length, &codec)
                                          : kel_zip_create(ctx, a.nsyms, a.table.data(), a.symbols.data(), &codec);
-    EXPECT_EQ(status, expected);
-    const char *name = a.contig ? "kel_zip_create_contig()" : "kel_zip_create()";
-    const std::string from = a.contig ? print("buf=0x%lx, \n  length=%lu", place(a.buf), a.length)
-                                      : print("nsyms=%u, \n  widths=0x%lx, syms=0x%lx", a.nsyms, place(a.table.data()),
-                                              place(a.symbols.data()));
-    lines.emplace_back(KEL_LOG_ENTRY,
-                       print("%s: ctx=0x%lx, %s, &codec=0x%lx", name, place(ctx.ctx), from.c_str(), place(&codec)));
-    for (const std::string &report : reports)
-        lines.emplace_back(KEL_LOG_ERROR, report);
-    if (reports.empty() && a.failing != 1 && !a.new_layout && a.copied)
-        lines.emplace_back(KEL_LOG_PERF, "kel_vorp_create_contig(): buf will cross a 8192 byte alignment boundary; "
-                                         "copying to aligned buffer");
-    lines.emplace_back(KEL_LOG_RETURN,
-                       print("%s returns codec=0x%lx and status %s", name, place(codec), kel_status_str(expected)));
+    EXPECT_EQ(status, refused ? KEL_EINVAL : no_memory ? KEL_ENOMEM : KEL_SUCCESS);
+    EXPECT_EQ(kel_debug_calls, lines.size());
+    if (!refused && a.failing != 1 && !a.new_layout && a.copied)
+        lines = {"kel_vorp_create_contig(): buf will cross a 8192 byte alignment boundary; copying to aligned buffer"};
     if (status != KEL_SUCCESS) {
-        EXPECT_EQ(codec, status == KEL_EINVAL && !a.contig ? marker : nullptr);
+        EXPECT_EQ(codec, refused && !a.contig ? marker : nullptr);
         return nullptr;
     }
     auto *image = static_cast<uint8_t *>(codec->dict);
@@ -196,73 +185,104 @@ kel_zip_t *check_creation(test_context &ctx, const attempt &a, levelled_t &lines
     return codec;
 }
 
-void check_export(test_context &ctx, const kel_zip_t *codec, const bytes_t &image, size_t room, levelled_t &lines)
+// On the way out, from this thread or as if from another.
+void check_end(test_context &ctx, kel_zip_t *codec, const bytes_t &image, bool foreign, lines_t &lines)
 {
-    const bool refused = ctx->thread->tid != pthread_self() && ctx->debug_options & KEL_DEBUG_ARG;
-    const guarded_buffer buffer(image.size(), 1);
-    size_t length = room;
-    const kel_status_t expected = refused ? KEL_EINVAL : room >= image.size() ? KEL_SUCCESS : KEL_EOVERFLOW;
-    EXPECT_EQ(kel_zip_get_contig(ctx, codec, buffer.data, &length), expected);
-    EXPECT_EQ(length, refused ? room : image.size());
-    EXPECT_TRUE(holds(buffer.data, expected ? bytes_t(image.size(), 0xa5) : image));
-    EXPECT_EQ(kel_zip_size(ctx, codec), image.size() + 24);
-    lines.emplace_back(KEL_LOG_ENTRY, print("kel_zip_get_contig(): ctx=0x%lx, codec=0x%lx,\n  buf=0x%lx, *buflen=%lu",
-                                            place(ctx.ctx), place(codec), place(buffer.data), room));
-    if (refused)
-        lines.emplace_back(KEL_LOG_ERROR, test_context::wrong_thread());
-    else if (expected && (ctx->debug_options || ctx->log.options)) // without any option nothing is reported
-        lines.emplace_back(KEL_LOG_ERROR,
-                           print("Contig buffer overflow. buffer size = %lu, needed = %lu", room, length));
-    lines.emplace_back(KEL_LOG_RETURN,
-                       print("kel_zip_get_contig() returns *buflen=%lu and %s", length, kel_status_str(expected)));
-}
-
-void check_release(test_context &ctx, kel_zip_t *codec, levelled_t &lines)
-{
-    const bool refused = ctx->thread->tid != pthread_self() && ctx->debug_options;
-    const std::string entry = print("kel_zip_free(): ctx=0x%lx, codec=0x%lx", place(ctx.ctx), place(codec));
-    EXPECT_EQ(kel_zip_free(ctx, codec), refused ? KEL_ETHREAD : KEL_SUCCESS);
-    lines.emplace_back(refused ? KEL_LOG_ERROR : KEL_LOG_ENTRY, refused ? test_context::wrong_thread() : entry);
-    lines.emplace_back(KEL_LOG_RETURN, print("kel_zip_free() returns %s", refused ? "ETHREAD" : "SUCCESS"));
-    if (refused)
+    const size_t size = image.size();
+    const bool refused = foreign && ctx->debug_options & KEL_DEBUG_ARG, kept = foreign && ctx->debug_options;
+    EXPECT_EQ(kel_zip_size(ctx, codec), size + 24);
+    if (foreign)
+        ctx.disown();
+    for (const size_t room : {size - 1, size, size + 1}) {
+        const guarded_buffer buffer(size, 1);
+        size_t length = room;
+        const kel_status_t expected = refused ? KEL_EINVAL : room >= size ? KEL_SUCCESS : KEL_EOVERFLOW;
+        EXPECT_EQ(kel_zip_get_contig(ctx, codec, buffer.data, &length), expected);
+        EXPECT_EQ(length, refused ? room : size);
+        EXPECT_TRUE(holds(buffer.data, expected ? bytes_t(size, 0xa5) : image));
+        if (refused)
+            lines.push_back(test_context::wrong_thread());
+        else if (expected && (ctx->debug_options || ctx->log.options)) // without any option nothing is reported
+            lines.push_back(print("Contig buffer overflow. buffer size = %lu, needed = %lu", room, size));
+    }
+    EXPECT_EQ(kel_zip_free(ctx, codec), kept ? KEL_ETHREAD : KEL_SUCCESS);
+    if (kept) {
+        lines.push_back(test_context::wrong_thread());
         zip_free(ctx, codec);
+    }
 }
 
 TEST(codecs, agree_with_the_model)
 {
-    static constexpr uint32_t levels[] = {0, KEL_LOG_ERROR, 63};
     random_source random(1);
     for (unsigned turn = 0; turn < 12000 && !HasFailure(); turn++) {
         const attempt a = make_attempt(random);
         SCOPED_TRACE(print("turn %u, version %u, debug %u, image %d", turn, a.version, a.debug, a.contig));
         block_store store = {turn % 8};
         const kel_init_options_t allocator = store.options();
-        test_context ctx(a.version, a.debug, random.pick(levels), &allocator);
+        const bool logged = !random.one_in(3);
+        test_context ctx(a.version, a.debug, logged ? KEL_LOG_ERROR | KEL_LOG_PERF : 0, &allocator);
         ctx->kel_version = a.generation;
         const size_t blocks = store.live.size();
         store.failing = a.failing ? store.requests.size() + a.failing : 0;
         const bytes_t given(a.buf, a.buf + a.length);
-        levelled_t lines, seen;
         if (a.foreign)
             ctx.disown();
+        lines_t lines;
         if (kel_zip_t *codec = check_creation(ctx, a, lines)) {
-            if (random.one_in(4))
-                ctx.disown();
-            check_export(ctx, codec, a.image, a.image.size() - 1, lines);
-            check_export(ctx, codec, a.image, a.image.size() + random.between(0, 1), lines);
-            check_release(ctx, codec, lines);
+            reset_hooks();
+            const size_t before = lines.size();
+            check_end(ctx, codec, a.image, a.foreign || random.one_in(4), lines);
+            EXPECT_EQ(kel_debug_calls, lines.size() - before);
         }
+        lines_t seen = ctx.messages();
+        std::erase_if(seen, [](const auto &line) { return line.find(" failed to allocate ") != line.npos; });
+        EXPECT_EQ(seen, logged ? lines : lines_t());
         EXPECT_TRUE(holds(a.buf, given)) << "the caller's image";
         EXPECT_EQ(store.live.size(), blocks);
-        const auto reports =
-            std::count_if(lines.begin(), lines.end(), [](auto &l) { return l.first == KEL_LOG_ERROR; });
-        EXPECT_EQ(kel_debug_calls, reports);
-        std::erase_if(lines, [&](const auto &line) { return !(line.first & ctx->log.options); });
-        for (const log_line &line : ctx.lines)
-            if (line.message.find(" failed to allocate ") == std::string::npos)
-                seen.emplace_back(line.level, line.message);
-        EXPECT_EQ(seen, lines);
+
+        lines_t faults;
+        int bad = 2;
+        EXPECT_EQ(zip_sum_widths(a.nsyms, a.table.data(), &bad), sum_widths(a.widths, faults));
+        EXPECT_EQ(bad, !faults.empty());
+        unsigned left = a.nsyms;
+        while (left > 0 && a.widths[left - 1] == 0)
+            left--;
+        EXPECT_EQ(vorp_fix_zeros(a.nsyms, a.table.data()), left);
     }
+}
+
+TEST(codecs, entry_and_return_lines)
+{
+    test_context ctx(2, KEL_DEBUG_ARG, KEL_LOG_ENTRY | KEL_LOG_RETURN);
+    alignas(16) uint8_t image[16] = {0, 1, 0x10, 'A'};
+    size_t length = sizeof image;
+    kel_zip_t *codec = nullptr;
+    kel_zip_create(ctx, 1, image + 2, image + 3, &codec);
+    const unsigned long context = place(ctx.ctx), first = place(codec);
+    kel_zip_get_contig(ctx, codec, image, &length);
+    EXPECT_EQ(hex(image, length), "00011041");
+    kel_zip_free(ctx, codec);
+    kel_zip_create_contig(ctx, image, length, &codec);
+    const unsigned long second = place(codec);
+    ctx.disown();
+    kel_zip_free(ctx, codec);
+    zip_free(ctx, codec);
+    kel_zip_create_contig(ctx, image, length, &codec);
+    const std::string from_image = print("kel_zip_create_contig(): ctx=0x%lx, buf=0x%lx, \n  length=4, &codec=0x%lx",
+                                         context, place(image), place(&codec));
+    EXPECT_EQ(
+        ctx.messages(),
+        (lines_t{print("kel_zip_create(): ctx=0x%lx, nsyms=1, \n  widths=0x%lx, syms=0x%lx, &codec=0x%lx", context,
+                       place(image + 2), place(image + 3), place(&codec)),
+                 print("kel_zip_create() returns codec=0x%lx and status SUCCESS", first),
+                 print("kel_zip_get_contig(): ctx=0x%lx, codec=0x%lx,\n  buf=0x%lx, *buflen=16", context, first,
+                       place(image)),
+                 "kel_zip_get_contig() returns *buflen=4 and SUCCESS",
+                 print("kel_zip_free(): ctx=0x%lx, codec=0x%lx", context, first), "kel_zip_free() returns SUCCESS",
+                 from_image, print("kel_zip_create_contig() returns codec=0x%lx and status SUCCESS", second),
+                 "kel_zip_free() returns ETHREAD", from_image,
+                 "kel_zip_create_contig() returns codec=0x0 and status EINVAL"}));
 }
 
 void check_places(const kel_zip_t &codec, const widths_t &widths, const widths_t &places)
@@ -297,18 +317,8 @@ TEST(widths, of_both_layouts)
         }
         bytes_t packed = pack(widths[1]);
         packed.insert(packed.begin(), {0, 0});
-        const uint8_t *table = packed.data() + 2;
         check_places({&rows, reinterpret_cast<uint8_t *>(&rows) + 258, nsyms, 4352, 0, 0, {}}, widths[0], places[0]);
         check_places({packed.data(), nullptr, nsyms, 0, 1, 0, {}}, widths[1], places[1]);
-
-        widths[1].resize(nsyms);
-        lines_t faults;
-        int bad = 2;
-        EXPECT_EQ(zip_sum_widths(nsyms, table, &bad), sum_widths(widths[1], faults));
-        EXPECT_EQ(bad, !faults.empty());
-        while (!widths[1].empty() && widths[1].back() == 0)
-            widths[1].pop_back();
-        EXPECT_EQ(vorp_fix_zeros(nsyms, table), widths[1].size());
     }
     unsigned bits = 0;
     for (unsigned nsyms = 1; nsyms < 70000; nsyms++)
