@@ -63,7 +63,7 @@ attempt make_attempt(random_source &random)
     static constexpr unsigned counts[] = {1, 2, 3, 256, 257, 512, 513, 1023, 1024, 1025, 1026, 0};
     static constexpr unsigned odd_widths[] = {0, 1, 8, 9, 15};
     static constexpr size_t lengths[] = {4098, 4099, 8192, 8193};
-    alignas(8192) static uint8_t area[4 * 8192];
+    alignas(2 * 8192) static uint8_t area[4 * 8192];
     const auto nsyms = random.one_in(2) ? random.pick(counts) : random.between<unsigned>(1, 1024);
     attempt a = {random.one_in(2),
                  random.one_in(8),
