@@ -28,33 +28,17 @@ unsigned long place(const void *pointer) // for 0x%lx
     return reinterpret_cast<unsigned long>(pointer);
 }
 
-bool holds(const void *memory, const bytes_t &bytes)
-{
-    return memcmp(memory, bytes.data(), bytes.size()) == 0;
-}
-
-bytes_t pack(const widths_t &widths, unsigned unused = 0)
-{
-    bytes_t table((widths.size() + 1) / 2);
-    if (widths.size() % 2)
-        table.back() = static_cast<uint8_t>(unused);
-    for (size_t i = 0; i < widths.size(); i++)
-        table[i / 2] |= static_cast<uint8_t>(widths[i] << (i % 2 ? 0 : 4));
-    return table;
-}
-
-// A call that creates a codec, from a table of widths or from an image.
+// A call that creates a codec, from an image or from the widths and symbols in it.
 struct attempt {
-    bool contig, foreign;
+    bool contig, foreign, half_used; // half_used: behind an odd number of widths
     uint32_t version, generation, debug;
     unsigned failing; // the allocation that fails, 0 for none
-    unsigned unused;  // what the half behind an odd number of widths holds
     uint16_t nsyms;
     widths_t widths = {};
-    bytes_t table = {}, symbols = {}, image = {}; // image: the codec's
-    size_t length = 0;                            // that is told of the caller's image, and where it is
-    uint8_t *buf = nullptr;
-    bool new_layout = false, copied = false;
+    uint8_t *buf = nullptr; // the image, the length that is told of it, and where its symbols are
+    size_t length = 0, head = 0;
+    bool relaid = false, copied = false; // what becomes of it
+    bytes_t image = {};                  // the codec's
 };
 
 // Attempts with several faults or none, with images at all places in blocks of 8192 bytes.
@@ -67,11 +51,11 @@ attempt make_attempt(random_source &random)
     const auto nsyms = random.one_in(2) ? random.pick(counts) : random.between<unsigned>(1, 1024);
     attempt a = {random.one_in(2),
                  random.one_in(8),
+                 nsyms % 2 && random.one_in(9),
                  random.between<uint32_t>(1, 2),
                  random.between<uint32_t>(0, 2),
                  random.between<uint32_t>(0, 3),
                  random.one_in(4) ? random.between<unsigned>(1, 2) : 0,
-                 random.one_in(9) ? random.between<unsigned>(1, 15) : 0,
                  static_cast<uint16_t>(nsyms)};
     if (nsyms == 0)
         a.debug |= KEL_DEBUG_ARG; // with this test off the outcome is open
@@ -81,24 +65,25 @@ attempt make_attempt(random_source &random)
         a.widths.push_back(random.between<unsigned>(least, widest));
     for (uint64_t i = random.one_in(3) && nsyms ? random.between(0, 3) : 0; i > 0; i--)
         a.widths[random.between(0, nsyms - 1)] = random.pick(odd_widths);
-    for (const unsigned width : a.widths)
-        a.symbols.insert(a.symbols.end(), width, random.between<uint8_t>(0, 255));
-    a.table = pack(a.widths, a.unused);
-    a.image = {static_cast<uint8_t>(nsyms >> 8), static_cast<uint8_t>(nsyms)};
-    a.image.insert(a.image.end(), a.table.begin(), a.table.end());
-    a.image.insert(a.image.end(), a.symbols.begin(), a.symbols.end());
-
-    const size_t size = a.image.size(), least_length = size - !a.symbols.empty();
-    const size_t longer = random.one_in(9) ? random.between(0, 2) : !a.symbols.empty();
-    a.length = random.one_in(6) ? std::max(random.pick(lengths), least_length) : least_length + longer;
+    a.head = 2 + (nsyms + 1) / 2;
+    bytes_t image = {static_cast<uint8_t>(nsyms >> 8), static_cast<uint8_t>(nsyms)};
+    image.resize(a.head);
+    image.back() = static_cast<uint8_t>(a.half_used ? random.between(1, 15) : image.back());
+    for (unsigned i = 0; i < nsyms; i++) {
+        image[2 + i / 2] |= static_cast<uint8_t>(a.widths[i] << (i % 2 ? 0 : 4));
+        image.insert(image.end(), a.widths[i], random.between<uint8_t>(0, 255));
+    }
+    const size_t least_length = std::max(a.head, image.size() - 1);
+    a.length = random.one_in(9) ? least_length + random.between(0, 2) : image.size();
+    if (random.one_in(6))
+        a.length = std::max(random.pick(lengths), least_length);
     const size_t at_border = 2 * 8192 - a.length % 8192 + random.between(0, 1);
     a.buf = area + (random.one_in(3) ? at_border % 8192 : random.between(0, 511) * (random.one_in(9) ? 7 : 16));
     memset(area, 0, sizeof area);
-    memcpy(a.buf, a.image.data(), size);
-    a.new_layout = !a.contig || (a.version == 1 && a.generation <= 1);
-    a.copied = a.new_layout || place(a.buf) / 8192 != (place(a.buf) + a.length - 1) / 8192;
-    if (!a.new_layout)
-        a.image.assign(a.buf, a.buf + a.length);
+    memcpy(a.buf, image.data(), image.size());
+    a.relaid = !a.contig || (a.version == 1 && a.generation <= 1);
+    a.copied = a.relaid || place(a.buf) / 8192 != (place(a.buf) + a.length - 1) / 8192;
+    a.image = a.relaid ? image : bytes_t(a.buf, a.buf + a.length);
     return a;
 }
 
@@ -106,11 +91,11 @@ lines_t argument_reports(const attempt &a)
 {
     const size_t longest = a.version == 2 ? 8192 : 4098;
     const std::pair<bool, std::string> tests[] = {
-        {a.nsyms % 2 && a.unused, "last unused width in widths[] is not zero"},
+        {a.half_used, "last unused width in widths[] is not zero"},
         {a.nsyms == 0 || a.nsyms > 1024, print("nsyms=%u exceeds maximum of 1024", a.nsyms)},
         {a.foreign, test_context::wrong_thread()},
         {a.contig && place(a.buf) % 16, print("buf=0x%lx is not 16 byte aligned", place(a.buf))},
-        {a.contig && a.new_layout && a.length > 4098, print("length=%lu exceeds maximum of 4098", a.length)},
+        {a.contig && a.relaid && a.length > 4098, print("length=%lu exceeds maximum of 4098", a.length)},
         {a.contig && a.length > longest,
          print("zip dictionary length sum %lugreater than maximum allowed bytes of %lu", a.length, longest)}};
     lines_t lines;
@@ -146,7 +131,7 @@ lines_t data_reports(const attempt &a)
 {
     lines_t lines;
     unsigned rows[256] = {};
-    const size_t right = 2 + a.table.size() + (a.contig ? sum_widths(a.widths, lines) : 0);
+    const size_t right = a.head + (a.contig ? sum_widths(a.widths, lines) : 0);
     for (size_t code = 0; code < a.nsyms; code++)
         rows[code % 256] += a.widths[code];
     const auto *row = std::find_if(rows, rows + 256, [](unsigned sum) { return sum > 14; });
@@ -159,6 +144,22 @@ lines_t data_reports(const attempt &a)
     return lines;
 }
 
+// Each symbol lies behind the one before, in the image or in the row.
+void check_places(const kel_zip_t &codec, const widths_t &widths)
+{
+    std::vector<uint16_t> offsets(codec.nsyms + 1u, 0xeeee);
+    kel_zip_offsets(&codec, offsets.data());
+    const void *table = kel_zip_widths(&codec);
+    EXPECT_EQ(table, static_cast<uint8_t *>(codec.dict) + (codec.vorp ? 2 : 256));
+    unsigned ends[256] = {};
+    for (unsigned code = 0; code < codec.nsyms; code++) {
+        const unsigned row = codec.vorp ? 0 : code % 256;
+        ASSERT_TRUE(offsets[code] == row * 16 + ends[row] && zip_width(table, code, codec.vorp) == widths[code]);
+        ends[row] += widths[code];
+    }
+    EXPECT_EQ(offsets.back(), 0xeeee);
+}
+
 // The codec, or null; with the lines that are to be logged.
 kel_zip_t *check_creation(test_context &ctx, const attempt &a, lines_t &lines)
 {
@@ -169,19 +170,20 @@ kel_zip_t *check_creation(test_context &ctx, const attempt &a, lines_t &lines)
         lines = data_reports(a);
     const bool refused = !lines.empty(), no_memory = a.failing > 0 && a.failing <= 1u + a.copied;
     const kel_status_t status = a.contig ? kel_zip_create_contig(ctx, a.buf, a.length, &codec)
-                                         : kel_zip_create(ctx, a.nsyms, a.table.data(), a.symbols.data(), &codec);
+                                         : kel_zip_create(ctx, a.nsyms, a.buf + 2, a.buf + a.head, &codec);
     EXPECT_EQ(status, refused ? KEL_EINVAL : no_memory ? KEL_ENOMEM : KEL_SUCCESS);
     EXPECT_EQ(kel_debug_calls, lines.size());
-    if (!refused && a.failing != 1 && !a.new_layout && a.copied)
+    if (!refused && a.failing != 1 && !a.relaid && a.copied)
         lines = {"kel_vorp_create_contig(): buf will cross a 8192 byte alignment boundary; copying to aligned buffer"};
     if (status != KEL_SUCCESS) {
         EXPECT_EQ(codec, refused && !a.contig ? marker : nullptr);
         return nullptr;
     }
     auto *image = static_cast<uint8_t *>(codec->dict);
-    EXPECT_TRUE(codec->dict_sz == a.image.size() && holds(image, a.image) && codec->nsyms == a.nsyms);
-    EXPECT_TRUE(codec->vorp == 1 && codec->syms == image + 2 + a.table.size() && codec->free_dict == a.copied);
-    EXPECT_TRUE(a.copied ? place(image) % 8192 == 0 : image == a.buf);
+    EXPECT_EQ(bytes_t(image, image + codec->dict_sz), a.image);
+    EXPECT_TRUE(codec->nsyms == a.nsyms && codec->vorp == 1 && codec->syms == image + a.head);
+    EXPECT_TRUE(codec->free_dict == a.copied && (a.copied ? place(image) % 8192 == 0 : image == a.buf));
+    check_places(*codec, a.widths);
     return codec;
 }
 
@@ -199,7 +201,7 @@ void check_end(test_context &ctx, kel_zip_t *codec, const bytes_t &image, bool f
         const kel_status_t expected = refused ? KEL_EINVAL : room >= size ? KEL_SUCCESS : KEL_EOVERFLOW;
         EXPECT_EQ(kel_zip_get_contig(ctx, codec, buffer.data, &length), expected);
         EXPECT_EQ(length, refused ? room : size);
-        EXPECT_TRUE(holds(buffer.data, expected ? bytes_t(size, 0xa5) : image));
+        EXPECT_EQ(bytes_t(buffer.data, buffer.data + size), expected ? bytes_t(size, 0xa5) : image);
         if (refused)
             lines.push_back(test_context::wrong_thread());
         else if (expected && (ctx->debug_options || ctx->log.options)) // without any option nothing is reported
@@ -238,17 +240,17 @@ TEST(codecs, agree_with_the_model)
         lines_t seen = ctx.messages();
         std::erase_if(seen, [](const auto &line) { return line.find(" failed to allocate ") != line.npos; });
         EXPECT_EQ(seen, logged ? lines : lines_t());
-        EXPECT_TRUE(holds(a.buf, given)) << "the caller's image";
+        EXPECT_EQ(bytes_t(a.buf, a.buf + a.length), given) << "the caller's image";
         EXPECT_EQ(store.live.size(), blocks);
 
         lines_t faults;
         int bad = 2;
-        EXPECT_EQ(zip_sum_widths(a.nsyms, a.table.data(), &bad), sum_widths(a.widths, faults));
+        EXPECT_EQ(zip_sum_widths(a.nsyms, a.buf + 2, &bad), sum_widths(a.widths, faults));
         EXPECT_EQ(bad, !faults.empty());
         unsigned left = a.nsyms;
         while (left > 0 && a.widths[left - 1] == 0)
             left--;
-        EXPECT_EQ(vorp_fix_zeros(a.nsyms, a.table.data()), left);
+        EXPECT_EQ(vorp_fix_zeros(a.nsyms, a.buf + 2), left);
     }
 }
 
@@ -285,40 +287,19 @@ TEST(codecs, entry_and_return_lines)
                  "kel_zip_create_contig() returns codec=0x0 and status EINVAL"}));
 }
 
-void check_places(const kel_zip_t &codec, const widths_t &widths, const widths_t &places)
-{
-    std::vector<uint16_t> offsets(1025, 0xeeee);
-    kel_zip_offsets(&codec, offsets.data());
-    const void *table = kel_zip_widths(&codec);
-    EXPECT_EQ(table, static_cast<uint8_t *>(codec.dict) + (codec.vorp ? 2 : 256));
-    for (unsigned code = 0; code < codec.nsyms; code++)
-        ASSERT_TRUE(offsets[code] == places[code] && zip_width(table, code, codec.vorp) == widths[code]) << code;
-    EXPECT_TRUE(std::all_of(offsets.begin() + codec.nsyms, offsets.end(), [](uint16_t v) { return v == 0xeeee; }));
-}
-
-TEST(widths, of_both_layouts)
+TEST(widths, of_rows_and_codewords)
 {
     random_source random(2);
     for (unsigned turn = 0; turn < 200; turn++) {
-        const auto nsyms = random.between<uint16_t>(0, turn % 4 ? 1024 : 3);
-        widths_t widths[2], places[2]; // of rows and of a packed image
-        huff_table_t rows = {};
-        unsigned sum = 0, ends[256] = {};
+        widths_t widths;
+        huff_table_t table = {};
         for (unsigned code = 0; code < 1024; code++) {
-            widths[1].push_back(random.one_in(4) ? 0 : random.between<unsigned>(0, 15));
-            places[1].push_back(sum);
-            sum += widths[1][code];
-            unsigned &end = ends[code % 256];
-            places[0].push_back(code % 256 * 16 + end);
-            widths[0].push_back(random.between<unsigned>(0, 8) % (15 - end));
-            end += widths[0][code];
-            uint16_t &sbos = rows.symbols.rows[code % 256].s.sbos;
-            sbos = static_cast<uint16_t>(unsigned{sbos} << 4 | end);
+            uint16_t &sbos = table.symbols.rows[code % 256].s.sbos;
+            widths.push_back(random.between<unsigned>(0, 8) % (15 - sbos % 16));
+            sbos = static_cast<uint16_t>(unsigned{sbos} << 4 | (sbos % 16 + widths.back()));
         }
-        bytes_t packed = pack(widths[1]);
-        packed.insert(packed.begin(), {0, 0});
-        check_places({&rows, reinterpret_cast<uint8_t *>(&rows) + 258, nsyms, 4352, 0, 0, {}}, widths[0], places[0]);
-        check_places({packed.data(), nullptr, nsyms, 0, 1, 0, {}}, widths[1], places[1]);
+        auto *image = reinterpret_cast<uint8_t *>(&table);
+        check_places({image, image + 258, random.between<uint16_t>(0, 1024), 4352, 0, 0, {}}, widths);
     }
     unsigned bits = 0;
     for (unsigned nsyms = 1; nsyms < 70000; nsyms++)
