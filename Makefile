@@ -5,7 +5,7 @@ JOBS := $(shell nproc)
 CONFIGURE = cmake --preset release $(CMAKE_FLAGS)
 COMPILE = cmake --build $(BUILD) -j $(JOBS) --target
 
-.PHONY: all demo test bench sanitize install clean tools test-tools bench-tools
+.PHONY: all demo test bench sanitize fuzz install clean tools test-tools bench-tools fuzz-tools
 
 all: tools
 	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=OFF
@@ -28,6 +28,18 @@ sanitize: test-tools
 	cmake --build build/sanitize -j $(JOBS)
 	ctest --preset sanitize -j $(JOBS)
 
+# The fuzzers, each for some seconds.
+SECONDS := 60
+FUZZERS := fuzz_zip
+fuzz: fuzz-tools
+	cmake --preset fuzz $(CMAKE_FLAGS)
+	cmake --build build/fuzz -j $(JOBS) --target $(FUZZERS)
+	mkdir -p build/corpus
+	for fuzzer in $(FUZZERS); do \
+	    mkdir -p build/corpus/$$fuzzer && \
+	    build/fuzz/tests/$$fuzzer -max_total_time=$(SECONDS) -max_len=4096 -use_value_profile=1 build/corpus/$$fuzzer || exit 1; \
+	done
+
 # Options go to the benchmark program: make bench BENCH=--benchmark_filter=nop
 bench: bench-tools
 	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=ON
@@ -47,3 +59,5 @@ test-tools:
 	@tools/need.sh gtest
 bench-tools:
 	@tools/need.sh benchmark
+fuzz-tools:
+	@tools/need.sh gtest fuzz

@@ -2,6 +2,7 @@
 #include "kel_translate.h"
 #include "kel_io.h"
 #include "kel_valid.h"
+#include "kel_zip.h"
 #include <algorithm>
 
 // A source element of 3 bytes is accepted beside the bits.
@@ -70,11 +71,23 @@ struct element_faults {
     element_fault high_bits;
 };
 
-// Kept: elements and counts are looked at in 32 bits, and of a run-length source the stored elements.
+// Elements that can be read. Kept: counts are looked at in 32 bits. A compressed source, which is refused unless
+// arguments are unchecked, has as many as its codewords have bits for.
+static uint32_t readable_elements(const kel_vec_t *src)
+{
+    const auto elements = static_cast<uint32_t>(src->elements);
+    const uint64_t width = kel_width_bits(src);
+    if (!(src->format & KEL_ZIP) || width == 0)
+        return elements;
+    const uint64_t stream_bits = src->codewords * zip_code_width(src->codec->nsyms);
+    return static_cast<uint32_t>(std::min<uint64_t>(elements, stream_bits / width));
+}
+
+// Kept: elements are looked at in 32 bits, and of a run-length source the stored ones.
 static element_faults find_faults(kel_context_t *ctx, const kel_vec_t *src, uint32_t bitmap_len, uint32_t high_mask)
 {
     element_faults faults;
-    const auto elements = static_cast<uint32_t>(src->elements);
+    const uint32_t elements = readable_elements(src);
     if (elements == 0)
         return faults;
     kel_input_t in;

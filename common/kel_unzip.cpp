@@ -45,18 +45,18 @@ unsigned row_width(const kel_zip_t *codec, unsigned code)
     return row + sizeof(huff_sym_table_entry_t) <= codec->dict_sz ? huff_width(kel_zip_widths(codec), code) : 0;
 }
 
-unsigned width_in_image(const kel_zip_t *codec, unsigned code)
-{
-    return codec->vorp ? packed_width(codec, code) : row_width(codec, code);
-}
-
-// The symbols of a codec by codeword. What is not in the dictionary has width 0.
+// The symbols of a codec by codeword. What is not in the dictionary, or not inside the image, has width 0.
 struct symbols_t {
     uint64_t bytes[kel_max_zip_symbols]; // in the order of memory; of a longer symbol the last 8
     uint8_t width[kel_max_zip_symbols];
     bool sound; // every width of the dictionary is 1 to 8
 
     explicit symbols_t(const kel_zip_t *codec);
+
+    unsigned width_of(uint32_t code, const kel_zip_t *codec) const
+    {
+        return code < std::min<unsigned>(codec->nsyms, kel_max_zip_symbols) ? width[code] : 0;
+    }
 
   private:
     void load(const kel_zip_t *codec, unsigned code, uint64_t place, unsigned symbol_width);
@@ -181,7 +181,8 @@ struct decoded_t {
     }
 };
 
-kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, unsigned nsyms, bool extra, decoded_t &dst)
+kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, const kel_zip_t *codec, bool extra,
+                             decoded_t &dst)
 {
     if (stream.wanted <= 0) // a reader loads at once
         return KEL_SUCCESS;
@@ -190,7 +191,7 @@ kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, unsigne
         if (stream.codewords-- == 0)
             return KEL_EDATAFMT;
         const uint32_t code = reader.next();
-        const unsigned width = code < nsyms ? symbols.width[code] : 0;
+        const unsigned width = symbols.width_of(code, codec);
         if (extra) {
             if (bad_width(width))
                 return KEL_EDATAFMT;
@@ -269,7 +270,7 @@ kel_status_t kel_unzip(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t
         const symbols_t symbols(codec);
         if (!extra && symbols.sound && stream.code_width > 0)
             bulk_table[stream.code_width - 1](stream, symbols, decoded);
-        const kel_status_t status = unzip_codewords(stream, symbols, codec->nsyms, extra, decoded);
+        const kel_status_t status = unzip_codewords(stream, symbols, codec, extra, decoded);
         if (status != KEL_SUCCESS)
             return status;
     }
@@ -281,6 +282,7 @@ int zip_valid_syms(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t *co
     stream_t stream(src, codec, kel_decoded_bytes(ctx, src));
     if (stream.wanted <= 0)
         return 1;
+    const symbols_t symbols(codec);
     code_reader reader(stream);
     for (unsigned long index = 0; stream.wanted > 0; index++) {
         if (index == stream.codewords) {
@@ -293,7 +295,7 @@ int zip_valid_syms(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t *co
                        index);
             return 0;
         }
-        const unsigned width = width_in_image(codec, code);
+        const unsigned width = symbols.width_of(code, codec);
         if (bad_width(width)) {
             kel_report(ctx,
                        "EDATAFMT: codeword %u at index %lu maps to symbol with bad length %u bytes; must be between 1 "

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <stdexcept>
 
 constexpr size_t room_behind = 128;       // a destination's end is rounded up to 64 bytes, and needs 64 more
 constexpr uint32_t most_packed_bits = 24; // a wider element is a whole number of bytes
@@ -115,6 +116,55 @@ column_t column_t::run_length(const std::vector<int32_t> &plain, range_t range)
 kel_int_t column_t::value(int64_t number) const
 {
     return {KEL_BITS, vec.elem_width, {0, 0, static_cast<uint64_t>(number - lowest)}};
+}
+
+// ---- Compressed texts -----------------------------------------------------------------------------------------------
+
+int32_t text_number(const std::string &text)
+{
+    int32_t number = 0;
+    for (const char letter : text)
+        number = number << 8 | static_cast<uint8_t>(letter);
+    return number;
+}
+
+std::string number_text(int64_t number, size_t letters)
+{
+    std::string text;
+    for (size_t i = letters; i-- > 0;)
+        text += static_cast<char>(number >> 8 * i);
+    return text;
+}
+
+text_column_t::text_column_t(kel_context_t *ctx, const std::vector<std::string> &texts)
+{
+    std::string letters;
+    std::vector<int32_t> codes; // of each letter of each text
+    for (const std::string &text : texts) {
+        plain.push_back(text_number(text));
+        for (const char letter : text) {
+            if (letters.find(letter) == std::string::npos)
+                letters += letter;
+            codes.push_back(static_cast<int32_t>(letters.find(letter)));
+        }
+    }
+    const std::vector<uint8_t> one_byte_each((letters.size() + 1) / 2, 0x11); // widths of 4 bits
+    std::vector<uint8_t> widths = one_byte_each;
+    if (letters.size() % 2 != 0)
+        widths.back() = 0x10;
+    kel_zip_t *made = nullptr;
+    const auto *symbols = reinterpret_cast<const uint8_t *>(letters.data());
+    if (kel_zip_create(ctx, static_cast<uint16_t>(letters.size()), widths.data(), symbols, &made) != KEL_SUCCESS)
+        throw std::runtime_error("kel_zip_create fails");
+    codec = {made, [ctx](kel_zip_t *one) { kel_zip_free(ctx, one); }};
+
+    const auto code_bits = static_cast<uint32_t>(std::bit_width(letters.size() - 1));
+    codewords = pack(codes, 0, code_bits);
+    vec = make_vec(KEL_ZIP, texts.size(), static_cast<uint32_t>(texts[0].size()), codewords);
+    vec.codec = made;
+    vec.codewords = codes.size();
+    width_bits = code_bits * vec.elem_width;
+    packed_bytes = bytes_for(codes.size(), code_bits) + 2 + widths.size() + letters.size();
 }
 
 // ---- Results --------------------------------------------------------------------------------------------------------

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <kel.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -51,6 +53,24 @@ struct column_t {
     blocks_t elements;
     blocks_t repeats;
 };
+
+// A column of short texts of one length, compressed. A codec has a symbol for each letter that occurs, and the letters
+// of the texts are a stream of codewords. Plain: the texts as numbers, the first letter on top.
+struct text_column_t {
+    text_column_t(kel_context_t *ctx, const std::vector<std::string> &texts);
+
+    std::vector<int32_t> plain;
+    kel_vec_t vec;       // of the texts' bytes, by way of the codec
+    uint32_t width_bits; // of a packed text
+    size_t packed_bytes; // of the codewords and the codec
+
+  private:
+    blocks_t codewords;
+    std::unique_ptr<kel_zip_t, std::function<void(kel_zip_t *)>> codec;
+};
+
+int32_t text_number(const std::string &text);
+std::string number_text(int64_t number, size_t letters);
 
 // Where an operation writes: a bit for each row, or a list of elements.
 struct result_t {

@@ -56,10 +56,10 @@ void run_step(const step_t &step, found_t &found, const std::function<kel_result
     check_result(std::string(step.call) + ", " + step.what, found, outcome.count, found);
     const size_t rows = found.vec.elements;
     size_t packed = 0;
-    for (const kel_vec_t *source : step.sources)
-        packed += packed_bytes(*source);
+    for (const source_t &source : step.sources)
+        packed += source.bytes;
     printf("%-14s  %-26s  %-11s  %4" PRIu32 "  %8zu  %8zu  %6" PRIu64, step.call, step.what.c_str(), step.column,
-           width_bits(*step.sources[0]), packed, step.plain_bytes * rows, outcome.count);
+           step.sources[0].width, packed, step.plain_bytes * rows, outcome.count);
     if (timed)
         printf("  %6.0f  %12.0f", best_rate(rows, call), best_rate(rows, [&] { loop(found); }));
     puts("");

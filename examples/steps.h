@@ -14,12 +14,20 @@ struct found_t : result_t {
     uint64_t count = 0;                                             // rows that match, or elements of the list
 };
 
-// What a step does, and what it reads: columns and bit vectors.
+// What a step reads: a column or a bit vector.
+struct source_t {
+    source_t(const kel_vec_t *vec) : width(width_bits(*vec)), bytes(packed_bytes(*vec)) {}
+    source_t(const text_column_t *column) : width(column->width_bits), bytes(column->packed_bytes) {}
+
+    uint32_t width; // bits
+    size_t bytes;
+};
+
 struct step_t {
     const char *call;
     std::string what;
     const char *column;
-    std::vector<const kel_vec_t *> sources;
+    std::vector<source_t> sources;
     size_t plain_bytes; // of the plain arrays, for a row
 };
 

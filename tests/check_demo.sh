@@ -21,7 +21,8 @@ middle='$3 >= 500 && $3 <= 1000'
 early='substr($1, 12) < "06:00"'
 from='($4 == "EWR" || $4 == "JFK" || $4 == "LGA")'
 found="($middle || $early) && \$2 > 120"
-wanted="$found && $from && substr(\$1, 6, 2) != \"03\""
+not_march="$found && $from && substr(\$1, 6, 2) != \"03\""
+wanted="$not_march && \$5 != \"ORD\" && \$5 != \"MDW\""
 expect_count kel_scan_range "500 to 1000 miles" "$middle"
 expect_count kel_scan_value "before 6 in the morning" "$early"
 expect_count kel_or "either of the two" "$middle || $early"
@@ -30,7 +31,9 @@ expect_count kel_and "either, and late" "$found"
 expect_count kel_translate "from New York" "$from"
 expect_count kel_and "these, from New York" "$found && $from"
 expect_count kel_translate "not in March" 'substr($1, 6, 2) != "03"'
-expect_count kel_and "these, not in March" "$wanted"
+expect_count kel_and "these, not in March" "$not_march"
+expect_count kel_scan_range "not to Chicago" '$5 != "ORD" && $5 != "MDW"'
+expect_count kel_and "these, not to Chicago" "$wanted"
 expect_count kel_extract "runs to rows" 1
 for column in time origin destination distance delay day; do
     expect_count kel_select "[124]-byte elements  *$column" "$wanted"

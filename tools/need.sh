@@ -1,5 +1,5 @@
 #!/bin/sh
-# Makes sure that the build tools are there: need.sh [gtest] [benchmark] [lint]
+# Makes sure that the build tools are there: need.sh [gtest] [benchmark] [lint] [fuzz]
 # Installs the missing Debian packages where it may; elsewhere names what is missing and fails.
 set -u
 
@@ -11,6 +11,11 @@ have_cxx20() {
 
 have_header() {
     echo "#include <$1>" | "${CXX:-c++}" -std=c++20 -x c++ -fsyntax-only - 2>/dev/null
+}
+
+have_fuzzer() {
+    echo 'extern "C" int LLVMFuzzerTestOneInput(const char *, unsigned long) { return 0; }' |
+        clang++ -fsanitize=fuzzer,address -x c++ - -o /dev/null 2>/dev/null
 }
 
 need() { # need PACKAGE COMMAND...
@@ -32,6 +37,7 @@ check() {
             need liblz4-dev have_header lz4.h
             need libzstd-dev have_header zstd.h
             ;;
+        fuzz) need clang have_fuzzer ;;
         lint) need clang-format command -v clang-format && need clang-tidy command -v clang-tidy ;;
         *) echo "need.sh: what is $extra?" >&2; exit 2 ;;
         esac

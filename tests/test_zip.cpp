@@ -1,0 +1,309 @@
+// Codecs: their images, the rules that these obey, widths and places of symbols, export, release, memory.
+#include "kel_text.h"
+#include "kel_zip.h"
+#include "support.h"
+#include <algorithm>
+#include <cstdarg>
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using bytes_t = std::vector<uint8_t>;
+using widths_t = std::vector<unsigned>;
+
+__attribute__((format(printf, 1, 2))) std::string print(const char *format, ...)
+{
+    char text[300];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return text;
+}
+
+unsigned long place(const void *pointer) // for 0x%lx
+{
+    return reinterpret_cast<unsigned long>(pointer);
+}
+
+// A call that creates a codec, from an image or from the widths and symbols in it.
+struct attempt {
+    bool contig, foreign, half_used; // half_used: behind an odd number of widths
+    uint32_t version, generation, debug;
+    unsigned failing; // the allocation that fails, 0 for none
+    uint16_t nsyms;
+    widths_t widths = {};
+    uint8_t *buf = nullptr; // the image, the length that is told of it, and where its symbols are
+    size_t length = 0, head = 0;
+    bool relaid = false, copied = false; // what becomes of it
+    bytes_t image = {};                  // the codec's
+};
+
+// Attempts with several faults or none, with images at all places in blocks of 8192 bytes.
+attempt make_attempt(random_source &random)
+{
+    static constexpr unsigned counts[] = {1, 2, 3, 256, 257, 512, 513, 1023, 1024, 1025, 1026, 0};
+    static constexpr unsigned odd_widths[] = {0, 1, 8, 9, 15};
+    static constexpr size_t lengths[] = {4098, 4099, 8192, 8193};
+    alignas(2 * 8192) static uint8_t area[4 * 8192];
+    const auto nsyms = random.one_in(2) ? random.pick(counts) : random.between<unsigned>(1, 1024);
+    attempt a = {random.one_in(2),
+                 random.one_in(8),
+                 nsyms % 2 && random.one_in(9),
+                 random.between<uint32_t>(1, 2),
+                 random.between<uint32_t>(0, 2),
+                 random.between<uint32_t>(0, 3),
+                 random.one_in(4) ? random.between<unsigned>(1, 2) : 0,
+                 static_cast<uint16_t>(nsyms)};
+    if (nsyms == 0)
+        a.debug |= KEL_DEBUG_ARG; // with this test off the outcome is open
+    const unsigned widest = random.one_in(8) ? 8 : std::min(8u, 14 / ((nsyms + 256) / 256));
+    const unsigned least = random.one_in(2) ? widest : 1;
+    for (unsigned i = 0; i < nsyms; i++)
+        a.widths.push_back(random.between<unsigned>(least, widest));
+    for (uint64_t i = random.one_in(3) && nsyms ? random.between(0, 3) : 0; i > 0; i--)
+        a.widths[random.between(0, nsyms - 1)] = random.pick(odd_widths);
+    a.head = 2 + (nsyms + 1) / 2;
+    bytes_t image = {static_cast<uint8_t>(nsyms >> 8), static_cast<uint8_t>(nsyms)};
+    image.resize(a.head);
+    image.back() = static_cast<uint8_t>(a.half_used ? random.between(1, 15) : image.back());
+    for (unsigned i = 0; i < nsyms; i++) {
+        image[2 + i / 2] |= static_cast<uint8_t>(a.widths[i] << (i % 2 ? 0 : 4));
+        image.insert(image.end(), a.widths[i], random.between<uint8_t>(0, 255));
+    }
+    const size_t least_length = std::max(a.head, image.size() - 1);
+    a.length = random.one_in(9) ? least_length + random.between(0, 2) : image.size();
+    if (random.one_in(6))
+        a.length = std::max(random.pick(lengths), least_length);
+    const size_t at_border = 2 * 8192 - a.length % 8192 + random.between(0, 1);
+    a.buf = area + (random.one_in(3) ? at_border % 8192 : random.between(0, 511) * (random.one_in(9) ? 7 : 16));
+    memset(area, 0, sizeof area);
+    memcpy(a.buf, image.data(), image.size());
+    a.relaid = !a.contig || (a.version == 1 && a.generation <= 1);
+    a.copied = a.relaid || place(a.buf) / 8192 != (place(a.buf) + a.length - 1) / 8192;
+    a.image = a.relaid ? image : bytes_t(a.buf, a.buf + a.length);
+    return a;
+}
+
+lines_t argument_reports(const attempt &a)
+{
+    const size_t longest = a.version == 2 ? 8192 : 4098;
+    const std::pair<bool, std::string> tests[] = {
+        {a.half_used, "last unused width in widths[] is not zero"},
+        {a.nsyms == 0 || a.nsyms > 1024, print("nsyms=%u exceeds maximum of 1024", a.nsyms)},
+        {a.foreign, test_context::wrong_thread()},
+        {a.contig && place(a.buf) % 16, print("buf=0x%lx is not 16 byte aligned", place(a.buf))},
+        {a.contig && a.relaid && a.length > 4098, print("length=%lu exceeds maximum of 4098", a.length)},
+        {a.contig && a.length > longest,
+         print("zip dictionary length sum %lugreater than maximum allowed bytes of %lu", a.length, longest)}};
+    lines_t lines;
+    for (const auto &[failed, line] : tests)
+        if (failed)
+            lines.push_back(line);
+    return lines;
+}
+
+// The low half of a byte comes first; a bad width ends the walk, and if their number is odd, the high half of that byte
+// is counted and tested once more.
+unsigned sum_widths(const widths_t &widths, lines_t &faults)
+{
+    unsigned sum = 0;
+    const auto take = [&](size_t code, bool test) {
+        sum += widths[code];
+        if (test && (widths[code] == 0 || widths[code] > 8))
+            faults.push_back(print("codeword %lu maps to symbol with bad length %u bytes; bytes must be between 1 "
+                                   "and 8",
+                                   code, widths[code]));
+    };
+    size_t i = 0;
+    for (; i + 1 < widths.size() && faults.empty(); i += 2) {
+        take(i + 1, true);
+        take(i, faults.empty());
+    }
+    if (widths.size() % 2)
+        take(faults.empty() ? i : i - 2, true);
+    return sum;
+}
+
+lines_t data_reports(const attempt &a)
+{
+    lines_t lines;
+    unsigned rows[256] = {};
+    const size_t right = a.head + (a.contig ? sum_widths(a.widths, lines) : 0);
+    for (size_t code = 0; code < a.nsyms; code++)
+        rows[code % 256] += a.widths[code];
+    const auto *row = std::find_if(rows, rows + 256, [](unsigned sum) { return sum > 14; });
+    if (a.version == 1 && row != rows + 256)
+        lines.push_back(print("zip dictionary symbol length sum starting at symbol %ld is %u, which exceeds the "
+                              "maximum of 14 bytes",
+                              row - rows, *row));
+    if (a.contig && a.length != right)
+        lines.push_back(print("invalid length=%lu; should be %lu", a.length, right));
+    return lines;
+}
+
+// Each symbol lies behind the one before, in the image or in the row.
+void check_places(const kel_zip_t &codec, const widths_t &widths)
+{
+    std::vector<uint16_t> offsets(codec.nsyms + 1u, 0xeeee);
+    kel_zip_offsets(&codec, offsets.data());
+    const void *table = kel_zip_widths(&codec);
+    EXPECT_EQ(table, static_cast<uint8_t *>(codec.dict) + (codec.vorp ? 2 : 256));
+    unsigned ends[256] = {};
+    for (unsigned code = 0; code < codec.nsyms; code++) {
+        const unsigned row = codec.vorp ? 0 : code % 256;
+        ASSERT_TRUE(offsets[code] == row * 16 + ends[row] && zip_width(table, code, codec.vorp) == widths[code]);
+        ends[row] += widths[code];
+    }
+    EXPECT_EQ(offsets.back(), 0xeeee);
+}
+
+// The codec, or null; with the lines that are to be logged.
+kel_zip_t *check_creation(test_context &ctx, const attempt &a, lines_t &lines)
+{
+    kel_zip_t *const marker = static_cast<kel_zip_t *>(at(0x48)), *codec = marker;
+    if (a.debug & KEL_DEBUG_ARG)
+        lines = argument_reports(a);
+    if (lines.empty() && a.debug & KEL_DEBUG_EXTRA)
+        lines = data_reports(a);
+    const bool refused = !lines.empty(), no_memory = a.failing > 0 && a.failing <= 1u + a.copied;
+    const kel_status_t status = a.contig ? kel_zip_create_contig(ctx, a.buf, a.length, &codec)
+                                         : kel_zip_create(ctx, a.nsyms, a.buf + 2, a.buf + a.head, &codec);
+    EXPECT_EQ(status, refused ? KEL_EINVAL : no_memory ? KEL_ENOMEM : KEL_SUCCESS);
+    EXPECT_EQ(kel_debug_calls, lines.size());
+    if (!refused && a.failing != 1 && !a.relaid && a.copied)
+        lines = {"kel_vorp_create_contig(): buf will cross a 8192 byte alignment boundary; copying to aligned buffer"};
+    if (status != KEL_SUCCESS) {
+        EXPECT_EQ(codec, refused && !a.contig ? marker : nullptr);
+        return nullptr;
+    }
+    auto *image = static_cast<uint8_t *>(codec->dict);
+    EXPECT_EQ(bytes_t(image, image + codec->dict_sz), a.image);
+    EXPECT_TRUE(codec->nsyms == a.nsyms && codec->vorp == 1 && codec->syms == image + a.head);
+    EXPECT_TRUE(codec->free_dict == a.copied && (a.copied ? place(image) % 8192 == 0 : image == a.buf));
+    check_places(*codec, a.widths);
+    return codec;
+}
+
+// On the way out, from this thread or as if from another.
+void check_end(test_context &ctx, kel_zip_t *codec, const bytes_t &image, bool foreign, lines_t &lines)
+{
+    const size_t size = image.size();
+    const bool refused = foreign && ctx->debug_options & KEL_DEBUG_ARG, kept = foreign && ctx->debug_options;
+    EXPECT_EQ(kel_zip_size(ctx, codec), size + 24);
+    if (foreign)
+        ctx.disown();
+    for (const size_t room : {size - 1, size, size + 1}) {
+        const guarded_buffer buffer(size, 1);
+        size_t length = room;
+        const kel_status_t expected = refused ? KEL_EINVAL : room >= size ? KEL_SUCCESS : KEL_EOVERFLOW;
+        EXPECT_EQ(kel_zip_get_contig(ctx, codec, buffer.data, &length), expected);
+        EXPECT_EQ(length, refused ? room : size);
+        EXPECT_EQ(bytes_t(buffer.data, buffer.data + size), expected ? bytes_t(size, 0xa5) : image);
+        if (refused)
+            lines.push_back(test_context::wrong_thread());
+        else if (expected && (ctx->debug_options || ctx->log.options)) // without any option nothing is reported
+            lines.push_back(print("Contig buffer overflow. buffer size = %lu, needed = %lu", room, size));
+    }
+    EXPECT_EQ(kel_zip_free(ctx, codec), kept ? KEL_ETHREAD : KEL_SUCCESS);
+    if (kept) {
+        lines.push_back(test_context::wrong_thread());
+        zip_free(ctx, codec);
+    }
+}
+
+TEST(codecs, agree_with_the_model)
+{
+    random_source random(1);
+    for (unsigned turn = 0; turn < 12000 && !HasFailure(); turn++) {
+        const attempt a = make_attempt(random);
+        SCOPED_TRACE(print("turn %u, version %u, debug %u, image %d", turn, a.version, a.debug, a.contig));
+        block_store store = {turn % 8};
+        const kel_init_options_t allocator = store.options();
+        const bool logged = !random.one_in(3);
+        test_context ctx(a.version, a.debug, logged ? KEL_LOG_ERROR | KEL_LOG_PERF : 0, &allocator);
+        ctx->kel_version = a.generation;
+        const size_t blocks = store.live.size();
+        store.failing = a.failing ? store.requests.size() + a.failing : 0;
+        const bytes_t given(a.buf, a.buf + a.length);
+        if (a.foreign)
+            ctx.disown();
+        lines_t lines;
+        if (kel_zip_t *codec = check_creation(ctx, a, lines)) {
+            reset_hooks();
+            const size_t before = lines.size();
+            check_end(ctx, codec, a.image, a.foreign || random.one_in(4), lines);
+            EXPECT_EQ(kel_debug_calls, lines.size() - before);
+        }
+        lines_t seen = ctx.messages();
+        std::erase_if(seen, [](const auto &line) { return line.find(" failed to allocate ") != line.npos; });
+        EXPECT_EQ(seen, logged ? lines : lines_t());
+        EXPECT_EQ(bytes_t(a.buf, a.buf + a.length), given) << "the caller's image";
+        EXPECT_EQ(store.live.size(), blocks);
+
+        lines_t faults;
+        int bad = 2;
+        EXPECT_EQ(zip_sum_widths(a.nsyms, a.buf + 2, &bad), sum_widths(a.widths, faults));
+        EXPECT_EQ(bad, !faults.empty());
+        unsigned left = a.nsyms;
+        while (left > 0 && a.widths[left - 1] == 0)
+            left--;
+        EXPECT_EQ(vorp_fix_zeros(a.nsyms, a.buf + 2), left);
+    }
+}
+
+TEST(codecs, entry_and_return_lines)
+{
+    test_context ctx(2, KEL_DEBUG_ARG, KEL_LOG_ENTRY | KEL_LOG_RETURN);
+    alignas(16) uint8_t image[16] = {0, 1, 0x10, 'A'};
+    size_t length = sizeof image;
+    kel_zip_t *codec = nullptr;
+    kel_zip_create(ctx, 1, image + 2, image + 3, &codec);
+    const unsigned long context = place(ctx.ctx), first = place(codec);
+    kel_zip_get_contig(ctx, codec, image, &length);
+    EXPECT_EQ(hex(image, length), "00011041");
+    kel_zip_free(ctx, codec);
+    kel_zip_create_contig(ctx, image, length, &codec);
+    const unsigned long second = place(codec);
+    ctx.disown();
+    kel_zip_free(ctx, codec);
+    zip_free(ctx, codec);
+    kel_zip_create_contig(ctx, image, length, &codec);
+    const std::string from_image = print("kel_zip_create_contig(): ctx=0x%lx, buf=0x%lx, \n  length=4, &codec=0x%lx",
+                                         context, place(image), place(&codec));
+    EXPECT_EQ(
+        ctx.messages(),
+        (lines_t{print("kel_zip_create(): ctx=0x%lx, nsyms=1, \n  widths=0x%lx, syms=0x%lx, &codec=0x%lx", context,
+                       place(image + 2), place(image + 3), place(&codec)),
+                 print("kel_zip_create() returns codec=0x%lx and status SUCCESS", first),
+                 print("kel_zip_get_contig(): ctx=0x%lx, codec=0x%lx,\n  buf=0x%lx, *buflen=16", context, first,
+                       place(image)),
+                 "kel_zip_get_contig() returns *buflen=4 and SUCCESS",
+                 print("kel_zip_free(): ctx=0x%lx, codec=0x%lx", context, first), "kel_zip_free() returns SUCCESS",
+                 from_image, print("kel_zip_create_contig() returns codec=0x%lx and status SUCCESS", second),
+                 "kel_zip_free() returns ETHREAD", from_image,
+                 "kel_zip_create_contig() returns codec=0x0 and status EINVAL"}));
+}
+
+TEST(widths, of_rows_and_codewords)
+{
+    random_source random(2);
+    for (unsigned turn = 0; turn < 200; turn++) {
+        widths_t widths;
+        huff_table_t table = {};
+        for (unsigned code = 0; code < 1024; code++) {
+            uint16_t &sbos = table.symbols.rows[code % 256].s.sbos;
+            widths.push_back(random.between<unsigned>(0, 8) % (15 - sbos % 16));
+            sbos = static_cast<uint16_t>(unsigned{sbos} << 4 | (sbos % 16 + widths.back()));
+        }
+        auto *image = reinterpret_cast<uint8_t *>(&table);
+        check_places({image, image + 258, random.between<uint16_t>(0, 1024), 4352, 0, 0, {}}, widths);
+    }
+    unsigned bits = 0;
+    for (unsigned nsyms = 1; nsyms < 70000; nsyms++)
+        ASSERT_EQ(zip_code_width(nsyms), bits += 1u << bits < nsyms ? 1 : 0) << nsyms;
+}
+
+} // namespace
