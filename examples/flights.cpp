@@ -2,7 +2,7 @@
 //
 //   select day, time, origin, destination, distance, delay from flights
 //   where (distance between 500 and 1000 or time < 06:00) and delay > 120
-//   and origin in (EWR, JFK, LGA) and month <> March and destination not in (ORD, MDW)
+//   and origin in (EWR, JFK, LGA) and month <> March and destination not in (ORD, MDW) and day >= 2001-02-01
 //
 // Scans and lookups make bit vectors of packed columns, logical operations join them, and selects fetch the rows that
 // are wanted. Every step is checked against a plain loop over plain arrays, which is timed beside it.
@@ -62,14 +62,15 @@ struct query_t {
     column_t day = column_t::run_length(day_names.codes(flights.day), day_names.range); // in order of date: long runs
     column_t time = {flights.time, {0, 24 * 60 - 1}};
     column_t origin = {airports.codes(flights.origin), airports.range};
-    text_column_t destination{ctx, flights.destination}; // text, compressed
+    text_column_t destination{ctx, "destination", flights.destination}; // text, compressed
+    text_column_t date_text{ctx, "date", flights.day};
     column_t distance = {flights.distance, range_of(flights.distance, {near_miles, far_miles})};
     column_t delay = {flights.delay, range_of(flights.delay, {late_minutes, late_minutes})};
 
     // Bit vectors, and lists.
     found_t middle{rows}, early{rows}, either{rows}, late{rows}, late_either{rows};
     found_t from_new_york{rows}, late_from_new_york{rows}, not_in_march{rows}, not_march{rows};
-    found_t not_to_chicago{rows}, wanted{rows};
+    found_t not_to_chicago{rows}, elsewhere{rows}, since_february{rows}, wanted{rows};
     found_t times{time}, origins{origin}, destinations{rows, KEL_BYTES, 4}, distances{distance}, delays{delay};
     found_t all_days{day}, days{day}, row_numbers{rows, KEL_BYTES, 4};
 
@@ -138,12 +139,12 @@ struct query_t {
     // Texts are compared as they are, and expanded only inside the library.
     void filter_texts()
     {
-        const auto airport = [this](const char *name) {
+        const auto text_value = [this](const std::string &text) {
             kel_int_t value = {};
-            check(kel_int_create(ctx, name, strlen(name), &value), "kel_int_create");
+            check(kel_int_create(ctx, text.data(), text.size(), &value), "kel_int_create");
             return value;
         };
-        const kel_int_t chicago[] = {airport("ORD"), airport("MDW")};
+        const kel_int_t chicago[] = {text_value("ORD"), text_value("MDW")};
         find(
             {"kel_scan_range", "not to Chicago (2)", "destination", {&destination}, 4}, not_to_chicago,
             [&] {
@@ -153,7 +154,15 @@ struct query_t {
             [text = destination.plain.data(), ord = text_number("ORD"), mdw = text_number("MDW")](size_t i) {
                 return text[i] != ord && text[i] != mdw;
             });
-        find_both("these, not to Chicago", not_march, not_to_chicago, wanted);
+        find_both("these, not to Chicago", not_march, not_to_chicago, elsewhere);
+
+        const std::string february = "2001-02-01";
+        const kel_int_t first_day = text_value(february);
+        find(
+            {"kel_scan_value", "since February", "date", {&date_text}, sizeof(std::string)}, since_february,
+            [&] { return kel_scan_value(ctx, 0, &date_text.vec, &since_february.vec, KEL_GE, &first_day); },
+            [day = flights.day.data(), &february](size_t i) { return day[i] >= february; });
+        find_both("these, since February", elsewhere, since_february, wanted);
     }
 
     // Runs a step that lists the wanted rows; value answers for one row.
@@ -219,7 +228,7 @@ struct query_t {
         constexpr int requests = std::size(expected);
         kel_queue_t *queue;
         check(kel_queue_create(ctx, requests, &queue), "kel_queue_create");
-        check(kel_and_post(queue, KEL_SERIAL | KEL_PIPE_MASK, &not_march.vec, &not_to_chicago.vec, &mask.vec, &mask),
+        check(kel_and_post(queue, KEL_SERIAL | KEL_PIPE_MASK, &elsewhere.vec, &since_february.vec, &mask.vec, &mask),
               "kel_and_post");
         check(kel_select_post(queue, link, &delay.vec, &delay_list.vec, &mask.vec, &delay_list), "kel_select_post");
         check(kel_extract_post(queue, link | KEL_PIPE_SRC, &day.vec, &expanded.vec, &expanded), "kel_extract_post");
@@ -276,6 +285,7 @@ void trace(kel_context_t *, void *, uint32_t, const char *, const char *message)
 // The query's codec is released with it, before the context is closed.
 void answer(query_t query)
 {
+    puts("");
     print_head(query.timed);
     query.filter_numbers();
     query.filter_codes();
@@ -295,6 +305,7 @@ void run(const std::string &path, bool timed, bool traced)
     if (traced)
         check(kel_set_log_callback(ctx, KEL_LOG_ALL, trace, nullptr), "kel_set_log_callback");
     printf("%zu flights in %s\n\n", flights.day.size(), path.c_str());
+    text_column_t::print_head();
     answer({.ctx = ctx, .flights = flights, .timed = timed});
     check(kel_thread_fini(closer.release()), "kel_thread_fini");
     puts("\nEvery bit and every element agrees with a plain loop over plain arrays.");

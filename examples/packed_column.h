@@ -54,17 +54,19 @@ struct column_t {
     blocks_t repeats;
 };
 
-// A column of short texts of one length, compressed. A codec has a symbol for each letter that occurs, and the letters
-// of the texts are a stream of codewords. Plain: the texts as numbers, the first letter on top.
+// A column of texts of one length: their letters, back to back, compressed by a codec of their own if that pays.
+// Training prints a line of a table.
 struct text_column_t {
-    text_column_t(kel_context_t *ctx, const std::vector<std::string> &texts);
+    text_column_t(kel_context_t *ctx, const char *name, const std::vector<std::string> &texts);
+    static void print_head();
 
-    std::vector<int32_t> plain;
-    kel_vec_t vec;       // of the texts' bytes, by way of the codec
-    uint32_t width_bits; // of a packed text
-    size_t packed_bytes; // of the codewords and the codec
+    std::vector<int32_t> plain; // texts of up to 4 letters as numbers, the first letter on top
+    kel_vec_t vec;
+    uint32_t width_bits; // of a text as it is stored
+    size_t packed_bytes; // of all of them, with the codec
 
   private:
+    blocks_t letters;
     blocks_t codewords;
     std::unique_ptr<kel_zip_t, std::function<void(kel_zip_t *)>> codec;
 };

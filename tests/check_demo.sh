@@ -22,7 +22,8 @@ early='substr($1, 12) < "06:00"'
 from='($4 == "EWR" || $4 == "JFK" || $4 == "LGA")'
 found="($middle || $early) && \$2 > 120"
 not_march="$found && $from && substr(\$1, 6, 2) != \"03\""
-wanted="$not_march && \$5 != \"ORD\" && \$5 != \"MDW\""
+elsewhere="$not_march && \$5 != \"ORD\" && \$5 != \"MDW\""
+wanted="$elsewhere && \$1 >= \"2001-02-01\""
 expect_count kel_scan_range "500 to 1000 miles" "$middle"
 expect_count kel_scan_value "before 6 in the morning" "$early"
 expect_count kel_or "either of the two" "$middle || $early"
@@ -33,7 +34,10 @@ expect_count kel_and "these, from New York" "$found && $from"
 expect_count kel_translate "not in March" 'substr($1, 6, 2) != "03"'
 expect_count kel_and "these, not in March" "$not_march"
 expect_count kel_scan_range "not to Chicago" '$5 != "ORD" && $5 != "MDW"'
-expect_count kel_and "these, not to Chicago" "$wanted"
+expect_count kel_and "these, not to Chicago" "$elsewhere"
+expect_count kel_scan_value "since February" '$1 >= "2001-02-01"'
+expect_count kel_and "these, since February" "$wanted"
+grep -q "^date .* [1-9][0-9]*\.[0-9]* *[0-9.]*$" "$scratch/out" || fail "no codec of dates"
 expect_count kel_extract "runs to rows" 1
 for column in time origin destination distance delay day; do
     expect_count kel_select "[124]-byte elements  *$column" "$wanted"
