@@ -651,10 +651,11 @@ KEL_API kel_status_t kel_zip_create_contig(kel_context_t *ctx, const void *buf, 
 KEL_API kel_status_t kel_zip_get_contig(kel_context_t *ctx, const kel_zip_t *codec, void *buf, size_t *buflen);
 
 /*
- * Trains a codec on the elements of src, and compresses them with it: buf receives the stream of codewords for a KEL_ZIP
- * vector that is otherwise like src, but for offset (0), codec (*codec) and codewords (count). *buflen is the capacity
- * of buf in bytes, of which one more than the stream takes is to be there, and becomes the stream's length. Equal
- * sources give equal codecs and streams. Takes 4,000,016 bytes of temporary memory from the context's allocator.
+ * Trains a codec on the elements of src, and compresses them with it: buf receives the stream of codewords for a
+ * KEL_ZIP vector that is otherwise like src, but for offset (0), codec (*codec) and codewords (count). *buflen is the
+ * capacity of buf in bytes, and becomes the stream's length, which may leave out a last, partial byte: buf is to have
+ * one byte behind its capacity, and a stream is stored with one byte behind its length. Equal sources give equal codecs
+ * and streams. Takes 4,000,016 bytes of temporary memory from the context's allocator.
  *
  * options: 0, or 1 for thorough training, which parses the whole source several times and compresses better; 0 cannot
  * compress sources below 20,000 bytes. src: any format but KEL_ZIP, in bytes from the start of data, offset 0. The
