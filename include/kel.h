@@ -657,7 +657,7 @@ KEL_API kel_status_t kel_zip_get_contig(kel_context_t *ctx, const kel_zip_t *cod
  * one byte behind its capacity, and a stream is stored with one byte behind its length. Equal sources give equal codecs
  * and streams. Takes 4,000,016 bytes of temporary memory from the context's allocator.
  *
- * options: 0, or 1 for thorough training, which parses the whole source several times and compresses better; 0 cannot
+ * options: 0, or 1 for thorough training, which parses the whole source several times; either may do better. 0 cannot
  * compress sources below 20,000 bytes. src: any format but KEL_ZIP, in bytes from the start of data, offset 0. The
  * codec fits both versions. The caller releases it by kel_zip_free.
  *
