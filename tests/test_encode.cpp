@@ -1,0 +1,286 @@
+// Training and encoding from outside: what is compressed comes back, and every status and line.
+
+#include "kel_zip.h"
+#include "support.h"
+#include "vorp.h"
+#include <algorithm>
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using bytes_t = std::vector<uint8_t>;
+
+kel_vec_t byte_vec(const bytes_t &bytes, uint64_t format = KEL_BYTES)
+{
+    kel_vec_t vec = {};
+    vec.format = format;
+    vec.elements = bytes.size();
+    vec.elem_width = 1;
+    vec.data = const_cast<uint8_t *>(bytes.data());
+    return vec;
+}
+
+// Texts of few or many words, lines, numbers, runs, records, noise.
+bytes_t any_source(random_source &random, uint64_t size)
+{
+    bytes_t bytes;
+    const uint64_t kind = random.between(0, 5);
+    std::vector<std::string> words(random.one_in(2) ? random.between(2, 60) : random.between(60, 3000));
+    for (std::string &word : words)
+        for (uint64_t letters = random.between(1, 12); letters > 0; letters--)
+            word += static_cast<char>(kind == 0 ? random.between('a', 'h') : random.between(' ', 'z'));
+    while (bytes.size() < size) {
+        std::string piece;
+        switch (kind) {
+        case 0:
+        case 1:
+            piece = words[random.between(0, random.between(0, words.size() - 1))] + ' ';
+            break;
+        case 2:
+            piece = "id=" + std::to_string(random.between(0, 99999)) + " " + words[bytes.size() % words.size()] + "\n";
+            break;
+        case 3: {
+            const uint64_t number = random.between(0, uint64_t{1} << random.between(1, 20));
+            for (unsigned shift = 32; shift > 0; shift -= 8)
+                piece += static_cast<char>(number >> (shift - 8));
+            break;
+        }
+        case 4:
+            piece = std::string(random.between(1, 300), static_cast<char>(random.between(0, 3)));
+            break;
+        default:
+            piece = random.one_in(20) ? std::string(1, static_cast<char>(random.word())) : words[0];
+        }
+        bytes.insert(bytes.end(), piece.begin(), piece.end());
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+// What a codec and a stream give back, by the public call.
+bytes_t expand(kel_context_t *ctx, const bytes_t &stream, kel_zip_t *codec, uint64_t codewords, uint64_t size)
+{
+    std::vector<uint64_t> aligned((size + 63) / 64 * 8 + 24);
+    auto *out = reinterpret_cast<uint8_t *>((reinterpret_cast<uintptr_t>(aligned.data()) + 63) & ~uintptr_t{63});
+    kel_vec_t packed = byte_vec(stream, KEL_ZIP);
+    packed.elements = size;
+    packed.codec = codec;
+    packed.codewords = codewords;
+    kel_vec_t dst = byte_vec({});
+    dst.elements = size;
+    dst.data = out;
+    EXPECT_EQ(kel_extract(ctx, 0, &packed, &dst).status, KEL_SUCCESS);
+    return {out, out + size};
+}
+
+// Compresses, and compares what comes back, also from a second encoding; true if the source was compressible.
+bool round_trip(test_context &ctx, uint64_t options, const bytes_t &source)
+{
+    const kel_vec_t src = byte_vec(source);
+    bytes_t stream(2 * source.size() + 16);
+    size_t length = stream.size() - 1;
+    kel_zip_t *codec = nullptr;
+    const kel_result_t result = kel_zip(ctx, options, &src, stream.data(), &length, &codec);
+    if (result.status != KEL_SUCCESS) {
+        EXPECT_EQ(result.status, KEL_EZIP);
+        EXPECT_EQ(result.count, 0u);
+        return false;
+    }
+    EXPECT_EQ(expand(ctx, stream, codec, result.count, source.size()), source);
+    EXPECT_LE(length + kel_zip_size(ctx, codec), source.size());
+
+    bytes_t again(stream.size());
+    size_t again_length = length + 1; // a last, partial byte may not be counted
+    const kel_result_t encoded = kel_encode(ctx, &src, again.data(), &again_length, codec);
+    EXPECT_TRUE(encoded.status == KEL_SUCCESS && encoded.count == result.count && again_length == length);
+    EXPECT_TRUE(std::equal(stream.begin(), stream.begin() + static_cast<ptrdiff_t>(length), again.begin()));
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+    return true;
+}
+
+} // namespace
+
+TEST(training, round_trips)
+{
+    random_source random(61);
+    unsigned compressed = 0;
+    for (const uint32_t version : {1u, 2u}) {
+        test_context ctx(version, KEL_DEBUG_ARG, 0);
+        for (unsigned i = 0; i < 1050; i++) {
+            const uint64_t size = random.one_in(4)     ? random.between(9, 100)
+                                  : random.one_in(3)   ? random.between(100, 1500)
+                                  : random.one_in(150) ? random.between(100000, 4000000)
+                                  : random.one_in(3)   ? random.between(15000, 30000)
+                                                       : random.between(1500, 8000);
+            compressed += round_trip(ctx, random.between(0, 1), any_source(random, size));
+            ASSERT_FALSE(testing::Test::HasFailure()) << "case " << i;
+        }
+    }
+    EXPECT_GT(compressed, 500u);
+}
+
+// Texts of few words under thorough training: the row rule shortens their dictionaries, below powers of two as well.
+TEST(training, shortened_dictionaries)
+{
+    random_source random(62);
+    test_context ctx(2, KEL_DEBUG_ARG, 0);
+    for (unsigned i = 0; i < 300; i++) {
+        bytes_t source;
+        std::vector<std::string> words(random.between(20, 90));
+        for (std::string &word : words)
+            for (uint64_t letters = random.between(3, 9); letters > 0; letters--)
+                word += static_cast<char>(random.between('a', 'z'));
+        while (source.size() < random.between(20000, 60000)) {
+            const std::string &word = random.pick({words[0], words[1], words[random.between(0, words.size() - 1)]});
+            source.insert(source.end(), word.begin(), word.end());
+        }
+        EXPECT_TRUE(round_trip(ctx, 1, source)) << "case " << i;
+        ASSERT_FALSE(testing::Test::HasFailure()) << "case " << i;
+    }
+}
+
+TEST(training, memory)
+{
+    random_source random(63);
+    const bytes_t source = any_source(random, 30000);
+    for (size_t misaligned = 0; misaligned < 8; misaligned++)
+        for (size_t failing = 0; failing < 4; failing++) { // pool, record, image
+            block_store store;
+            store.misaligned = misaligned;
+            const kel_init_options_t options = store.options();
+            test_context ctx(2, KEL_DEBUG_ARG, 0, &options);
+            const size_t live = store.live.size();
+            store.failing = failing == 0 ? 0 : store.requests.size() + failing;
+            bytes_t stream(source.size() + 1);
+            size_t length = source.size();
+            kel_zip_t *codec = nullptr;
+            const kel_vec_t src = byte_vec(source);
+            const kel_result_t result = kel_zip(ctx, 1, &src, stream.data(), &length, &codec);
+            ASSERT_EQ(result.status, failing == 0 ? KEL_SUCCESS : KEL_ENOMEM);
+            if (failing == 0) {
+                store.failing = store.requests.size() + 1;
+                EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).status, KEL_ENOMEM);
+                EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+            }
+            EXPECT_EQ(store.live.size(), live);
+        }
+}
+
+TEST(training, overflow_and_retry)
+{
+    random_source random(64);
+    const bytes_t source = any_source(random, 25000);
+    const kel_vec_t src = byte_vec(source);
+    test_context ctx;
+    bytes_t stream(source.size());
+    size_t needed = source.size() - 1;
+    kel_zip_t *codec = nullptr;
+    const uint64_t count = kel_zip(ctx, 1, &src, stream.data(), &needed, &codec).count;
+    ASSERT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+    size_t length = needed - 2;
+    kel_result_t result = kel_zip(ctx, 1, &src, stream.data(), &length, &codec);
+    EXPECT_TRUE(result.status == KEL_EOVERFLOW && result.count == 0 && length == needed && codec != nullptr);
+    const std::string size = std::to_string(needed);
+    EXPECT_EQ(ctx.messages(), lines_t{"Compression buffer overflow. buffer size = " + size + ", needed = " + size});
+    length = needed - 2;
+    EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).status, KEL_EOVERFLOW);
+    EXPECT_EQ(ctx.messages(), lines_t{"Compression buffer overflow. buffer size = " + std::to_string(needed - 2) +
+                                      ", needed = " + size});
+    result = kel_encode(ctx, &src, stream.data(), &length, codec);
+    EXPECT_TRUE(result.status == KEL_SUCCESS && result.count == count && length == needed);
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+}
+
+TEST(training, refusals)
+{
+    test_context ctx(1);
+    bytes_t source(9000, 'x');
+    bytes_t stream(20000);
+    size_t length = 10000;
+    auto *const untouched = static_cast<kel_zip_t *>(at(0x40));
+    kel_zip_t *codec = untouched;
+    const auto train = [&](uint64_t options, const kel_vec_t &src) {
+        length = 10000;
+        return kel_zip(ctx, options, &src, stream.data(), &length, &codec).status;
+    };
+    kel_vec_t src = byte_vec(source, KEL_ZIP | KEL_BITS);
+    src.elem_width = 17;
+    EXPECT_EQ(train(6, src), KEL_EINVAL);
+    EXPECT_EQ(ctx.messages(),
+              (lines_t{"bad options 0x6", "Invalid src elem_width 17 bits; must be 1-16 bits or 1-16 bytes",
+                       "Invalid src format: zip"}));
+    EXPECT_EQ(codec, untouched);
+    length = 10000;
+    EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, nullptr).status, KEL_EINVAL);
+    EXPECT_EQ(ctx.messages(),
+              (lines_t{"Invalid src elem_width 17 bits; must be 1-16 bits or 1-16 bytes", "Invalid src format: zip"}));
+    src = byte_vec({}, KEL_VAR);
+    src.aux_width = 8;
+    EXPECT_EQ(train(0, src), KEL_EINVAL);
+    EXPECT_EQ(ctx.messages(), lines_t{});
+    EXPECT_EQ(codec, untouched);
+
+    ctx->log.options |= KEL_LOG_PERF;
+    src = byte_vec(bytes_t(8, 'x'));
+    const lines_t exhausted = {"Too many candidate symbols; temp space limit exceeded.  Data is not compressible."};
+    EXPECT_EQ(train(0, byte_vec(bytes_t(8, 'x'))), KEL_EZIP);
+    EXPECT_EQ(ctx.messages(), exhausted);
+    EXPECT_EQ(codec, nullptr);
+    ctx->log.options = KEL_LOG_ERROR;
+    EXPECT_EQ(train(0, byte_vec(source)), KEL_EZIP); // all single bytes fill the dictionary of a small source
+    EXPECT_EQ(ctx.messages().at(0).substr(0, 37), "Negative compression. dst + codec len");
+
+    // A codec that lacks a byte.
+    const uint8_t widths[] = {0x10};
+    ASSERT_EQ(kel_zip_create(ctx, 1, widths, source.data(), &codec), KEL_SUCCESS);
+    source[5000] = 'y';
+    length = 10000;
+    src = byte_vec(source);
+    EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).status, KEL_EZIP);
+    EXPECT_EQ(ctx.messages(), lines_t{"Some bytes in src cannot be encoded with codec"});
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+
+    ctx.disown();
+    EXPECT_EQ(train(0, src), KEL_EINVAL);
+    EXPECT_EQ(ctx.messages(), lines_t{test_context::wrong_thread()});
+}
+
+TEST(training, lines)
+{
+    test_context ctx(2, KEL_DEBUG_ARG, KEL_LOG_ENTRY | KEL_LOG_RETURN | KEL_LOG_PERF | KEL_LOG_VERBOSE);
+    bytes_t source;
+    for (unsigned i = 0; i < 4000; i++)
+        for (const char c : {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'})
+            source.push_back(static_cast<uint8_t>(c));
+    bytes_t stream(source.size());
+    size_t length = stream.size() - 1;
+    const kel_vec_t src = byte_vec(source);
+    kel_zip_t *codec = nullptr;
+    const kel_result_t result = kel_zip(ctx, 1, &src, stream.data(), &length, &codec);
+    ASSERT_EQ(result.status, KEL_SUCCESS);
+    EXPECT_EQ(result.count, 4000u);
+    const std::string vec =
+        "data=" + pointer_text(source.data()) + ", elements=32000, width=1, offset=0,\n      fmt=bytes";
+    const auto ratio = [&](const char *what, uint64_t bytes) {
+        char text[80];
+        snprintf(text, sizeof text, "compression ratio %s codec = %.2lf", what, 32000.0 / static_cast<double>(bytes));
+        return std::string(text);
+    };
+    const std::string ratios[] = {ratio("excluding", length), ratio("including", length + kel_zip_size(ctx, codec))};
+    const std::string buf = "  buf=" + pointer_text(stream.data()) + ", *buflen=31999, ";
+    const std::string outcome = "{SUCCESS, count=4000}";
+    const std::string returned = ", *buflen=" + std::to_string(length) + ", and " + outcome;
+    EXPECT_EQ(ctx.messages(), (lines_t{"kel_zip(): ctx=" + pointer_text(ctx.ctx) + ", options=0x1,\n  src = " + vec +
+                                           "\n" + buf + "&codec=" + pointer_text(&codec),
+                                       "Created codec with " + std::to_string(codec->nsyms) + " symbols", ratios[0],
+                                       ratios[1], "kel_zip() returns codec=" + pointer_text(codec) + returned}));
+    length = stream.size() - 1;
+    EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).count, 4000u);
+    EXPECT_EQ(ctx.messages(), (lines_t{"kel_encode(): ctx=" + pointer_text(ctx.ctx) + ",\n  src = " + vec + "\n" + buf +
+                                           "codec=" + pointer_text(codec),
+                                       ratios[0], ratios[1],
+                                       "kel_encode() returns *buflen=" + std::to_string(length) + " and " + outcome}));
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+}
