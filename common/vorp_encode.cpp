@@ -281,8 +281,8 @@ struct node_lists {
 
 void sort_by_size(const node_lists &lists, uint64_t from, uint64_t end, bool descending)
 {
-    lsrsrx(lists.nodes + from, end - from, sizeof *lists.nodes,
-           descending ? vorp_ngram_cmp_sz_desc : vorp_ngram_cmp_sz_asc, nullptr);
+    lsrsrx(lists.nodes + from, end - from, sizeof(void *), descending ? vorp_ngram_cmp_sz_desc : vorp_ngram_cmp_sz_asc,
+           nullptr);
     lsrsrx(lists.indexes + from, end - from, sizeof *lists.indexes,
            descending ? vorp_ngram_ctx_cmp_sz_desc : vorp_ngram_ctx_cmp_sz_asc, lists.dict->nodes);
 }
@@ -332,6 +332,11 @@ void vorp_dict_hwconstraint(const uint8_t *src, vorp_dict_t *dict, vorp_ngram_t 
 namespace
 {
 
+vorp_ngram_t **node_pointers(vorp_mempool_t *pool, uint64_t count, const char *name)
+{
+    return static_cast<vorp_ngram_t **>(vorp_mempool_getmemory(pool, count * sizeof(void *), 1, 1, name));
+}
+
 // A lower bound of what the dictionary and the stream take.
 uint64_t estimated_size(const vorp_dict_t *dict, const vorp_config_t *config)
 {
@@ -374,7 +379,7 @@ void vorp_table_create(const uint8_t *src, uint64_t srclen, const vorp_config_t 
                        vorp_mempool_t *pool, vorp_dict_t **dict)
 {
     *dict = vorp_dict_build(pool, src, srclen, config);
-    const node_lists lists = {pool_objects<vorp_ngram_t *>(pool, (*dict)->count, "final_nodes"),
+    const node_lists lists = {node_pointers(pool, (*dict)->count, "final_nodes"),
                               pool_objects<uint64_t>(pool, (*dict)->count, "map_array"), *dict};
     if (estimated_size(*dict, config) > srclen) {
         table->stored = 1;

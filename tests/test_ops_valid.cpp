@@ -26,7 +26,7 @@ kel_vec_t vec(uint64_t format, uint32_t width, uint64_t elements, void *data, ui
 using request_t = std::function<kel_status_t(kel_context_t *, kel_queue_t *)>;
 
 #define REQUEST(operation, ...)                                                                                        \
-    [=, this](kel_context_t *by, kel_queue_t *in) {                                                                    \
+    [&](kel_context_t *by, kel_queue_t *in) {                                                                          \
         return in ? operation##_post(in, __VA_ARGS__, nullptr) : operation(by, __VA_ARGS__).status;                    \
     }
 
