@@ -10,7 +10,6 @@
 // goes codeword by codeword.
 #include "kel_io.h"
 #include "kel_log.h"
-#include "kel_text.h"
 #include "kel_vector.h"
 #include "kel_zip.h"
 #include <algorithm>
@@ -26,11 +25,6 @@ namespace
 {
 
 // ---- Symbols --------------------------------------------------------------------------------------------------------
-
-bool bad_width(unsigned width)
-{
-    return width == 0 || width > kel_max_symbol_bytes;
-}
 
 // The width of a symbol; 0 if its place in the image's tables lies behind the image.
 unsigned packed_width(const kel_zip_t *codec, unsigned code)
@@ -53,12 +47,14 @@ struct symbols_t {
 
     explicit symbols_t(const kel_zip_t *codec);
 
-    unsigned width_of(uint32_t code, const kel_zip_t *codec) const
+    unsigned width_of(uint32_t code) const
     {
-        return code < std::min<unsigned>(codec->nsyms, kel_max_zip_symbols) ? width[code] : 0;
+        return code < nsyms ? width[code] : 0;
     }
 
   private:
+    unsigned nsyms;
+
     void load(const kel_zip_t *codec, unsigned code, uint64_t place, unsigned symbol_width);
     void load_at_end(const kel_zip_t *codec, unsigned code, uint64_t place, unsigned symbol_width);
 };
@@ -76,19 +72,18 @@ void symbols_t::load_at_end(const kel_zip_t *codec, unsigned code, uint64_t plac
 
 inline void symbols_t::load(const kel_zip_t *codec, unsigned code, uint64_t place, unsigned symbol_width)
 {
-    if (bad_width(symbol_width) || place + kel_max_symbol_bytes > codec->dict_sz) {
+    if (kel_bad_width(symbol_width) || place + kel_max_symbol_bytes > codec->dict_sz) {
         load_at_end(codec, code, place, symbol_width);
     } else {
         width[code] = static_cast<uint8_t>(symbol_width);
         memcpy(&bytes[code], static_cast<const uint8_t *>(codec->dict) + place, kel_max_symbol_bytes);
         bytes[code] &= ~uint64_t{0} >> (64 - 8 * symbol_width);
     }
-    sound &= !bad_width(width[code]);
+    sound &= !kel_bad_width(width[code]);
 }
 
-symbols_t::symbols_t(const kel_zip_t *codec) : sound(true)
+symbols_t::symbols_t(const kel_zip_t *codec) : sound(true), nsyms(std::min<unsigned>(codec->nsyms, kel_max_zip_symbols))
 {
-    const unsigned nsyms = std::min<unsigned>(codec->nsyms, kel_max_zip_symbols);
     if (codec->vorp) {
         auto place = static_cast<uint64_t>(codec->syms - static_cast<const uint8_t *>(codec->dict));
         for (unsigned code = 0; code < nsyms; code++) {
@@ -181,8 +176,7 @@ struct decoded_t {
     }
 };
 
-kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, const kel_zip_t *codec, bool extra,
-                             decoded_t &dst)
+kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, bool extra, decoded_t &dst)
 {
     if (stream.wanted <= 0) // a reader loads at once
         return KEL_SUCCESS;
@@ -191,13 +185,15 @@ kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, const k
         if (stream.codewords-- == 0)
             return KEL_EDATAFMT;
         const uint32_t code = reader.next();
-        const unsigned width = symbols.width_of(code, codec);
+        const unsigned width = symbols.width_of(code);
         if (extra) {
-            if (bad_width(width))
+            if (kel_bad_width(width))
                 return KEL_EDATAFMT;
             if (dst.full())
                 return KEL_EOVERFLOW;
         }
+        if (width == 0 && stream.code_width == 0) // a codeword of 0 bits stays what it is
+            return KEL_EDATAFMT;
         if (width > 0)
             dst.put(symbols.bytes[code], width);
         stream.wanted -= width;
@@ -270,7 +266,7 @@ kel_status_t kel_unzip(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t
         const symbols_t symbols(codec);
         if (!extra && symbols.sound && stream.code_width > 0)
             bulk_table[stream.code_width - 1](stream, symbols, decoded);
-        const kel_status_t status = unzip_codewords(stream, symbols, codec, extra, decoded);
+        const kel_status_t status = unzip_codewords(stream, symbols, extra, decoded);
         if (status != KEL_SUCCESS)
             return status;
     }
@@ -282,6 +278,10 @@ int zip_valid_syms(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t *co
     stream_t stream(src, codec, kel_decoded_bytes(ctx, src));
     if (stream.wanted <= 0)
         return 1;
+    if (codec->nsyms > kel_max_zip_symbols) {
+        kel_report(ctx, "EDATAFMT: codec of %u symbols; must be at most %u", codec->nsyms, kel_max_zip_symbols);
+        return 0;
+    }
     const symbols_t symbols(codec);
     code_reader reader(stream);
     for (unsigned long index = 0; stream.wanted > 0; index++) {
@@ -295,8 +295,8 @@ int zip_valid_syms(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t *co
                        index);
             return 0;
         }
-        const unsigned width = symbols.width_of(code, codec);
-        if (bad_width(width)) {
+        const unsigned width = symbols.width_of(code);
+        if (kel_bad_width(width)) {
             kel_report(ctx,
                        "EDATAFMT: codeword %u at index %lu maps to symbol with bad length %u bytes; must be between 1 "
                        "and 8 bytes",

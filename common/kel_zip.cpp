@@ -61,11 +61,6 @@ unsigned zip_code_width(unsigned nsyms)
 
 // ---- Rules ----------------------------------------------------------------------------------------------------------
 
-static bool bad_width(unsigned width)
-{
-    return width == 0 || width > kel_max_symbol_bytes;
-}
-
 namespace
 {
 
@@ -80,7 +75,7 @@ struct width_walk {
 
     void test(unsigned code, unsigned width)
     {
-        if (bad_width(width))
+        if (kel_bad_width(width))
             fault[faults++] = {code, width};
     }
 };

@@ -22,6 +22,11 @@ static_assert(sizeof(kel_zip_t) == 24); // what a codec's size counts beside its
 
 inline constexpr unsigned kel_max_zip_symbols = 1024;
 inline constexpr unsigned kel_max_symbol_bytes = 8;
+inline bool kel_bad_width(unsigned width)
+{
+    return width == 0 || width > kel_max_symbol_bytes;
+}
+
 inline constexpr unsigned kel_zip_row_bytes = 14; // symbols of a row, and under the row rule of any image
 inline constexpr unsigned kel_zip_rows = 256;
 inline constexpr unsigned kel_zip_align = 16;   // of a caller's image

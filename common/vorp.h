@@ -112,7 +112,8 @@ int vorp_mempool_init(const vorp_config_t *config, vorp_mempool_t *pool, uint64_
 // Does not return when the pool is exhausted. align is true for anything but bytes. name tells what a request is for
 // that no pool of this size could meet.
 void *vorp_mempool_getmemory(vorp_mempool_t *pool, uint64_t size, int zero, int align, const char *name);
-// The unused rest of the pool, aligned for words, if it has that many bytes; else null. The next request takes it again.
+// The unused rest of the pool, aligned for words, if it has that many bytes; else null. The next request takes it
+// again.
 void *vorp_mempool_rest(vorp_mempool_t *pool, uint64_t size);
 
 // Zeroed objects.
@@ -405,7 +406,7 @@ uint64_t vorp_parse_fixed(const uint8_t *src, uint64_t srclen, uint8_t *buf, uin
                           unsigned width, vorp_dict_t *dict, const vorp_config_t *config, int *overflow,
                           uint64_t *count);
 
-// The largest dictionary section that training leaves behind.
+// The largest dictionary section without offsets that training leaves behind.
 inline constexpr size_t vorp_dict_out_bytes = kel_zip_header + vorp_max_entries / 2 + vorp_max_bytes;
 
 // Trains and encodes. 0; 1: buf is too small, and *outlen what is needed; -1: not compressible; -2: no memory.

@@ -7,8 +7,8 @@
 // every row of a codec fits.
 //
 // Equal sources give equal dictionaries, down to the order of equal symbols: streams that users store depend on it. So
-// the random sequence, the order of hash chains, the sort and each request to the pool, which decides when a source runs
-// out of temporary space, are part of the result.
+// the random sequence, the order of hash chains, the sort and each request to the pool, which decides when a source
+// runs out of temporary space, are part of the result.
 #include "kel_io.h"
 #include "kel_zip.h"
 #include "vorp.h"
@@ -117,8 +117,8 @@ vorp_hset_t *sample_ngrams(vorp_mempool_t *pool, const uint8_t *src, uint64_t sr
     return set;
 }
 
-// A node for a candidate: one that waits for reuse, or a new one. A source that has more candidates than there are nodes
-// ends like one that has exhausted the pool.
+// A node for a candidate: one that waits for reuse, or a new one. A source that has more candidates than there are
+// nodes ends like one that has exhausted the pool.
 uint64_t take_node(vorp_mempool_t *pool, vorp_plists_t *plists, vorp_dict_t *dict)
 {
     if (dict->deleted_array.size > 0)
@@ -308,8 +308,8 @@ uint64_t rows_over_limit(uint64_t n, const Length &length)
 
 } // namespace
 
-// Orders the symbols by length and takes out the longest, until every row fits. Ascending columns with a descending last
-// one set the longest symbols beside the shortest.
+// Orders the symbols by length and takes out the longest, until every row fits. Ascending columns with a descending
+// last one set the longest symbols beside the shortest.
 void vorp_dict_hwconstraint(const uint8_t *src, vorp_dict_t *dict, vorp_ngram_t **final_nodes, uint64_t *map_array,
                             uint64_t *n)
 {
@@ -595,7 +595,7 @@ int vorp_encode(vorp_log_t *log, uint64_t reserved, const void *in, uint64_t in_
     config.reserved = reserved;
     config.ra_interval = ra_interval;
     vorp_adjust_dictionary_size(in_len, &config);
-    uint8_t dict_out[vorp_dict_out_bytes];
+    uint8_t dict_out[vorp_dict_out_bytes + 2 * vorp_max_entries]; // random access adds an offset for each
     uint64_t count = 0;
     return vorp_encode_internal(static_cast<const uint8_t *>(in), in_len, static_cast<uint8_t *>(out), out_cap, outlen,
                                 &config, alloc, release, opaque, dict_out, &count);

@@ -612,7 +612,10 @@ KEL_API kel_status_t kel_fill_post(kel_queue_t *queue, uint64_t flags, uint64_t 
  * codec's image (dict_sz bytes as they were at creation), and writes inside its own memory. A stream that ends before
  * the decoded length is reached is KEL_EDATAFMT. A codeword that the dictionary does not have, or one with a symbol
  * length of 0 or above 8, is KEL_EDATAFMT under KEL_DEBUG_EXTRA, which also tells it in the log; without it such a
- * codeword stands for nothing (with a length of 9 to 15 for that many bytes), and the decoded data is wrong.
+ * codeword stands for nothing, one with a length of 9 to 15 for its last 8 bytes behind zeros, and the decoded data is
+ * wrong. A codec of more than 1024 symbols, which validation refuses, cannot be decoded (KEL_EDATAFMT). Codewords of 0
+ * bits, those of a codec with one symbol, are decoded while bits 32 to 63 behind the start of the stream are zero: such
+ * a stream is 8 zero bytes.
  *
  * A codec is not changed between its creation and its release, which are made with one context. It belongs to the
  * caller, and is to outlive the vectors that name it.
@@ -627,7 +630,8 @@ KEL_API kel_status_t kel_fill_post(kel_queue_t *queue, uint64_t flags, uint64_t 
  *
  * KEL_SUCCESS; KEL_EINVAL: nsyms is not 1 to 1024, an unused half of the last length is not 0, the calling thread does
  * not own the context, or, under KEL_DEBUG_EXTRA and in version 1, more than 14 bytes with common low bits; *codec is
- * untouched then; KEL_ENOMEM: *codec is null. Lengths are not tested.
+ * untouched then, but null if only creation, with validation off, found no symbols or an image above 65535 bytes;
+ * KEL_ENOMEM: *codec is null. Lengths are not tested.
  */
 KEL_API kel_status_t kel_zip_create(kel_context_t *ctx, uint16_t nsyms, const uint8_t *widths, const uint8_t *syms,
                                     kel_zip_t **codec);
@@ -636,7 +640,8 @@ KEL_API kel_status_t kel_zip_create(kel_context_t *ctx, uint16_t nsyms, const ui
  * Creates a codec from an image of length bytes at a multiple of 16. In version 2 the codec uses the image where it is,
  * and the caller keeps it for the life of the codec, unless it crosses a multiple of 8192: then, and always in version
  * 1, it is copied. KEL_DEBUG_EXTRA tests the lengths, their sum against length, and in version 1 the rule of 14 bytes.
- * With validation off, version 1 trusts the lengths and does not look at length.
+ * Without KEL_DEBUG_EXTRA version 1 trusts the lengths, and reads behind length bytes if they say so: switch it on for
+ * images that come from elsewhere.
  *
  * KEL_SUCCESS; KEL_EINVAL: as the tests say, or the thread does not own the context; KEL_ENOMEM. After a failure *codec
  * is null.

@@ -481,3 +481,22 @@ TEST(damaged, nothing_outside_is_touched)
 }
 
 } // namespace
+
+// A codeword of 0 bits does not change, however many there are said to be.
+TEST(damaged, codewords_of_no_bits)
+{
+    test_context ctx(2, KEL_DEBUG_ARG);
+    const uint8_t width = 0x10;
+    const uint8_t symbol = 'A';
+    kel_zip_t *codec = nullptr;
+    ASSERT_EQ(kel_zip_create(ctx, 1, &width, &symbol, &codec), KEL_SUCCESS);
+    alignas(64) uint8_t out[128];
+    uint64_t stream = ~uint64_t{0};
+    const kel_vec_t src = {KEL_ZIP, 8, &stream, 1, 0, 0, 0, nullptr, codec, UINT64_MAX};
+    const kel_vec_t dst = {KEL_BYTES, 8, out, 1, 0, 0, 0, nullptr, nullptr, 0};
+    EXPECT_EQ(kel_extract(ctx, 0, &src, &dst).status, KEL_EDATAFMT);
+    stream = 0;
+    EXPECT_EQ(kel_extract(ctx, 0, &src, &dst).status, KEL_SUCCESS);
+    EXPECT_EQ(std::string(out, out + 8), "AAAAAAAA");
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+}
