@@ -2,6 +2,7 @@
 
 #include "kel_zip.h"
 #include "support.h"
+#include "training_model.h"
 #include "vorp.h"
 #include <algorithm>
 #include <cstring>
@@ -139,6 +140,110 @@ TEST(training, shortened_dictionaries)
         EXPECT_TRUE(round_trip(ctx, 1, source)) << "case " << i;
         ASSERT_FALSE(testing::Test::HasFailure()) << "case " << i;
     }
+}
+
+static void no_log(void *, const char *, ...) {}
+
+// What the pool has served when the table stands.
+static uint64_t pool_used(const bytes_t &source, vorp_level_t level)
+{
+    vorp_log_t silent = {no_log, nullptr};
+    vorp_config_t config;
+    vorp_config_init(&config, level, &silent);
+    vorp_adjust_dictionary_size(source.size(), &config);
+    vorp_mempool_t pool;
+    EXPECT_EQ(vorp_mempool_init(&config, &pool, vorp_pool_bytes, nullptr, nullptr, nullptr), 0);
+    auto *table = pool_objects<vorp_table_t>(&pool, 1, "table_create");
+    vorp_dict_t *dict = nullptr;
+    vorp_table_create(source.data(), source.size(), &config, table, &pool, &dict);
+    const uint64_t used = pool.used[0];
+    vorp_mempool_release(&pool);
+    return used;
+}
+
+static void compare_training(const bytes_t &source, int level, uint64_t capacity, training_model::coverage &met)
+{
+    const training_model::result expected = training_model::trainer(source, level, met).run(capacity);
+    bytes_t dictionary(vorp_dict_out_bytes, 0xCD);
+    bytes_t stream(capacity + 1, 0xEE);
+    stream[capacity] = 0;
+    uint64_t length = 99, codewords = 99;
+    const int outcome = vorp_kel_zip(source.data(), source.size(), stream.data(), capacity, &length, nullptr, nullptr,
+                                     no_log, nullptr, static_cast<vorp_level_t>(level), dictionary.data(), &codewords);
+    EXPECT_EQ(outcome, expected.outcome);
+    EXPECT_EQ(length, expected.length);
+    EXPECT_EQ(codewords, expected.codewords.value_or(99));
+    EXPECT_EQ(stream, expected.stream);
+    const auto written = dictionary.begin() + static_cast<ptrdiff_t>(expected.dictionary.size());
+    EXPECT_EQ(bytes_t(dictionary.begin(), written), expected.dictionary);
+    EXPECT_TRUE(std::all_of(written, dictionary.end(), [](uint8_t byte) { return byte == 0xCD; }));
+    if (outcome >= 0) {
+        EXPECT_EQ(pool_used(source, static_cast<vorp_level_t>(level)), expected.pool_used);
+    }
+}
+
+// Words of one length, one after the other: all their parts are frequent, and the dictionary is full.
+static bytes_t dense_words(uint64_t seed, uint64_t words, uint64_t letters, uint64_t alphabet, uint64_t size)
+{
+    random_source random(seed);
+    bytes_t list(words * letters), bytes;
+    for (uint8_t &letter : list)
+        letter = random.between<uint8_t>(1, alphabet);
+    while (bytes.size() < size) {
+        const auto word = list.begin() + static_cast<ptrdiff_t>(letters * random.between(0, words - 1));
+        bytes.insert(bytes.end(), word, word + static_cast<ptrdiff_t>(letters));
+    }
+    return bytes;
+}
+
+// A source that knows where training looks: as many n-grams of 2 and 3 bytes as can be are drawn twice each.
+static bytes_t drawn_twice()
+{
+    constexpr uint64_t base = 2048;
+    bytes_t bytes(2100000, ' ');
+    srand48(0);
+    for (const uint64_t length : {2u, 3u})
+        for (uint64_t sample = 0; sample < base * (9 - length); sample++) {
+            const uint64_t number = sample / 2, position = static_cast<uint64_t>(lrand48()) % (bytes.size() - 8);
+            for (uint64_t i = 0, rest = number; i < length; i++, rest /= 100)
+                bytes[position + i] = static_cast<uint8_t>(80 * (length - 1) + rest % 100);
+        }
+    return bytes;
+}
+
+TEST(training, like_a_second_formulation)
+{
+    random_source random(65);
+    training_model::coverage met;
+    test_context ctx(2, KEL_DEBUG_ARG, 0);
+    for (unsigned i = 0; i < 400; i++) {
+        const uint64_t size = random.one_in(3)    ? random.between(1, 200)
+                              : random.one_in(3)  ? random.between(19990, 20010)
+                              : random.one_in(20) ? random.between(20000, 400000)
+                                                  : random.between(200, 30000);
+        const uint64_t capacity = random.one_in(4) ? random.between(0, size) : 2 * size + 16;
+        compare_training(any_source(random, size), random.between<int>(VORP1, VORP4), capacity, met);
+        ASSERT_FALSE(testing::Test::HasFailure()) << "case " << i;
+    }
+    for (unsigned i = 0; i < 24; i++) {
+        const bytes_t source = dense_words(i, random.between(60, 900), random.between(6, 8), random.between(40, 250),
+                                           random.between(30000, 150000));
+        const uint64_t options = random.between(0, 1);
+        compare_training(source, options ? VORP4 : VORP3, source.size(), met);
+        round_trip(ctx, options, source);
+        ASSERT_FALSE(testing::Test::HasFailure()) << "dense case " << i;
+    }
+    for (const bytes_t &source :
+         {dense_words(1, 1500, 8, 20, 2100000), dense_words(1, 1500, 8, 250, 2100000), drawn_twice()})
+        compare_training(source, VORP3, source.size(), met);
+    EXPECT_GT(met.cut_rounds, 20u);
+    EXPECT_GT(met.power_lost, 0u);
+    EXPECT_GT(met.last_columns, 0u);
+    EXPECT_GT(met.not_worth, 20u);
+    EXPECT_GT(met.no_nodes, 0u);
+    EXPECT_GT(met.exhausted, met.no_nodes); // the others have no memory left
+    EXPECT_GT(met.reused, 0u);
+    EXPECT_GT(met.reuse_full, 0u);
 }
 
 TEST(training, memory)
