@@ -30,14 +30,15 @@ sanitize: test-tools
 
 # The fuzzers, each for some seconds.
 SECONDS := 60
-FUZZERS := fuzz_zip
+FUZZERS := fuzz_zip fuzz_encode fuzz_stream
 fuzz: fuzz-tools
 	cmake --preset fuzz $(CMAKE_FLAGS)
 	cmake --build build/fuzz -j $(JOBS) --target $(FUZZERS)
 	mkdir -p build/corpus
 	for fuzzer in $(FUZZERS); do \
 	    mkdir -p build/corpus/$$fuzzer && \
-	    build/fuzz/tests/$$fuzzer -max_total_time=$(SECONDS) -max_len=4096 -use_value_profile=1 build/corpus/$$fuzzer || exit 1; \
+	    build/fuzz/tests/$$fuzzer -max_total_time=$(SECONDS) -max_len=4096 -use_value_profile=1 \
+	        -artifact_prefix=build/corpus/$$fuzzer- build/corpus/$$fuzzer || exit 1; \
 	done
 
 # Options go to the benchmark program: make bench BENCH=--benchmark_filter=nop

@@ -438,15 +438,17 @@ constexpr uint64_t random_access_limit = 33554432; // bytes of a source, so that
 // Writes codewords one behind the other, the first bit on top, over bits that are zero. Kept: room is tested for the
 // first of a codeword's two bytes alone.
 struct code_writer {
-    uint8_t *to;
-    const uint8_t *end;
+    uint8_t *buf;
+    uint64_t capacity; // bytes
     unsigned width;
-    unsigned bit = 0; // in the byte at to
+    uint64_t at; // the byte of the next codeword's first bit; may have passed the end
+    unsigned bit = 0;
     bool overflow = false;
 
     void put(unsigned code)
     {
-        if (to < end) {
+        if (at < capacity) {
+            uint8_t *to = buf + at;
             const unsigned placed = code << (16 - width - bit);
             to[0] = static_cast<uint8_t>(to[0] | placed >> 8);
             if (bit + width > 8)
@@ -455,7 +457,7 @@ struct code_writer {
             overflow = true;
         }
         bit += width;
-        to += bit / 8;
+        at += bit / 8;
         bit %= 8;
     }
 };
@@ -481,7 +483,7 @@ uint64_t vorp_parse_fixed(const uint8_t *src, uint64_t srclen, uint8_t *buf, uin
     vorp_check(width <= widest_code, "vorp_parse_fixed: unexpected fixed-width length: %u\n", width);
     *overflow = 0;
     const uint64_t table_bytes = start_random_access(srclen, config, buf);
-    code_writer writer = {buf + table_bytes, buf + buflen, width};
+    code_writer writer = {buf, buflen, width, table_bytes};
     const vorp_matcher matcher(dict->trie);
     uint64_t codewords = 0;
     for (uint64_t position = 0; position < srclen; codewords++) {
@@ -495,7 +497,7 @@ uint64_t vorp_parse_fixed(const uint8_t *src, uint64_t srclen, uint8_t *buf, uin
     }
     *overflow = writer.overflow;
     // Kept: the table counts twice, and a last, partial byte only if a codeword would have ended in it.
-    *outlen = static_cast<uint64_t>(writer.to - buf) + table_bytes + (writer.bit + width < 8);
+    *outlen = writer.at + table_bytes + (writer.bit + width < 8);
     *count = codewords;
     return codewords;
 }
