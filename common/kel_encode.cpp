@@ -83,6 +83,7 @@ kel_result_t zip(kel_context_t *ctx, uint64_t options, const kel_vec_t *src, voi
         return {KEL_EINVAL, 0, 0};
 
     uint8_t dict[vorp_dict_out_bytes];
+    memset(dict, 0, kel_zip_header + kel_zip_width_bytes(kel_max_zip_symbols)); // widths that training leaves out
     uint64_t outlen = 0;
     uint64_t count = 0;
     const vorp_level_t level = options & thorough ? VORP4 : VORP3;
@@ -110,40 +111,45 @@ kel_result_t zip(kel_context_t *ctx, uint64_t options, const kel_vec_t *src, voi
     return {status, 0, status == KEL_SUCCESS ? count : 0};
 }
 
-// Packed widths and offsets of a codec's symbols, as the parser wants them. Those of a packed image lie in it.
+// Packed widths and offsets of a codec's symbols, as the parser wants them.
 struct parser_tables {
     explicit parser_tables(const kel_zip_t *codec)
-        : widths(static_cast<const uint8_t *>(kel_zip_widths(codec))), offsets(nullptr)
     {
-        if (codec->vorp)
+        const uint64_t tables = codec->vorp ? kel_zip_header + kel_zip_width_bytes(codec->nsyms) : sizeof(huff_table_t);
+        inside = codec->nsyms <= kel_max_zip_symbols && tables <= codec->dict_sz;
+        if (!inside)
             return;
+        kel_zip_offsets(codec, offsets);
+        const auto symbols = static_cast<uint64_t>(codec->syms - static_cast<const uint8_t *>(codec->dict));
         for (unsigned code = 0; code < codec->nsyms; code++) {
-            const unsigned width = zip_width(widths, code, 0);
-            const unsigned pair = code % 2 ? row_widths[code / 2] | width : width << 4;
-            row_widths[code / 2] = static_cast<uint8_t>(pair);
+            const unsigned width = zip_width(kel_zip_widths(codec), code, codec->vorp) & 15;
+            const unsigned pair = code % 2 ? widths[code / 2] | width : width << 4;
+            widths[code / 2] = static_cast<uint8_t>(pair);
+            inside &= symbols + offsets[code] + width <= codec->dict_sz;
         }
-        kel_zip_offsets(codec, row_offsets);
-        widths = row_widths;
-        offsets = row_offsets;
     }
 
-    const uint8_t *widths;
-    const uint16_t *offsets; // null: one symbol behind the other
-
-  private:
-    uint8_t row_widths[kel_max_zip_symbols / 2];
-    uint16_t row_offsets[kel_max_zip_symbols];
+    bool inside; // the image has all of the symbols, which validation need not have tested
+    uint8_t widths[kel_max_zip_symbols / 2];
+    uint16_t offsets[kel_max_zip_symbols];
 };
 
 kel_result_t encode(kel_context_t *ctx, const kel_vec_t *src, void *buf, size_t *buflen, const kel_zip_t *codec)
 {
     const uint64_t length = kel_data_bytes(src);
     const parser_tables tables(codec);
+    if (!tables.inside) {
+        kel_report(ctx, "EDATAFMT: codec of %u symbols passes its image of %lu bytes", codec->nsyms,
+                   static_cast<unsigned long>(codec->dict_sz));
+        return {KEL_EDATAFMT, 0, 0};
+    }
+
     uint64_t outlen = 0;
     uint64_t count = 0;
+    const uint16_t *offsets = codec->vorp ? nullptr : tables.offsets; // packed symbols need none
     const auto outcome = static_cast<int64_t>(vorp_kel_encode(src->data, length, buf, *buflen, &outlen, kel_alloc_func,
                                                               kel_free_func, kel_log_func, ctx, codec->nsyms,
-                                                              tables.widths, codec->syms, tables.offsets, &count));
+                                                              tables.widths, codec->syms, offsets, &count));
     if (outlen != 0)
         log_ratio(ctx, "excluding", length, outlen);
     if (outcome == -2)

@@ -129,7 +129,6 @@ void vorp_mempool_release(vorp_mempool_t *pool)
     pool->index = 0;
 }
 
-// Zeroed, for count objects.
 // ---- Arrays ---------------------------------------------------------------------------------------------------------
 
 void vorp_array_append(const vorp_config_t *, vorp_array_t *array, uint64_t value)
@@ -205,7 +204,7 @@ static constexpr uint16_t listed_children = 2; // that a node can have before it
 
 vorp_trie_t *vorp_trie_create(vorp_mempool_t *pool)
 {
-    auto *trie = pool_objects<vorp_trie_t>(pool, 1, "trie_create");
+    auto *trie = pool_objects<vorp_trie_t>(pool, 1, "vorp_trie");
     auto *root = pool_objects<vorp_trie_node_t>(pool, 1 + byte_values, "trie root and 256 children");
     root->child_base = root + 1;
     root->child_offsets = pool_objects<int64_t>(pool, byte_values, "256 children of trie root");

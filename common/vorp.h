@@ -401,7 +401,7 @@ void make_vorp_dict(unsigned nsyms, const uint8_t *widths, const uint8_t *syms, 
                     vorp_mempool_t *pool, vorp_dict_t *dict);
 void free_vorp_dict(vorp_dict_t *dict);
 
-// Encodes src by the longest symbols; answers the number of codewords, 0 if some byte has none.
+// Encodes src by the longest symbols; answers the number of codewords, 0 if there is none for some place or no byte.
 uint64_t vorp_parse_fixed(const uint8_t *src, uint64_t srclen, uint8_t *buf, uint64_t buflen, uint64_t *outlen,
                           unsigned width, vorp_dict_t *dict, const vorp_config_t *config, int *overflow,
                           uint64_t *count);
@@ -413,6 +413,8 @@ inline constexpr size_t vorp_dict_out_bytes = kel_zip_header + vorp_max_entries 
 int vorp_encode_internal(const uint8_t *src, uint64_t srclen, uint8_t *buf, uint64_t buflen, uint64_t *outlen,
                          const vorp_config_t *config, vorp_alloc_func alloc, vorp_free_func free, void *opaque,
                          uint8_t *dict_out, uint64_t *count);
+// Leaves bare codewords, behind a random-access table if ra_interval is above 0, without header and dictionary, which
+// is lost: a writer of whole streams trains by itself. use_ra arms the test of ra_interval.
 int vorp_encode(vorp_log_t *log, uint64_t reserved, const void *in, uint64_t in_len, void *out, uint64_t *outlen,
                 uint64_t out_cap, vorp_level_t level, vorp_alloc_func alloc, vorp_free_func free, void *opaque,
                 int use_ra, int16_t ra_interval);

@@ -192,7 +192,7 @@ vorp_dict_t *vorp_dict_build(vorp_mempool_t *pool, const uint8_t *src, uint64_t 
 void vorp_dict_op_add_gram(const vorp_config_t *config, vorp_dict_t *dict, uint64_t index, const uint8_t *src)
 {
     const vorp_ngram_t &node = dict->nodes[index];
-    vorp_check(node.first_pos >= 0, "vorp_dict_op_add_gram: first pos is wrong\n");
+    vorp_check(node.first_pos >= 0, "vorp_dict_op_add_gram: first pos is wrong");
     vorp_array_append(config, &dict->large_gram_array, index);
     vorp_trie_insert(dict->trie, src + node.first_pos, node.len, static_cast<uint16_t>(index));
     dict->bytes += node.len;
@@ -203,7 +203,7 @@ void vorp_dict_op_remove_gram(const vorp_config_t *config, vorp_dict_t *dict, ui
 {
     const uint64_t index = vorp_array_top(config, &dict->large_gram_array);
     const vorp_ngram_t &node = dict->nodes[index];
-    vorp_check(node.first_pos >= 0, "vorp_dict_op_remove_gram: wrong first_pos\n");
+    vorp_check(node.first_pos >= 0, "vorp_dict_op_remove_gram: wrong first_pos");
     if (dict->deleted_array.size < dict->deleted_array.max_size)
         vorp_array_append(config, &dict->deleted_array, index);
     vorp_array_remove(config, &dict->large_gram_array, i);
@@ -222,7 +222,7 @@ void vorp_dict_op_calc_freq(const vorp_config_t *, vorp_dict_t *dict, const uint
     uint64_t tokens = 0;
     for (uint64_t position = 0; position < srclen; tokens++) {
         const vorp_match_t match = matcher.longest(src + position, std::min(window, srclen - position));
-        vorp_check(match.length > 0, "vorp_dict_op_calc_freq: wrong prefix\n");
+        vorp_check(match.length > 0, "vorp_dict_op_calc_freq: wrong prefix");
         dict->nodes[match.id].freq++;
         position += match.length;
     }
@@ -251,7 +251,7 @@ void vorp_dict_resize(vorp_dict_t *dict, const uint8_t *src, uint64_t srclen, ui
 {
     if (config->refine)
         vorp_dict_op_calc_freq(config, dict, src, srclen, window);
-    vorp_check(dict->nodes, "vorp_dict_resize: null ptr to ngram nodes list\n");
+    vorp_check(dict->nodes, "vorp_dict_resize: null ptr to ngram nodes list");
     vorp_array_t *large = &dict->large_gram_array;
     lsrsrx(large->items, large->size, sizeof *large->items, vorp_ngram_cmp_freq_desc, dict->nodes);
     if (config->refine && !dict->onegrams_removed)
@@ -337,7 +337,7 @@ vorp_ngram_t **node_pointers(vorp_mempool_t *pool, uint64_t count, const char *n
     return static_cast<vorp_ngram_t **>(vorp_mempool_getmemory(pool, count * sizeof(void *), 1, 1, name));
 }
 
-// A lower bound of what the dictionary and the stream take.
+// About what the dictionary and the stream take at least: the row rule is not looked at.
 uint64_t estimated_size(const vorp_dict_t *dict, const vorp_config_t *config)
 {
     uint64_t size = (dict->count >> 1) + dict->bytes;
@@ -362,8 +362,8 @@ void fill_entries(const node_lists &lists, uint64_t n, const uint8_t *src, vorp_
 {
     for (uint64_t i = 0; i < n; i++) {
         const vorp_ngram_t *node = lists.nodes[i];
-        vorp_check(node, "vorp_table_create: node missing from final_array\n");
-        vorp_check(node->len < 2 || node->first_pos >= 0, "vorp_table_create: first_pos incorrect\n");
+        vorp_check(node, "vorp_table_create: node missing from final_array");
+        vorp_check(node->len < 2 || node->first_pos >= 0, "vorp_table_create: first_pos incorrect");
         vorp_table_entry_t *entry = &table->entries[i];
         entry->bytes = pool_objects<uint8_t>(table->pool, node->len, "__Symbols");
         memcpy(entry->bytes, symbol_bytes(*node, src), node->len);
@@ -408,7 +408,7 @@ uint64_t vorp_copy_dict_to_output_fixed(const vorp_table_t *table, const vorp_co
     const vorp_table_entry_t *entries = table->entries;
     if (config->hw_constraint) {
         const uint64_t over = rows_over_limit(count, [=](uint64_t i) { return entries[i].len; });
-        vorp_check(over == 0, "vorp_copy_dict...: HW constraint not satisfied\n");
+        vorp_check(over == 0, "vorp_copy_dict...: HW constraint not satisfied");
     }
     kel_store_be(out, static_cast<uint16_t>(count));
     uint8_t *widths = out + kel_zip_header;

@@ -19,7 +19,8 @@ class vorp_matcher
   public:
     explicit vorp_matcher(vorp_trie_t *trie);
 
-    // The longest symbol that starts the n bytes at s. Unlike the trie it does not mark the bytes that it passes.
+    // The longest symbol that starts the n bytes at s. Whether the trie's marks are set for the bytes
+    // that it passes is left open.
     vorp_match_t longest(const uint8_t *s, uint64_t n) const
     {
         if (n < word_bytes || !tables) [[unlikely]]

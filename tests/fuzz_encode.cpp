@@ -10,6 +10,8 @@ namespace
 
 using bytes_t = std::vector<uint8_t>;
 
+constexpr size_t spare = 2; // bytes of a stream's buffer behind its capacity
+
 void require(bool condition)
 {
     if (!condition)
@@ -60,8 +62,8 @@ void expect_source(kel_context_t *ctx, const bytes_t &source, const bytes_t &str
 void encode(kel_context_t *ctx, bytes_t source, kel_zip_t *codec)
 {
     const kel_vec_t src = byte_vec(source.data(), source.size());
-    bytes_t stream(2 * source.size() + 1);
-    size_t length = stream.size();
+    bytes_t stream(2 * source.size() + spare);
+    size_t length = stream.size() - spare;
     const kel_result_t result = kel_encode(ctx, &src, stream.data(), &length, codec);
     if (result.status == KEL_SUCCESS)
         expect_source(ctx, source, stream, result.count, codec);
@@ -73,14 +75,13 @@ void train(kel_context_t *ctx, bytes_t source, FuzzedDataProvider &input)
 {
     const uint64_t options = input.ConsumeIntegralInRange<uint64_t>(0, 1);
     const kel_vec_t src = byte_vec(source.data(), source.size());
-    bytes_t stream(input.ConsumeBool() ? input.ConsumeIntegralInRange<size_t>(0, source.size()) : source.size() + 1);
-    size_t length = stream.size();
+    size_t length = input.ConsumeBool() ? input.ConsumeIntegralInRange<size_t>(0, source.size()) : source.size();
+    bytes_t stream(length + spare);
     kel_zip_t *codec = nullptr;
     kel_result_t result = kel_zip(ctx, options, &src, stream.data(), &length, &codec);
     if (result.status == KEL_EOVERFLOW) {
-        require(codec && length >= stream.size());
-        stream.assign(length + 1, 0xA5);
-        length = stream.size();
+        require(codec && length + spare >= stream.size()); // as long as its room, at least
+        stream.assign(++length + spare, 0xA5);             // a last byte may not have been counted
         result = kel_encode(ctx, &src, stream.data(), &length, codec);
         require(result.status == KEL_SUCCESS);
     }
@@ -88,7 +89,6 @@ void train(kel_context_t *ctx, bytes_t source, FuzzedDataProvider &input)
         require(result.status == KEL_EZIP && result.count == 0);
         return;
     }
-    stream.resize(std::max(stream.size(), length + 1)); // a last byte that was not counted
     expect_source(ctx, source, stream, result.count, codec);
     encode(ctx, source, codec);
     encode(ctx, input.ConsumeRemainingBytes<uint8_t>(), codec);

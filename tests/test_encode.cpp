@@ -196,6 +196,60 @@ static bytes_t dense_words(uint64_t seed, uint64_t words, uint64_t letters, uint
     return bytes;
 }
 
+// The format's own encoder, with random access: the table's first entry, and its length counted twice. The dictionary's
+// section then has the distance of each symbol from its offset's own place.
+static void compare_random_access(const bytes_t &source)
+{
+    training_model::coverage met;
+    const training_model::result expected = training_model::trainer(source, VORP2, met).run(source.size());
+    constexpr int16_t interval = 64;
+    const uint64_t entries = (source.size() + interval - 1) / interval;
+    std::vector<uint64_t> in(source.size() / 8 + 1), out(entries + source.size() / 8 + 1);
+    memcpy(in.data(), source.data(), source.size());
+    vorp_log_t silent = {no_log, nullptr};
+    uint64_t length = 0;
+    EXPECT_EQ(vorp_encode(&silent, 0, in.data(), source.size(), out.data(), &length, 8 * out.size(), VORP2, nullptr,
+                          nullptr, nullptr, 1, interval),
+              0);
+    EXPECT_EQ(length, expected.length + 2 * 8 * entries);
+    EXPECT_EQ(kel_load_be<uint64_t>(out.data()), entries << 42);
+    EXPECT_TRUE(std::all_of(out.begin() + 1, out.begin() + static_cast<ptrdiff_t>(entries), [](auto w) { return !w; }));
+    EXPECT_EQ(memcmp(out.data() + entries, expected.stream.data(), expected.length), 0);
+}
+
+static void compare_offsets()
+{
+    std::vector<vorp_table_entry_t> entries;
+    bytes_t symbols = {'a', 'b', 'b', 'c', 'd', 'd', 'd', 'e'};
+    for (const auto &[place, length] : {std::pair{0, 1}, {1, 2}, {3, 1}, {4, 3}, {7, 1}})
+        entries.push_back({symbols.data() + place, static_cast<uint8_t>(length), 0});
+    vorp_log_t silent = {no_log, nullptr};
+    vorp_config_t config;
+    vorp_config_init(&config, VORP1, &silent);
+    config.ra_interval = 8;
+    vorp_table_t table = {};
+    table.entries = entries.data();
+    table.entry_count = 5;
+    bytes_t out(100);
+    out.resize(vorp_copy_dict_to_output_fixed(&table, &config, out.data()));
+    EXPECT_EQ(hex(out.data(), out.size()), "0005"
+                                           "121310"
+                                           "000a"
+                                           "0009"
+                                           "0009"
+                                           "0008"
+                                           "0009"
+                                           "6162626364646465");
+}
+
+TEST(training, random_access)
+{
+    random_source random(66);
+    for (const uint64_t size : {3000u, 25000u})
+        compare_random_access(dense_words(random.word(), 30, 5, 26, size));
+    compare_offsets();
+}
+
 // A source that knows where training looks: as many n-grams of 2 and 3 bytes as can be are drawn twice each.
 static bytes_t drawn_twice()
 {
@@ -350,6 +404,29 @@ TEST(training, refusals)
     ctx.disown();
     EXPECT_EQ(train(0, src), KEL_EINVAL);
     EXPECT_EQ(ctx.messages(), lines_t{test_context::wrong_thread()});
+}
+
+// Codecs that validation has not tested: too many symbols, and symbols behind the image.
+TEST(training, damaged_codecs)
+{
+    test_context ctx(2, 0);
+    bytes_t source(9000, 'x'), stream(20000);
+    size_t length = 10000;
+    const kel_vec_t src = byte_vec(source);
+    kel_zip_t *codec = nullptr;
+    for (const unsigned nsyms : {5000u, 200u}) {
+        bytes_t image(nsyms > 1024 ? 45000 : 1024, 0x88);
+        kel_store_be(image.data(), static_cast<uint16_t>(nsyms));
+        const guarded_buffer aligned(image.size(), 16);
+        memcpy(aligned.data, image.data(), image.size());
+        ASSERT_EQ(nsyms > 1024 ? kel_zip_create(ctx, 5000, image.data(), image.data(), &codec)
+                               : kel_zip_create_contig(ctx, aligned.data, aligned.size, &codec),
+                  KEL_SUCCESS);
+        EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).status, KEL_EDATAFMT);
+        EXPECT_EQ(ctx.messages(), lines_t{"EDATAFMT: codec of " + std::to_string(nsyms) +
+                                          " symbols passes its image of " + std::to_string(codec->dict_sz) + " bytes"});
+        EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+    }
 }
 
 TEST(training, lines)

@@ -215,6 +215,12 @@ void decode_at(size_t in, size_t to)
     vorp_decode(&no_log, 0, memory + in, memory + to, &out_length, 0, nullptr, nullptr, nullptr);
 }
 
+void encode_at(const void *in, void *to, vorp_level_t level = VORP1, int interval = 8)
+{
+    vorp_encode(&no_log, 0, in, 8, to, &out_length, sizeof out, level, nullptr, nullptr, nullptr, 1,
+                static_cast<int16_t>(interval));
+}
+
 void write_header(int interval)
 {
     const vorp_config_t config = configured(interval);
@@ -288,6 +294,13 @@ const struct {
     {"vorp_decode_fixed_random: wrong dict_entries: 0\n", "vorp_decode", [] { range(at_entries, 0); }},
     {"vorp_decode_fixed_random: wrong fixed_size: 2\n", "vorp_decode", [] { range(at_entries, 4); }},
     {"vorp_decode_fixed_dict_random: len < 0\n", "vorp_decode", [] { range(at_widths, 0x10); }},
+    {"vorp_encode: input buffer is not aligned: 1\n", "vorp_encode", [] { encode_at(at(1), at(0)); }},
+    {"vorp_encode: output buffer is not aligned: 4\n", "vorp_encode", [] { encode_at(at(8), at(4)); }},
+    {"vorp_encode: r.a. interval out of range: 7\n", "vorp_encode", [] { encode_at(at(8), nullptr, VORP1, 7); }},
+    {"vorp_encode: r.a. interval out of range: 257\n", "vorp_encode", [] { encode_at(at(8), nullptr, VORP1, 257); }},
+    {"vorp_encode: wrong cmp level: 0\n", "vorp_encode", [] { encode_at(at(8), nullptr, VORPWRONG); }},
+    {"vorp_encode: null output buf ptr\n", "vorp_encode", [] { encode_at(nullptr, nullptr); }},
+    {"vorp_encode: null input buf ptr\n", "vorp_encode", [] { encode_at(nullptr, out); }},
     {"vorp_malloc_align: power of 2: 100, 24\n", "vorp", [] { vorp_malloc_align(&no_log, 0, 100, "", 24, nullptr); }},
     {"vorp_mempool_init: null releaser", "vorp", [] { init_pool(nullptr, &no_log, 0); }},
     {"vorp_mempool_init: null opaque", "vorp", [] { init_pool(release, nullptr, 0); }},
