@@ -250,14 +250,15 @@ TEST(training, random_access)
     compare_offsets();
 }
 
-// A source that knows where training looks: as many n-grams of 2 and 3 bytes as can be are drawn twice each.
-static bytes_t drawn_twice()
+// A source that knows where training looks: as many n-grams of 2 bytes as can be are drawn twice each, and then triples
+// of 3 bytes.
+static bytes_t drawn_twice(uint64_t triples)
 {
     constexpr uint64_t base = 2048;
     bytes_t bytes(2100000, ' ');
     srand48(0);
     for (const uint64_t length : {2u, 3u})
-        for (uint64_t sample = 0; sample < base * (9 - length); sample++) {
+        for (uint64_t sample = 0; sample < (length == 2 ? 7 * base : 2 * triples); sample++) {
             const uint64_t number = sample / 2, position = static_cast<uint64_t>(lrand48()) % (bytes.size() - 8);
             for (uint64_t i = 0, rest = number; i < length; i++, rest /= 100)
                 bytes[position + i] = static_cast<uint8_t>(80 * (length - 1) + rest % 100);
@@ -287,9 +288,10 @@ TEST(training, like_a_second_formulation)
         round_trip(ctx, options, source);
         ASSERT_FALSE(testing::Test::HasFailure()) << "dense case " << i;
     }
-    for (const bytes_t &source :
-         {dense_words(1, 1500, 8, 20, 2100000), dense_words(1, 1500, 8, 250, 2100000), drawn_twice()})
-        compare_training(source, VORP3, source.size(), met);
+    for (const auto &[words, alphabet] : {std::pair{1500u, 20u}, {6000u, 20u}, {1500u, 250u}})
+        compare_training(dense_words(1, words, 8, alphabet, 2100000), VORP3, 2100000, met);
+    for (const uint64_t triples : {1500u, 6144u}) // nodes suffice if they are used again; they do not
+        compare_training(drawn_twice(triples), VORP3, 2100000, met);
     EXPECT_GT(met.cut_rounds, 20u);
     EXPECT_GT(met.power_lost, 0u);
     EXPECT_GT(met.last_columns, 0u);
