@@ -2,8 +2,8 @@
 //
 // A producer turns some consecutive blocks of a packed stream into something else: mask words, with the first element
 // on top, or destination elements. It is chosen once a call from the elements' width and place and from what is to be
-// made of them. Its loads pass the last element of a block by up to 8 bytes. Blocks for which those bytes are not part
-// of the vector are copied first: the last ones of every source.
+// made of them. Its loads pass the bytes of its last block by up to 16. Blocks for which those are not part of the
+// vector are copied first: the last ones of every source.
 #pragma once
 
 #include "kel_emulate_subr.h"
@@ -34,10 +34,9 @@ class block_cursor
     // The first count elements of src.
     block_cursor(const kel_vec_t *src, uint64_t count)
         : fields{static_cast<const uint8_t *>(src->data), static_cast<unsigned>(kel_width_bits(src)), src->offset},
-          elements(count), bytes((fields.offset + fields.width * count + 7) / 8), loadable(count / block_elements)
+          elements(count), bytes((fields.offset + fields.width * count + 7) / 8),
+          loadable(bytes > overrun ? (bytes - overrun) / (8 * fields.width) : 0)
     {
-        if (loadable > 0 && loaded_bytes(loadable) > bytes)
-            loadable--;
     }
 
     // The width and place of what is left.
@@ -61,15 +60,8 @@ class block_cursor
     }
 
   private:
-    // How far the loads of the given number of blocks reach. A block takes 8 bytes or more, so that at most the last
-    // whole block reaches behind the vector.
-    uint64_t loaded_bytes(uint64_t blocks) const
-    {
-        return (fields.offset + (block_elements * blocks - 1) * fields.width) / 8 + overrun;
-    }
-
-    // Copies what is left, fewer than two blocks, to where there is room behind its end. What follows the last element
-    // is 0, so that a bitmap is not looked at far behind its end for a field that does not exist.
+    // Copies what is left, fewer than two blocks and an overrun, to where there is room behind its end. What follows the
+    // last element is 0, so that a bitmap is not looked at far behind its end for a field that does not exist.
     void copy_rest()
     {
         if (elements == 0)
@@ -82,13 +74,13 @@ class block_cursor
         fields.data = rest;
     }
 
-    static constexpr unsigned overrun = 9; // bytes that a field's load may take
+    static constexpr unsigned overrun = 16; // bytes that loads may pass the end of blocks by
 
     fields_t fields;   // of what is left,
     uint64_t elements; // its elements,
     uint64_t bytes;    // its length,
     uint64_t loadable; // and the blocks that can be loaded where they are
-    uint8_t rest[2 * 8 * 64 + overrun];
+    uint8_t rest[2 * 8 * 64 + 2 * overrun];
 };
 
 // ---- Producers ------------------------------------------------------------------------------------------------------
@@ -96,6 +88,7 @@ class block_cursor
 // A bitmap that elements are looked up in: element e matches if bit e is 1, or if negated 0.
 struct bitmap_t {
     const uint8_t *data;
+    uint64_t bits;
     bool negated;
 };
 
@@ -103,12 +96,34 @@ struct bitmap_t {
 template <class Test>
 using mask_blocks_t = void (*)(fields_t fields, const Test &test, uint64_t *masks, size_t n);
 
-mask_blocks_t<predicate_t> choose_mask_blocks(const fields_t &fields, const predicate_t &predicate);
-mask_blocks_t<bitmap_t> choose_mask_blocks(const fields_t &fields, const bitmap_t &bitmap);
+// In portable code, for all fields.
+mask_blocks_t<predicate_t> portable_mask_blocks(const fields_t &fields, const predicate_t &predicate);
+mask_blocks_t<bitmap_t> portable_mask_blocks(const fields_t &fields, const bitmap_t &bitmap);
+// For AVX2. Null: there is none for these fields, or this processor or build cannot have it.
+mask_blocks_t<predicate_t> avx2_mask_blocks(const fields_t &fields, const predicate_t &predicate);
+mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &fields, const bitmap_t &bitmap);
 
 // Makes n blocks of destination elements: a field is shifted right, which cuts low bits off, then left, and stored in
 // the width that the producer was chosen for.
 using element_blocks_t = void (*)(fields_t fields, unsigned right, unsigned left, void *to, size_t n);
 
-// bytes: of a destination element, 1, 2, 4, 8 or 16.
-element_blocks_t choose_element_blocks(const fields_t &fields, uint64_t bytes);
+// As above. bytes: of a destination element, 1, 2, 4, 8 or 16.
+element_blocks_t portable_element_blocks(const fields_t &fields, uint64_t bytes);
+element_blocks_t avx2_element_blocks(const fields_t &fields, uint64_t bytes);
+
+// ---- The choice -----------------------------------------------------------------------------------------------------
+//
+// The first producer that there is, from the widest vectors down.
+
+template <class Test>
+mask_blocks_t<Test> choose_mask_blocks(const fields_t &fields, const Test &test)
+{
+    const mask_blocks_t<Test> vector = avx2_mask_blocks(fields, test);
+    return vector ? vector : portable_mask_blocks(fields, test);
+}
+
+inline element_blocks_t choose_element_blocks(const fields_t &fields, uint64_t bytes)
+{
+    const element_blocks_t vector = avx2_element_blocks(fields, bytes);
+    return vector ? vector : portable_element_blocks(fields, bytes);
+}

@@ -63,7 +63,7 @@ kel_status_t emulate(kernel_t kernel, uint64_t flags, lookup_t lookup, const cha
 kel_status_t translate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                        const kel_vec_t *bitmap, cca_t *cca, bool fast)
 {
-    const lookup_t lookup = {{static_cast<const uint8_t *>(bitmap->data), false}};
+    const lookup_t lookup = {{static_cast<const uint8_t *>(bitmap->data), bitmap->elements, false}};
     return emulate({ctx, src, dst, 0, cca}, flags, lookup, "Emulating kel_translate", fast);
 }
 
@@ -88,7 +88,7 @@ kel_status_t kel_translate_testval_emulate(kel_context_t *ctx, uint64_t flags, c
                                            uint64_t test_value, cca_t *cca)
 {
     const uint64_t index_mask = (uint64_t{1} << (val_width % 32)) - 1; // kept: the mask is made in 32 bits
-    const lookup_t lookup = {{static_cast<const uint8_t *>(bitmap), false}, true, index_mask, val_width, test_value};
+    const lookup_t lookup = {{static_cast<const uint8_t *>(bitmap), 0, false}, true, index_mask, val_width, test_value};
     return emulate({ctx, src, dst, 0, cca}, flags, lookup, testval_line, true);
 }
 

@@ -1,0 +1,197 @@
+// The producers of mask words for AVX2.
+#include "kel_vector.h"
+
+#if KEL_HAVE_AVX2_UNITS
+
+namespace
+{
+
+// ---- Intervals ------------------------------------------------------------------------------------------------------
+
+// Whether lanes are outside an interval. The comparison is one of signed numbers, so that both sides are moved by half
+// of the lanes' domain.
+template <unsigned bits>
+class outside_interval
+{
+  public:
+    KEL_AVX2 outside_interval(uint64_t low, uint64_t above_low, unsigned unused)
+        : first(lanes<bits>::all((low << unused) - half)),
+          span(lanes<bits>::all((above_low << unused | ((uint64_t{1} << unused) - 1)) - half))
+    {
+    }
+
+    KEL_AVX2 __m256i operator()(__m256i x) const
+    {
+        return lanes<bits>::greater(lanes<bits>::minus(x, first), span);
+    }
+
+  private:
+    static constexpr uint64_t half = uint64_t{1} << (bits - 1);
+
+    __m256i first;
+    __m256i span;
+};
+
+template <unsigned bits>
+class outside_two
+{
+  public:
+    KEL_AVX2 outside_two(const predicate_t &predicate, unsigned unused)
+        : one(predicate.first[0], predicate.span[0], unused), other(predicate.first[1], predicate.span[1], unused)
+    {
+    }
+
+    KEL_AVX2 __m256i operator()(__m256i x) const
+    {
+        return _mm256_and_si256(one(x), other(x));
+    }
+
+  private:
+    outside_interval<bits> one;
+    outside_interval<bits> other;
+};
+
+template <unsigned bits>
+class outside_one : public outside_interval<bits>
+{
+  public:
+    KEL_AVX2 outside_one(const predicate_t &predicate, unsigned unused)
+        : outside_interval<bits>(predicate.first[0], predicate.span[0], unused)
+    {
+    }
+};
+
+template <unsigned bits, bool narrow, template <unsigned> class Outside>
+KEL_AVX2 void interval_blocks(fields_t fields, const predicate_t &predicate, uint64_t *masks, size_t n)
+{
+    using loader_t = field_loader<bits, narrow, for_packing>;
+    const loader_t loader(fields);
+    const Outside<bits> outside(predicate, bits - fields.width);
+    const uint64_t matching = predicate.negated ? 0 : ~uint64_t{0};
+    for (size_t block = 0; block < n; block++) {
+        uint64_t mask = 0;
+        for (unsigned half = 0; half < 2; half++, fields.data += half_elements / 8 * fields.width) {
+            __m256i outcomes[loader_t::registers];
+            for (unsigned i = 0; i < loader_t::registers; i++)
+                outcomes[i] = outside(loader.load(fields.data, i));
+            mask = mask << 32 | top_bits(pack_outcomes<bits>(outcomes));
+        }
+        masks[block] = mask ^ matching;
+    }
+}
+
+// ---- Bitmaps --------------------------------------------------------------------------------------------------------
+
+// A bitmap of up to 256 bits stands in two registers: a byte of it is picked by an element's upper bits, and from that
+// a bit by its lower ones.
+KEL_AVX2 void small_bitmap_blocks(fields_t fields, const bitmap_t &bitmap, uint64_t *masks, size_t n)
+{
+    using loader_t = field_loader<16, true, for_packing>;
+    const loader_t loader(fields);
+    alignas(32) uint8_t bytes[32] = {};
+    memcpy(bytes, bitmap.data, ((size_t{1} << fields.width) + 7) / 8);
+    const __m256i low = _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(bytes)));
+    const __m256i high = _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(bytes + 16)));
+    const __m256i bits = _mm256_set1_epi64x(0x0102040810204080);
+    const uint64_t negated = bitmap.negated ? ~uint64_t{0} : 0;
+    for (size_t block = 0; block < n; block++) {
+        uint64_t mask = 0;
+        for (unsigned half = 0; half < 2; half++, fields.data += half_elements / 8 * fields.width) {
+            const __m256i element =
+                _mm256_packus_epi16(lanes<16>::right(loader.load(fields.data, 0), 16 - fields.width),
+                                    lanes<16>::right(loader.load(fields.data, 1), 16 - fields.width));
+            const __m256i place = _mm256_and_si256(_mm256_srli_epi16(element, 3), _mm256_set1_epi8(31));
+            const __m256i byte = _mm256_blendv_epi8(_mm256_shuffle_epi8(low, place), _mm256_shuffle_epi8(high, place),
+                                                    _mm256_slli_epi16(place, 3));
+            const __m256i bit = _mm256_shuffle_epi8(bits, _mm256_and_si256(element, _mm256_set1_epi8(7)));
+            const __m256i hit = _mm256_cmpeq_epi8(_mm256_and_si256(byte, bit), bit);
+            mask = mask << 32 | top_bits(backwards(hit));
+        }
+        masks[block] = mask ^ negated;
+    }
+}
+
+// Looks up the elements in the words of a bitmap. Bit e of it is bit e ^ 7 of a stream of little-endian words.
+template <unsigned bits, class Lane>
+KEL_AVX2 inline uint64_t look_up(const uint8_t *bitmap, const Lane *elements)
+{
+    uint64_t mask = 0;
+    for (unsigned i = 0; i < block_elements; i++) {
+        uint32_t word;
+        memcpy(&word, bitmap + elements[i] / 32 * size_t{4}, sizeof word);
+        mask = mask << 1 | (word >> (elements[i] % 32) & 1);
+    }
+    return mask;
+}
+
+template <unsigned bits, class Lane, bool narrow>
+KEL_AVX2 void bitmap_blocks(fields_t fields, const bitmap_t &bitmap, uint64_t *masks, size_t n)
+{
+    using loader_t = field_loader<bits, narrow, in_order>;
+    const loader_t loader(fields);
+    const __m256i flip = lanes<bits>::all(7);
+    const uint64_t negated = bitmap.negated ? ~uint64_t{0} : 0;
+    alignas(32) Lane elements[block_elements];
+    for (size_t block = 0; block < n; block++) {
+        auto *to = reinterpret_cast<__m256i *>(elements);
+        for (unsigned half = 0; half < 2; half++, fields.data += half_elements / 8 * fields.width)
+            for (unsigned i = 0; i < loader_t::registers; i++, to++) {
+                const __m256i element = lanes<bits>::right(loader.load(fields.data, i), bits - fields.width);
+                _mm256_store_si256(to, _mm256_xor_si256(element, flip));
+            }
+        masks[block] = look_up<bits>(bitmap.data, elements) ^ negated;
+    }
+}
+
+// ---- The choice -----------------------------------------------------------------------------------------------------
+
+template <unsigned bits>
+mask_blocks_t<predicate_t> choose_intervals(const fields_t &fields, const predicate_t &predicate)
+{
+    if (predicate.intervals == 2)
+        return narrow_in(fields, bits) ? interval_blocks<bits, true, outside_two>
+                                       : interval_blocks<bits, false, outside_two>;
+    return narrow_in(fields, bits) ? interval_blocks<bits, true, outside_one>
+                                   : interval_blocks<bits, false, outside_one>;
+}
+
+template <unsigned bits, class Lane>
+mask_blocks_t<bitmap_t> choose_bitmap(const fields_t &fields)
+{
+    return narrow_in(fields, bits) ? bitmap_blocks<bits, Lane, true> : bitmap_blocks<bits, Lane, false>;
+}
+
+} // namespace
+
+mask_blocks_t<predicate_t> avx2_mask_blocks(const fields_t &fields, const predicate_t &predicate)
+{
+    if (!kel_have_avx2())
+        return nullptr;
+    return fields.width <= 16   ? choose_intervals<16>(fields, predicate)
+           : fields.width <= 32 ? choose_intervals<32>(fields, predicate)
+                                : choose_intervals<64>(fields, predicate);
+}
+
+// Bitmaps are read by their aligned words of 4 bytes, those of narrow elements as a whole, which has to be there.
+mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &fields, const bitmap_t &bitmap)
+{
+    if (!kel_have_avx2() || reinterpret_cast<uintptr_t>(bitmap.data) % 4 != 0 || fields.width > 32)
+        return nullptr;
+    if (fields.width <= 8)
+        return bitmap.bits >> fields.width != 0 ? small_bitmap_blocks : nullptr;
+    return fields.width <= 16 ? choose_bitmap<16, uint16_t>(fields) : choose_bitmap<32, uint32_t>(fields);
+}
+
+#else
+
+mask_blocks_t<predicate_t> avx2_mask_blocks(const fields_t &, const predicate_t &)
+{
+    return nullptr;
+}
+
+mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &, const bitmap_t &)
+{
+    return nullptr;
+}
+
+#endif
