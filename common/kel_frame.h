@@ -90,7 +90,7 @@ kel_result_t exec(kel_context_t *ctx, uint64_t flags, const typename Op::args &a
 
 // Presents an execution to trace probes, if the operation has one and KEL_DEBUG_PERF asks for it.
 template <class Op>
-void kel_probe(kel_context_t *ctx, uint64_t flags, const typename Op::args &args, kel_result_t *result)
+void kel_probe(kel_context_t *ctx, uint64_t flags, const typename Op::args &args, kel_result_t result)
 {
     if constexpr (requires(kel_request_t request) { Op::request(args, &request); }) {
         if (!(ctx->debug_options & KEL_DEBUG_PERF))
@@ -100,7 +100,7 @@ void kel_probe(kel_context_t *ctx, uint64_t flags, const typename Op::args &args
         request.ctx = ctx;
         request.flags = flags;
         Op::request(args, &request);
-        kel_probe_execute(ctx, &request, result, &ctx->events);
+        kel_probe_execute(ctx, &request, &result, &ctx->events);
     }
 }
 
@@ -123,7 +123,7 @@ kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args 
     kel_result_t result = {refused, 0, 0};
     if (!refused) {
         result = exec<Op>(ctx, flags, args);
-        kel_probe<Op>(ctx, flags, args, &result);
+        kel_probe<Op>(ctx, flags, args, result);
     }
     if (ctx->log.options & KEL_LOG_RETURN)
         log_return<Op>(ctx, args, Op::return_format, kel_status_str(result.status), static_cast<long>(result.count));

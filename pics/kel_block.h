@@ -27,22 +27,33 @@ struct blocks_t {
     uint64_t elements; // 0 at the end of the source
 };
 
-// Hands out the blocks of a source of plain fields.
+// The elements of a vector, which are plain fields, and its runs.
+inline fields_t element_fields(const kel_vec_t *vec)
+{
+    return {static_cast<const uint8_t *>(vec->data), static_cast<unsigned>(kel_width_bits(vec)), vec->offset};
+}
+
+inline fields_t run_fields(const kel_vec_t *vec)
+{
+    return {static_cast<const uint8_t *>(vec->aux_data), vec->aux_width, vec->aux_offset};
+}
+
+// Hands out the blocks of fields.
 class block_cursor
 {
   public:
-    // The first count elements of src.
-    block_cursor(const kel_vec_t *src, uint64_t count)
-        : fields{static_cast<const uint8_t *>(src->data), static_cast<unsigned>(kel_width_bits(src)), src->offset},
-          elements(count), bytes((fields.offset + fields.width * count + 7) / 8),
-          loadable(bytes > overrun ? (bytes - overrun) / (8 * fields.width) : 0)
+    block_cursor(const fields_t &fields, uint64_t count)
+        : data(fields.data), width(fields.width), offset(fields.offset), elements(count),
+          bytes((offset + width * count + 7) / 8), loadable(count / block_elements)
     {
+        while (loadable > 0 && 8 * width * loadable + overrun > bytes)
+            loadable--;
     }
 
     // The width and place of what is left.
-    const fields_t &shape() const
+    fields_t shape() const
     {
-        return fields;
+        return {data, width, offset};
     }
 
     // The next blocks, at most the given number of them, which is not 0. They stay where they are until the next call.
@@ -50,12 +61,12 @@ class block_cursor
     {
         if (loadable == 0)
             copy_rest();
-        blocks_t taken = {fields, std::min(loadable, most), 0};
+        blocks_t taken = {shape(), std::min(loadable, most), 0};
         taken.elements = std::min(elements, block_elements * taken.blocks);
-        fields.data += 8 * fields.width * taken.blocks;
+        data += 8 * width * taken.blocks;
         loadable -= taken.blocks;
         elements -= taken.elements;
-        bytes -= std::min(bytes, 8 * fields.width * taken.blocks);
+        bytes -= std::min(bytes, 8 * width * taken.blocks);
         return taken;
     }
 
@@ -67,16 +78,18 @@ class block_cursor
         if (elements == 0)
             return;
         loadable = (elements + block_elements - 1) / block_elements;
-        memcpy(rest, fields.data, bytes);
-        if (const uint64_t used = (fields.offset + fields.width * elements) % 8; used != 0)
+        memcpy(rest, data, bytes);
+        if (const uint64_t used = (offset + width * elements) % 8; used != 0)
             rest[bytes - 1] = static_cast<uint8_t>(rest[bytes - 1] & 0xff00 >> used);
-        memset(rest + bytes, 0, 8 * fields.width * loadable + overrun - bytes);
-        fields.data = rest;
+        memset(rest + bytes, 0, 8 * width * loadable + overrun - bytes);
+        data = rest;
     }
 
     static constexpr unsigned overrun = 16; // bytes that loads may pass the end of blocks by
 
-    fields_t fields;   // of what is left,
+    const uint8_t *data; // what is left,
+    const unsigned width;
+    const unsigned offset;
     uint64_t elements; // its elements,
     uint64_t bytes;    // its length,
     uint64_t loadable; // and the blocks that can be loaded where they are

@@ -142,14 +142,15 @@ inline bool expansion_suffices(const kel_vec_t *src, kel_type_t type, kel_fmt_t 
            (needed + 7) / 8 <= bytes;
 }
 
-// Calls run(kernel) with a plain source: that of a compressed one is expanded first, and goes back afterwards. If it
-// cannot be, nothing is written.
-template <class Kernel, class Run>
-kel_status_t with_plain_source(Kernel kernel, kel_type_t type, kel_fmt_t fmt, const Run &run)
+// Calls run() with a plain source: that of a compressed one is expanded first, and goes back afterwards. If it cannot
+// be, nothing is written. Kernels' records are never copied: that would cost more than all else that comes before the
+// elements.
+template <class Run>
+kel_status_t with_plain_source(kernel_t &kernel, kel_type_t type, kel_fmt_t fmt, const Run &run)
 {
     const kel_vec_t *src = kernel.src;
     if (!(src->format & KEL_ZIP))
-        return run(kernel);
+        return run();
     kel_vec_t plain = *src;
     size_t size;
     kel_status_t status = kelio_unzip(kernel.ctx, src, &plain.data, &size);
@@ -159,7 +160,7 @@ kel_status_t with_plain_source(Kernel kernel, kel_type_t type, kel_fmt_t fmt, co
     plain.offset = 0;
     kernel.src = &plain;
     const uint64_t decoded = size - kel_unzip_room;
-    status = expansion_suffices(&plain, type, fmt, decoded) ? run(kernel) : KEL_EDATAFMT;
+    status = expansion_suffices(&plain, type, fmt, decoded) ? run() : KEL_EDATAFMT;
     kel_free(kernel.ctx, plain.data, size);
     return status;
 }
@@ -251,13 +252,18 @@ kel_status_t general_kernel(const kernel_t &kernel, sink &to, kel_type_t type, k
 
 // ---- Shapes with faster roads ---------------------------------------------------------------------------------------
 
-// Sources whose elements are fields of one width up to 64 bits, at an offset that stays in the first byte, with a
+// Sources whose stored elements are fields of one width up to 64 bits, at an offset that stays in the first byte, with a
 // length in bits that fits in 64 bits.
-inline bool plain_fields(const kel_vec_t *src, kel_fmt_t fmt)
+inline bool plain_fields(const kel_vec_t *src)
 {
     const uint64_t bits = kel_width_bits(src);
-    return fmt == kel_fmt_fixed && bits >= 1 && bits <= 64 && src->offset <= kel_max_offset &&
-           src->elements <= (UINT64_MAX - 2 * 8) / 64;
+    return bits >= 1 && bits <= 64 && src->offset <= kel_max_offset && src->elements <= (UINT64_MAX - 2 * 8) / 64;
+}
+
+// And whose runs, if they have any, are fields of up to 32 bits.
+inline bool plain_runs(const kel_vec_t *src)
+{
+    return kel_power_of_two(src->aux_width) && src->aux_width <= 32 && src->aux_offset <= kel_max_offset;
 }
 
 } // namespace

@@ -14,7 +14,7 @@ class mask_source
 {
   public:
     mask_source(const kel_vec_t *src, const Test &tested)
-        : test(tested), cursor(src, src->elements), make(choose_mask_blocks(cursor.shape(), tested))
+        : test(tested), cursor(element_fields(src), src->elements), make(choose_mask_blocks(cursor.shape(), tested))
     {
     }
 
@@ -31,7 +31,7 @@ class mask_source
     }
 
   private:
-    const Test test;
+    const Test &test;
     block_cursor cursor;
     mask_blocks_t<Test> make;
 };
@@ -72,11 +72,101 @@ kel_status_t put_blocks(Sink &sink, uint64_t *masks, uint64_t elements, progress
     return status;
 }
 
-template <class Sink, class Test>
-kel_status_t mask_kernel(const kernel_t &kernel, const Test &test)
+// ---- Runs -----------------------------------------------------------------------------------------------------------
+
+// The runs of a source, a block at a time.
+class run_source
 {
-    Sink to(kernel.dst);
-    progress_t progress;
+  public:
+    explicit run_source(const kel_vec_t *src)
+        : cursor(run_fields(src), src->elements), make(choose_element_blocks(cursor.shape(), sizeof *block)),
+          add_one(src->format & KEL_ADD_ONE ? 1 : 0)
+    {
+    }
+
+    // Moves on by a block, and tells whether all of its runs can be put at once: none is 0.
+    bool next(runs_t &runs)
+    {
+        const blocks_t taken = cursor.take(1);
+        make(taken.fields, 0, 0, block, 1);
+        runs.count = static_cast<unsigned>(taken.elements);
+        runs.sum = runs.count;
+        bool sound = true;
+        for (unsigned i = 0; i < runs.count; i++) {
+            const uint32_t stored = kel_load_be<uint32_t>(&block[i]);
+            runs.less_one[i] = stored + add_one - 1;
+            runs.sum += runs.less_one[i];
+            sound &= (stored | add_one) != 0;
+        }
+        return sound;
+    }
+
+    // Of the block that was taken last.
+    uint64_t run(unsigned i) const
+    {
+        return uint64_t{kel_load_be<uint32_t>(&block[i])} + add_one;
+    }
+
+  private:
+    block_cursor cursor;
+    const element_blocks_t make;
+    const uint32_t add_one;
+    uint32_t block[block_elements];
+};
+
+// A block that was refused as a whole.
+template <class Sink>
+kel_status_t put_run_elements(Sink &sink, uint64_t mask, const run_source &runs, unsigned count, progress_t &progress)
+{
+    for (unsigned i = 0; i < count; i++, mask <<= 1) {
+        const uint64_t run = runs.run(i);
+        if (run == 0)
+            return KEL_EDATAFMT;
+        progress.processed += run;
+        if (sink.full())
+            return KEL_EOVERFLOW;
+        const bool match = mask >> 63;
+        progress.count += match ? run : 0;
+        sink.put(match, run);
+        progress.stored++;
+    }
+    return KEL_SUCCESS;
+}
+
+inline uint64_t matching_sum(uint64_t mask, const runs_t &runs)
+{
+    uint64_t sum = 0;
+    for (unsigned i = 0; i < runs.count; i++, mask <<= 1)
+        sum += mask >> 63 ? uint64_t{runs.less_one[i]} + 1 : 0;
+    return sum;
+}
+
+template <class Sink>
+kel_status_t put_run_blocks(Sink &sink, const uint64_t *masks, uint64_t elements, run_source &source,
+                            progress_t &progress)
+{
+    kel_status_t status = KEL_SUCCESS;
+    for (; elements > 0 && status == KEL_SUCCESS; masks++) {
+        runs_t runs;
+        const bool sound = source.next(runs);
+        elements -= runs.count;
+        if (sound && sink.put_runs(*masks, runs)) {
+            progress.stored += runs.count;
+            progress.processed += runs.sum;
+            progress.count += matching_sum(*masks, runs);
+        } else {
+            status = put_run_elements(sink, *masks, source, runs.count, progress);
+        }
+    }
+    return status;
+}
+
+// ---- The kernel -----------------------------------------------------------------------------------------------------
+
+// Calls put(masks, elements) with all mask words, batch by batch.
+template <class Test, class Put>
+kel_status_t for_all_masks(const kernel_t &kernel, const Test &test, const Put &put)
+{
     mask_source<Test> source(kernel.src, test);
     uint64_t masks[block_batch];
     kel_status_t status = KEL_SUCCESS;
@@ -84,9 +174,34 @@ kel_status_t mask_kernel(const kernel_t &kernel, const Test &test)
         const uint64_t elements = source.next(masks);
         if (elements == 0)
             break;
-        status = put_blocks(to, masks, elements, progress);
+        status = put(masks, elements);
+    }
+    return status;
+}
+
+template <class Sink, class Test>
+kel_status_t mask_kernel(const kernel_t &kernel, const Test &test)
+{
+    Sink to(kernel.dst);
+    progress_t progress;
+    kel_status_t status;
+    if (kernel.src->format & KEL_RLE) {
+        run_source runs(kernel.src);
+        status = for_all_masks(kernel, test, [&](const uint64_t *masks, uint64_t elements) {
+            return put_run_blocks(to, masks, elements, runs, progress);
+        });
+    } else {
+        status = for_all_masks(kernel, test, [&](uint64_t *masks, uint64_t elements) {
+            return put_blocks(to, masks, elements, progress);
+        });
     }
     return finish(kernel, to, status, progress);
+}
+
+// Whether a source's elements can be tested by blocks.
+inline bool masks_by_blocks(const kel_vec_t *src, kel_fmt_t fmt)
+{
+    return plain_fields(src) && (fmt == kel_fmt_fixed || (fmt == kel_fmt_rle && plain_runs(src)));
 }
 
 // Whether a destination can take whole mask words: a bit vector, or a list of 2- or 4-byte entries.

@@ -120,8 +120,9 @@ inline bool moves_by_blocks(const move_t &move, kel_fmt_t fmt)
 {
     const uint64_t bits = written_bits(move);
     const bool whole = kel_power_of_two(bits) && bits >= 8 && bits <= 8 * kel_max_elem_bytes;
-    const bool readable = plain_fields(move.src, fmt) || (fmt == kel_fmt_fixed && unchanged(move));
-    return whole && readable && !move.var_dst() && (!move.mask || mask_offset(move.mask) <= kel_max_offset);
+    const bool readable = plain_fields(move.src) || unchanged(move);
+    return whole && fmt == kel_fmt_fixed && readable && !move.var_dst() &&
+           (!move.mask || mask_offset(move.mask) <= kel_max_offset);
 }
 
 // Elements that are moved as they stand.
@@ -155,7 +156,8 @@ class converted_elements
   public:
     // The first count elements of the source.
     converted_elements(const move_t &move, uint64_t count)
-        : cursor(move.src, count), bytes(written_bits(move) / 8), make(choose_element_blocks(cursor.shape(), bytes))
+        : cursor(element_fields(move.src), count), bytes(written_bits(move) / 8),
+          make(choose_element_blocks(cursor.shape(), bytes))
     {
         const uint64_t rounded = kel_round_bits(kel_width_bits(move.src));
         if (rounded > 8 * bytes)
@@ -354,7 +356,7 @@ inline kel_status_t run_kernel(const move_t &move, kel_type_t type, kel_fmt_t fm
     return move.mask ? select_blocks(move) : extract_blocks(move);
 }
 
-inline kel_status_t move_emulate(move_t move, const char *verbose_line, bool fast)
+inline kel_status_t move_emulate(move_t &&move, const char *verbose_line, bool fast)
 {
     const kel_vec_t *src = move.src;
     const uint64_t dst_bytes = kel_dispatch_bytes(move.dst->format, move.dst->elem_width);
@@ -365,7 +367,7 @@ inline kel_status_t move_emulate(move_t move, const char *verbose_line, bool fas
     const kel_fmt_t fmt = kel_dispatch_fmt(src);
     move.ext = kel_dispatch_ext(move.ctx, src);
     move.pad = src->format & KEL_VAR || kel_round_bits(kel_width_bits(src)) / 8 != dst_bytes;
-    return with_plain_source(move, type, fmt, [=](const move_t &plain) { return run_kernel(plain, type, fmt, fast); });
+    return with_plain_source(move, type, fmt, [&] { return run_kernel(move, type, fmt, fast); });
 }
 
 } // namespace

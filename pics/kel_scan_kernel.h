@@ -158,7 +158,7 @@ predicate_t scan_predicate(const scan_t &scan, kel_type_t type)
 template <unsigned values>
 bool block_road(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
 {
-    bool fits = plain_fields(scan.src, fmt) && (type == kel_type_uint64 || type == kel_type_uint128);
+    bool fits = masks_by_blocks(scan.src, fmt) && (type == kel_type_uint64 || type == kel_type_uint128);
     for (unsigned i = 0; i < values; i++) {
         const uint64_t value_bits = kel_width_bits(scan.val[i]);
         fits &= value_bits >= 1 && value_bits <= 128;
@@ -217,7 +217,7 @@ inline slot_t find_slot(unsigned kernel_class, kel_fmt_t fmt, uint64_t op, unsig
 }
 
 template <unsigned values, unsigned count>
-kel_status_t scan_emulate(const family_t<count> &family, scan_t scan, uint64_t flags, kel_compare_t op, bool fast)
+kel_status_t scan_emulate(const family_t<count> &family, scan_t &&scan, uint64_t flags, kel_compare_t op, bool fast)
 {
     const kel_vec_t *src = scan.src;
     uint64_t wide = kel_dispatch_bytes(src);
@@ -238,8 +238,7 @@ kel_status_t scan_emulate(const family_t<count> &family, scan_t scan, uint64_t f
     const auto type = static_cast<kel_type_t>(slot.type);
     const auto fmt = static_cast<kel_fmt_t>(slot.fmt);
     const bool ones = flags & KEL_ONES_INDEX;
-    return with_plain_source(scan, type, fmt,
-                             [=](const scan_t &plain) { return run_kernel<values>(plain, type, fmt, ones, fast); });
+    return with_plain_source(scan, type, fmt, [&] { return run_kernel<values>(scan, type, fmt, ones, fast); });
 }
 
 } // namespace

@@ -1,16 +1,25 @@
 // Where the outcome of a scan or translate goes: bit vectors and index lists.
 //
 // A sink takes one stored element with its run (put), or the outcome of up to 64 elements as a mask word, the first
-// element on top (put_block). It refuses a block whenever the elements have to be written one by one to come out right:
-// near the end of the destination, and where an index does not fit in an entry. full() is the test that comes before
-// every element; it looks at stored words only, so that a destination may run over by what the writer still holds.
+// element on top (put_block), or the outcome of as many elements with their runs (put_runs). It refuses a block whenever
+// the elements have to be written one by one to come out right: near the end of the destination, and where an index does
+// not fit in an entry. full() is the test that comes before every element; it looks at stored words only, so that a
+// destination may run over by what the writer still holds.
 #pragma once
 
 #include "kel_emulate_subr.h"
+#include <algorithm>
 #include <limits>
 
 namespace
 {
+
+// Up to 64 runs, none of which is 0.
+struct runs_t {
+    uint32_t less_one[64]; // of each run
+    unsigned count;
+    uint64_t sum;
+};
 
 // A destination, its writer, and its nominal end.
 class sink
@@ -39,8 +48,37 @@ class bit_sink : public sink
 
     void put(bool match, uint64_t run)
     {
-        for (; run > 0; run--)
-            kelio_put_bit(&out, match);
+        while (run > 0) {
+            const uint64_t taken = std::min(run, 64 - out.cache_bits);
+            out.cache |= match ? ~uint64_t{0} << (64 - taken) >> out.cache_bits : 0;
+            out.cache_bits += taken;
+            run -= taken;
+            if (out.cache_bits == 64)
+                kelio_flush(&out);
+        }
+    }
+
+    // The current word is stored again and again, so that nothing depends on where the runs fill it up.
+    bool put_runs(uint64_t mask, const runs_t &runs)
+    {
+        if (static_cast<uint64_t *>(end) - out.buf <= static_cast<ptrdiff_t>(runs.sum / 64 + 1))
+            return false;
+        for (unsigned i = 0; i < runs.count; i++, mask <<= 1) {
+            const uint64_t run = uint64_t{runs.less_one[i]} + 1;
+            if (run > 63) {
+                put(mask >> 63, run);
+                continue;
+            }
+            const uint64_t ones = mask >> 63 ? ~(~uint64_t{0} >> run) : 0;
+            const uint64_t bits = out.cache_bits + run;
+            const uint64_t word = out.cache | ones >> out.cache_bits;
+            const bool filled = bits >= 64;
+            kel_store_be(out.buf, word);
+            out.buf += filled;
+            out.cache = filled ? kel_shl(ones, 64 - out.cache_bits) : word;
+            out.cache_bits = bits % 64;
+        }
+        return true;
     }
 
     bool put_block(uint64_t mask, uint64_t elements)
@@ -89,13 +127,11 @@ class entry_sink : public index_sink
 
     bool put_block(uint64_t mask, uint64_t elements)
     {
-        auto *start = reinterpret_cast<uint8_t *>(out.buf);
-        auto *next = start + out.cache_bits / 8;
-        const bool fits = static_cast<uint8_t *>(end) - next >= static_cast<ptrdiff_t>(64 * sizeof(Entry));
-        if (!fits || index > std::numeric_limits<Entry>::max() - 63)
+        if (!fits(64))
             return false;
         if (mask != 0) {
-            kel_store_be(start, out.cache);
+            auto *start = reinterpret_cast<uint8_t *>(out.buf);
+            uint8_t *next = begin(start);
             for (; mask != 0; next += sizeof(Entry)) {
                 const auto first = static_cast<unsigned>(std::countl_zero(mask));
                 kel_store_be(next, static_cast<Entry>(index + first));
@@ -107,7 +143,44 @@ class entry_sink : public index_sink
         return true;
     }
 
+    bool put_runs(uint64_t mask, const runs_t &runs)
+    {
+        if (!fits(runs.sum))
+            return false;
+        if (mask == 0) {
+            index += runs.sum;
+            return true;
+        }
+        auto *start = reinterpret_cast<uint8_t *>(out.buf);
+        uint8_t *next = begin(start);
+        for (unsigned i = 0; i < runs.count; i++, mask <<= 1) {
+            const uint64_t behind = index + runs.less_one[i] + 1;
+            if (mask >> 63)
+                for (; index < behind; index++, next += sizeof(Entry))
+                    kel_store_be(next, static_cast<Entry>(index));
+            index = behind;
+        }
+        reload(start, next);
+        return true;
+    }
+
   private:
+    // Whether the indexes of so many elements have room, and fit in entries.
+    bool fits(uint64_t elements) const
+    {
+        const auto held = static_cast<ptrdiff_t>(out.cache_bits / 8);
+        const ptrdiff_t room = static_cast<uint8_t *>(end) - reinterpret_cast<uint8_t *>(out.buf) - held;
+        return room >= 0 && elements <= static_cast<uint64_t>(room) / sizeof(Entry) &&
+               index + elements - 1 <= std::numeric_limits<Entry>::max();
+    }
+
+    // Where the next entry goes, behind those that the writer holds, which are stored.
+    uint8_t *begin(uint8_t *start) const
+    {
+        kel_store_be(start, out.cache);
+        return start + out.cache_bits / 8;
+    }
+
     // Takes the word with the last of the entries between start and next back into the writer, as put leaves it.
     void reload(uint8_t *start, uint8_t *next)
     {

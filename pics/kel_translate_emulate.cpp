@@ -39,13 +39,13 @@ kel_status_t general_translate(const kernel_t &kernel, const lookup_t &lookup, k
 kel_status_t run_kernel(const kernel_t &kernel, const lookup_t &lookup, kel_type_t type, kel_fmt_t fmt, bool ones,
                         bool fast)
 {
-    if (fast && !lookup.tested && plain_fields(kernel.src, fmt) && takes_blocks(kernel.dst, ones))
+    if (fast && !lookup.tested && masks_by_blocks(kernel.src, fmt) && takes_blocks(kernel.dst, ones))
         return mask_kernel<bitmap_t>(kernel, lookup, ones);
     return ones ? general_translate<index_sink>(kernel, lookup, type, fmt)
                 : general_translate<bit_sink>(kernel, lookup, type, fmt);
 }
 
-kel_status_t emulate(kernel_t kernel, uint64_t flags, lookup_t lookup, const char *verbose_line, bool fast)
+kel_status_t emulate(kernel_t &&kernel, uint64_t flags, lookup_t &lookup, const char *verbose_line, bool fast)
 {
     const uint64_t wide = kel_dispatch_bytes(kernel.src);
     if (kernel.ctx->log.options & KEL_LOG_VERBOSE)
@@ -56,14 +56,13 @@ kel_status_t emulate(kernel_t kernel, uint64_t flags, lookup_t lookup, const cha
     const bool ones = flags & KEL_ONES_INDEX;
     lookup.negated = flags & KEL_INVERT;
     kernel.ext = kel_dispatch_ext(kernel.ctx, kernel.src);
-    return with_plain_source(kernel, type, fmt,
-                             [=](const kernel_t &plain) { return run_kernel(plain, lookup, type, fmt, ones, fast); });
+    return with_plain_source(kernel, type, fmt, [&] { return run_kernel(kernel, lookup, type, fmt, ones, fast); });
 }
 
 kel_status_t translate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                        const kel_vec_t *bitmap, cca_t *cca, bool fast)
 {
-    const lookup_t lookup = {{static_cast<const uint8_t *>(bitmap->data), bitmap->elements, false}};
+    lookup_t lookup = {{static_cast<const uint8_t *>(bitmap->data), bitmap->elements, false}};
     return emulate({ctx, src, dst, 0, cca}, flags, lookup, "Emulating kel_translate", fast);
 }
 
@@ -88,7 +87,7 @@ kel_status_t kel_translate_testval_emulate(kel_context_t *ctx, uint64_t flags, c
                                            uint64_t test_value, cca_t *cca)
 {
     const uint64_t index_mask = (uint64_t{1} << (val_width % 32)) - 1; // kept: the mask is made in 32 bits
-    const lookup_t lookup = {{static_cast<const uint8_t *>(bitmap), 0, false}, true, index_mask, val_width, test_value};
+    lookup_t lookup = {{static_cast<const uint8_t *>(bitmap), 0, false}, true, index_mask, val_width, test_value};
     return emulate({ctx, src, dst, 0, cca}, flags, lookup, testval_line, true);
 }
 

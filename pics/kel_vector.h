@@ -314,7 +314,7 @@ class field_loader
 inline bool narrow_in(const fields_t &fields, unsigned bits)
 {
     const unsigned step = fields.width % 8 == 0 ? 8 : fields.width & -fields.width;
-    return fields.offset % step + 8 - step + fields.width <= bits;
+    return (fields.offset & (step - 1)) + 8 - step + fields.width <= bits;
 }
 
 // ---- Outcomes -------------------------------------------------------------------------------------------------------
