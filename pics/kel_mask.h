@@ -4,6 +4,7 @@
 
 #include "kel_block.h"
 #include "kel_kernel.h"
+#include <iterator>
 
 namespace
 {
@@ -79,47 +80,53 @@ class run_source
 {
   public:
     explicit run_source(const kel_vec_t *src)
-        : cursor(run_fields(src), src->elements), make(choose_element_blocks(cursor.shape(), sizeof *block)),
+        : cursor(run_fields(src), src->elements), make(choose_element_blocks(cursor.shape(), sizeof *batch)),
           add_one(src->format & KEL_ADD_ONE ? 1 : 0)
     {
     }
 
-    // Moves on by a block, and tells whether all of its runs can be put at once: none is 0.
+    // Moves on by a block, and tells whether none of its runs is 0.
     bool next(runs_t &runs)
     {
-        const blocks_t taken = cursor.take(1);
-        make(taken.fields, 0, 0, block, 1);
-        runs.count = static_cast<unsigned>(taken.elements);
-        runs.sum = runs.count;
-        bool sound = true;
+        if (at == unpacked)
+            unpack();
+        const uint32_t *const block = batch + at;
+        runs.count = static_cast<unsigned>(std::min<uint64_t>(unpacked - at, block_elements));
+        at += runs.count;
+        runs.sum = 0;
+        uint64_t least = UINT64_MAX;
         for (unsigned i = 0; i < runs.count; i++) {
-            const uint32_t stored = kel_load_be<uint32_t>(&block[i]);
-            runs.less_one[i] = stored + add_one - 1;
-            runs.sum += runs.less_one[i];
-            sound &= (stored | add_one) != 0;
+            runs.of[i] = kel_load_be<uint32_t>(&block[i]) + add_one;
+            runs.sum += runs.of[i];
+            least = std::min(least, runs.of[i]);
         }
-        return sound;
-    }
-
-    // Of the block that was taken last.
-    uint64_t run(unsigned i) const
-    {
-        return uint64_t{kel_load_be<uint32_t>(&block[i])} + add_one;
+        runs.of[runs.count] = 0;
+        return least != 0;
     }
 
   private:
+    void unpack()
+    {
+        const blocks_t taken = cursor.take(std::size(batch) / block_elements);
+        make(taken.fields, 0, 0, batch, taken.blocks);
+        at = 0;
+        unpacked = taken.elements;
+    }
+
     block_cursor cursor;
     const element_blocks_t make;
-    const uint32_t add_one;
-    uint32_t block[block_elements];
+    const uint64_t add_one;
+    uint32_t batch[8 * block_elements];
+    uint64_t unpacked = 0; // elements of the batch,
+    uint64_t at = 0;       // and where the next block starts
 };
 
 // A block that was refused as a whole.
 template <class Sink>
-kel_status_t put_run_elements(Sink &sink, uint64_t mask, const run_source &runs, unsigned count, progress_t &progress)
+kel_status_t put_run_elements(Sink &sink, uint64_t mask, const runs_t &runs, progress_t &progress)
 {
-    for (unsigned i = 0; i < count; i++, mask <<= 1) {
-        const uint64_t run = runs.run(i);
+    for (unsigned i = 0; i < runs.count; i++, mask <<= 1) {
+        const uint64_t run = runs.of[i];
         if (run == 0)
             return KEL_EDATAFMT;
         progress.processed += run;
@@ -133,14 +140,6 @@ kel_status_t put_run_elements(Sink &sink, uint64_t mask, const run_source &runs,
     return KEL_SUCCESS;
 }
 
-inline uint64_t matching_sum(uint64_t mask, const runs_t &runs)
-{
-    uint64_t sum = 0;
-    for (unsigned i = 0; i < runs.count; i++, mask <<= 1)
-        sum += mask >> 63 ? uint64_t{runs.less_one[i]} + 1 : 0;
-    return sum;
-}
-
 template <class Sink>
 kel_status_t put_run_blocks(Sink &sink, const uint64_t *masks, uint64_t elements, run_source &source,
                             progress_t &progress)
@@ -150,12 +149,11 @@ kel_status_t put_run_blocks(Sink &sink, const uint64_t *masks, uint64_t elements
         runs_t runs;
         const bool sound = source.next(runs);
         elements -= runs.count;
-        if (sound && sink.put_runs(*masks, runs)) {
+        if (sound && sink.put_runs(*masks, runs, progress.count)) {
             progress.stored += runs.count;
             progress.processed += runs.sum;
-            progress.count += matching_sum(*masks, runs);
         } else {
-            status = put_run_elements(sink, *masks, source, runs.count, progress);
+            status = put_run_elements(sink, *masks, runs, progress);
         }
     }
     return status;

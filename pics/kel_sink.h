@@ -1,7 +1,7 @@
 // Where the outcome of a scan or translate goes: bit vectors and index lists.
 //
 // A sink takes one stored element with its run (put), or the outcome of up to 64 elements as a mask word, the first
-// element on top (put_block), or the outcome of as many elements with their runs (put_runs). It refuses a block whenever
+// element on top (put_block), or the outcome of as many elements with their runs (put_runs, which counts the matches). It refuses a block whenever
 // the elements have to be written one by one to come out right: near the end of the destination, and where an index does
 // not fit in an entry. full() is the test that comes before every element; it looks at stored words only, so that a
 // destination may run over by what the writer still holds.
@@ -9,6 +9,7 @@
 
 #include "kel_emulate_subr.h"
 #include <algorithm>
+#include <bit>
 #include <limits>
 
 namespace
@@ -16,7 +17,7 @@ namespace
 
 // Up to 64 runs, none of which is 0.
 struct runs_t {
-    uint32_t less_one[64]; // of each run
+    uint64_t of[64 + 1]; // behind the last one is a 0
     unsigned count;
     uint64_t sum;
 };
@@ -58,26 +59,21 @@ class bit_sink : public sink
         }
     }
 
-    // The current word is stored again and again, so that nothing depends on where the runs fill it up.
-    bool put_runs(uint64_t mask, const runs_t &runs)
+    // Runs are stored by twos, at once, as 8 bytes from the one that they start in: a branch for the words that runs fill
+    // up could not be foretold. What the last store leaves behind the last word is put back.
+    bool put_runs(uint64_t mask, const runs_t &runs, uint64_t &matches)
     {
-        if (static_cast<uint64_t *>(end) - out.buf <= static_cast<ptrdiff_t>(runs.sum / 64 + 1))
+        const uint64_t held = out.cache_bits + runs.sum;
+        if (full() || held / 64 + 1 >= static_cast<uint64_t>(static_cast<uint64_t *>(end) - out.buf))
             return false;
-        for (unsigned i = 0; i < runs.count; i++, mask <<= 1) {
-            const uint64_t run = uint64_t{runs.less_one[i]} + 1;
-            if (run > 63) {
-                put(mask >> 63, run);
-                continue;
-            }
-            const uint64_t ones = mask >> 63 ? ~(~uint64_t{0} >> run) : 0;
-            const uint64_t bits = out.cache_bits + run;
-            const uint64_t word = out.cache | ones >> out.cache_bits;
-            const bool filled = bits >= 64;
-            kel_store_be(out.buf, word);
-            out.buf += filled;
-            out.cache = filled ? kel_shl(ones, 64 - out.cache_bits) : word;
-            out.cache_bits = bits % 64;
-        }
+        uint64_t *const last = out.buf + held / 64;
+        uint64_t *const passed = last + (held % 64 != 0);
+        const uint64_t behind = kel_load_be<uint64_t>(passed);
+        store_runs(mask, runs, matches);
+        kel_store_be(passed, behind);
+        out.buf = last;
+        out.cache_bits = held % 64;
+        out.cache = kel_load_be<uint64_t>(last) & ~(~uint64_t{0} >> out.cache_bits);
         return true;
     }
 
@@ -90,6 +86,65 @@ class bit_sink : public sink
         if (elements == 64)
             kelio_flush(&out);
         return true;
+    }
+
+  private:
+    // Stores a bit stream by the byte.
+    struct byte_writer {
+        static constexpr uint64_t most_bits = 56; // at a time
+
+        uint8_t *to;
+        uint64_t held; // left-aligned, from the byte at to
+        uint64_t bits; // of held, fewer than 8
+
+        void put(uint64_t field, uint64_t count) // left-aligned
+        {
+            held |= field >> bits;
+            kel_store_be(to, held);
+            bits += count;
+            to += bits / 8;
+            held <<= bits & ~uint64_t{7};
+            bits %= 8;
+        }
+
+        void put_run(uint64_t match, uint64_t run)
+        {
+            for (uint64_t count; run > 0; run -= count) {
+                count = std::min(run, most_bits);
+                put(match & ones(count), count);
+            }
+        }
+    };
+
+    static uint64_t ones(uint64_t count)
+    {
+        return ~(~uint64_t{0} >> count);
+    }
+
+    void store_runs(uint64_t mask, const runs_t &runs, uint64_t &matches) const
+    {
+        kel_store_be(out.buf, out.cache);
+        const uint64_t bits = out.cache_bits % 8;
+        auto *start = reinterpret_cast<uint8_t *>(out.buf) + out.cache_bits / 8;
+        byte_writer writer = {start, out.cache << (out.cache_bits - bits), bits};
+        uint64_t matching = 0;
+        const auto take = [&] { // all ones for a match
+            const auto top = static_cast<uint64_t>(static_cast<int64_t>(mask) >> 63);
+            mask <<= 1;
+            return top;
+        };
+        for (unsigned i = 0; i < runs.count; i += 2) {
+            const uint64_t first = runs.of[i], second = runs.of[i + 1];
+            const uint64_t match = take(), next_match = take();
+            matching += (match & first) + (next_match & second);
+            if (first + second <= byte_writer::most_bits) [[likely]] {
+                writer.put((match & ones(first)) | (next_match & ones(second)) >> first, first + second);
+            } else {
+                writer.put_run(match, first);
+                writer.put_run(next_match, second);
+            }
+        }
+        matches += matching;
     }
 };
 
@@ -143,7 +198,7 @@ class entry_sink : public index_sink
         return true;
     }
 
-    bool put_runs(uint64_t mask, const runs_t &runs)
+    bool put_runs(uint64_t mask, const runs_t &runs, uint64_t &matches)
     {
         if (!fits(runs.sum))
             return false;
@@ -153,12 +208,12 @@ class entry_sink : public index_sink
         }
         auto *start = reinterpret_cast<uint8_t *>(out.buf);
         uint8_t *next = begin(start);
-        for (unsigned i = 0; i < runs.count; i++, mask <<= 1) {
-            const uint64_t behind = index + runs.less_one[i] + 1;
-            if (mask >> 63)
-                for (; index < behind; index++, next += sizeof(Entry))
-                    kel_store_be(next, static_cast<Entry>(index));
-            index = behind;
+        for (unsigned i = 0; i < runs.count; index += runs.of[i++], mask <<= 1) {
+            if (!(mask >> 63))
+                continue;
+            matches += runs.of[i];
+            for (uint64_t j = 0; j < runs.of[i]; j++, next += sizeof(Entry))
+                kel_store_be(next, static_cast<Entry>(index + j));
         }
         reload(start, next);
         return true;
