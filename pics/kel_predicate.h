@@ -42,6 +42,12 @@ struct predicate_t {
     uint64_t span[2];
     unsigned intervals;
     bool negated;
+
+    bool match(uint64_t element) const
+    {
+        const bool inside = element - first[0] <= span[0] || (intervals == 2 && element - first[1] <= span[1]);
+        return inside != negated;
+    }
 };
 
 // Elements from begin up to, not including, end. Ends go up to 2 to the 64th.

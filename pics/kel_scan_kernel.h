@@ -139,26 +139,11 @@ class comparison
 
 // ---- Kernels --------------------------------------------------------------------------------------------------------
 
+// Whether a scan's values can be reduced to predicates: they have 1 to 128 bits, and are compared as numbers.
 template <unsigned values>
-predicate_t scan_predicate(const scan_t &scan, kel_type_t type)
+bool reducible(const scan_t &scan, kel_type_t type)
 {
-    outcomes_t at[values];
-    for (unsigned i = 0; i < values; i++) {
-        const kel_int_t *val = scan.val[i];
-        const uint64_t high = type == kel_type_uint128 ? value_word(val, 1) : 0;
-        at[i] = outcomes(kel_width_bits(scan.src), uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
-    }
-    if constexpr (values == 1)
-        return reduce(scan.op, at[0]);
-    else
-        return reduce(scan.op, at[0], at[1]);
-}
-
-// Whether a scan can go by blocks: against values of 1 to 128 bits.
-template <unsigned values>
-bool block_road(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
-{
-    bool fits = masks_by_blocks(scan.src, fmt) && (type == kel_type_uint64 || type == kel_type_uint128);
+    bool fits = type == kel_type_uint64 || type == kel_type_uint128;
     for (unsigned i = 0; i < values; i++) {
         const uint64_t value_bits = kel_width_bits(scan.val[i]);
         fits &= value_bits >= 1 && value_bits <= 128;
@@ -166,18 +151,66 @@ bool block_road(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
     return fits;
 }
 
+// For elements of that many bits.
+template <unsigned values>
+predicate_t scan_predicate(const scan_t &scan, kel_type_t type, uint64_t element_bits)
+{
+    outcomes_t at[values];
+    for (unsigned i = 0; i < values; i++) {
+        const kel_int_t *val = scan.val[i];
+        const uint64_t high = type == kel_type_uint128 ? value_word(val, 1) : 0;
+        at[i] = outcomes(element_bits, uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
+    }
+    if constexpr (values == 1)
+        return reduce(scan.op, at[0]);
+    else
+        return reduce(scan.op, at[0], at[1]);
+}
+
+// The comparisons of elements of variable width: a predicate for each width up to 8 bytes, made when the width is met.
+template <unsigned values>
+class variable_comparison
+{
+  public:
+    explicit variable_comparison(const scan_t &compared) : scan(compared), longer(compared) {}
+
+    bool match(const qword_t &element, uint64_t bits)
+    {
+        if (bits > 64)
+            return longer.match(element, bits);
+        const uint64_t place = bits / 8 - 1;
+        if (!(made >> place & 1)) {
+            by_bytes[place] = scan_predicate<values>(scan, kel_type_uint128, bits);
+            made |= 1u << place;
+        }
+        return by_bytes[place].match(element.lo);
+    }
+
+  private:
+    const scan_t &scan;
+    const comparison<uint128_unalign, values> longer;
+    predicate_t by_bytes[8];
+    unsigned made = 0; // a bit for each
+};
+
 template <unsigned values, class Sink>
-kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
+kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool variable)
 {
     Sink to(scan.dst);
-    return general_kernel(scan, to, type, fmt, [&]<class Type>(progress_t &progress) {
-        const comparison<Type, values> compared(scan);
-        return [compared, &to, &progress](const typename Type::word &element, uint64_t bits, uint64_t run) {
+    const auto visitor = [&to](auto compared, progress_t &progress) {
+        return [compared, &to, &progress](const auto &element, uint64_t bits, uint64_t run) mutable {
             const bool match = compared.match(element, bits);
             progress.count += match ? run : 0;
             to.put(match, run);
             return KEL_SUCCESS;
         };
+    };
+    if (variable)
+        return general_by_format<uint128_unalign>(scan, to, true, false, [&]<class>(progress_t &progress) {
+            return visitor(variable_comparison<values>(scan), progress);
+        });
+    return general_kernel(scan, to, type, fmt, [&]<class Type>(progress_t &progress) {
+        return visitor(comparison<Type, values>(scan), progress);
     });
 }
 
@@ -185,9 +218,12 @@ kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
 template <unsigned values>
 kel_status_t run_kernel(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool ones, bool fast)
 {
-    if (fast && block_road<values>(scan, type, fmt) && takes_blocks(scan.dst, ones))
-        return mask_kernel(scan, scan_predicate<values>(scan, type), ones);
-    return ones ? general_scan<values, index_sink>(scan, type, fmt) : general_scan<values, bit_sink>(scan, type, fmt);
+    const bool faster = fast && reducible<values>(scan, type);
+    if (faster && masks_by_blocks(scan.src, fmt) && takes_blocks(scan.dst, ones))
+        return mask_kernel(scan, scan_predicate<values>(scan, type, kel_width_bits(scan.src)), ones);
+    const bool variable = faster && fmt == kel_fmt_mixed && type == kel_type_uint128;
+    return ones ? general_scan<values, index_sink>(scan, type, fmt, variable)
+                : general_scan<values, bit_sink>(scan, type, fmt, variable);
 }
 
 // A family of scan kernels as its dispatcher sees it.
