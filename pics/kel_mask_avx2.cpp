@@ -111,35 +111,31 @@ KEL_AVX2 void small_bitmap_blocks(fields_t fields, const bitmap_t &bitmap, uint6
     }
 }
 
-// Looks up the elements in the words of a bitmap. Bit e of it is bit e ^ 7 of a stream of little-endian words.
-template <unsigned bits, class Lane>
-KEL_AVX2 inline uint64_t look_up(const uint8_t *bitmap, const Lane *elements)
+// Looks up eight elements in the words of a bitmap: the outcomes are the upper bits of lanes. Bit e of it is bit e ^ 7 of
+// its little-endian words, and comes to the top by a shift to the left by the complement of that.
+KEL_AVX2 inline __m256i look_up(const bitmap_t &bitmap, __m256i elements)
 {
-    uint64_t mask = 0;
-    for (unsigned i = 0; i < block_elements; i++) {
-        uint32_t word;
-        memcpy(&word, bitmap + elements[i] / 32 * size_t{4}, sizeof word);
-        mask = mask << 1 | (word >> (elements[i] % 32) & 1);
-    }
-    return mask;
+    const auto *words = reinterpret_cast<const int *>(bitmap.data);
+    const __m256i found = _mm256_i32gather_epi32(words, _mm256_srli_epi32(elements, 5), 4);
+    const __m256i shift = _mm256_xor_si256(elements, _mm256_set1_epi32(31 ^ 7));
+    return _mm256_sllv_epi32(found, _mm256_and_si256(shift, _mm256_set1_epi32(31)));
 }
 
-template <unsigned bits, class Lane, bool narrow>
+template <bool narrow>
 KEL_AVX2 void bitmap_blocks(fields_t fields, const bitmap_t &bitmap, uint64_t *masks, size_t n)
 {
-    using loader_t = field_loader<bits, narrow, in_order>;
+    using loader_t = field_loader<32, narrow, for_packing>;
     const loader_t loader(fields);
-    const __m256i flip = lanes<bits>::all(7);
     const uint64_t negated = bitmap.negated ? ~uint64_t{0} : 0;
-    alignas(32) Lane elements[block_elements];
     for (size_t block = 0; block < n; block++) {
-        auto *to = reinterpret_cast<__m256i *>(elements);
-        for (unsigned half = 0; half < 2; half++, fields.data += half_elements / 8 * fields.width)
-            for (unsigned i = 0; i < loader_t::registers; i++, to++) {
-                const __m256i element = lanes<bits>::right(loader.load(fields.data, i), bits - fields.width);
-                _mm256_store_si256(to, _mm256_xor_si256(element, flip));
-            }
-        masks[block] = look_up<bits>(bitmap.data, elements) ^ negated;
+        uint64_t mask = 0;
+        for (unsigned half = 0; half < 2; half++, fields.data += half_elements / 8 * fields.width) {
+            __m256i outcomes[loader_t::registers];
+            for (unsigned i = 0; i < loader_t::registers; i++)
+                outcomes[i] = look_up(bitmap, lanes<32>::right(loader.load(fields.data, i), 32 - fields.width));
+            mask = mask << 32 | top_bits(pack_outcomes<32>(outcomes));
+        }
+        masks[block] = mask ^ negated;
     }
 }
 
@@ -153,12 +149,6 @@ mask_blocks_t<predicate_t> choose_intervals(const fields_t &fields, const predic
                                        : interval_blocks<bits, false, outside_two>;
     return narrow_in(fields, bits) ? interval_blocks<bits, true, outside_one>
                                    : interval_blocks<bits, false, outside_one>;
-}
-
-template <unsigned bits, class Lane>
-mask_blocks_t<bitmap_t> choose_bitmap(const fields_t &fields)
-{
-    return narrow_in(fields, bits) ? bitmap_blocks<bits, Lane, true> : bitmap_blocks<bits, Lane, false>;
 }
 
 } // namespace
@@ -179,7 +169,7 @@ mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &fields, const bitmap_t 
         return nullptr;
     if (fields.width <= 8)
         return bitmap.bits >> fields.width != 0 ? small_bitmap_blocks : nullptr;
-    return fields.width <= 16 ? choose_bitmap<16, uint16_t>(fields) : choose_bitmap<32, uint32_t>(fields);
+    return narrow_in(fields, 32) ? bitmap_blocks<true> : bitmap_blocks<false>;
 }
 
 #else
