@@ -10,7 +10,7 @@
 #pragma once
 
 #include "kel_emulate_subr.h"
-#include <algorithm>
+#include <utility>
 
 enum outcome_t : unsigned { outcome_less = 1, outcome_equal = 2, outcome_greater = 4 };
 
@@ -93,27 +93,23 @@ inline interval_t accepted(unsigned accept, const outcomes_t &at)
     return low ? interval_t{0, border} : interval_t{border, at.end};
 }
 
-// Fills in a predicate from its intervals: empty ones are left out, and no interval at all is the negation of all.
-inline predicate_t make_predicate(std::initializer_list<interval_t> intervals, bool negated, uint128_t domain)
+// A predicate of two intervals: empty ones are left out, and no interval at all is the negation of all.
+inline predicate_t make_predicate(interval_t a, interval_t b, bool negated, uint128_t domain)
 {
-    predicate_t predicate = {{}, {}, 0, negated};
-    const auto add = [&](const interval_t &interval) {
-        predicate.first[predicate.intervals] = static_cast<uint64_t>(interval.begin);
-        predicate.span[predicate.intervals++] = static_cast<uint64_t>(interval.end - interval.begin - 1);
-    };
-    for (const interval_t &interval : intervals)
-        if (!interval.empty())
-            add(interval);
-    if (predicate.intervals == 0) {
-        add({0, domain});
-        predicate.negated = !negated;
-    }
-    return predicate;
+    if (a.empty())
+        a = std::exchange(b, {});
+    const bool none = a.empty();
+    if (none)
+        a = {0, domain};
+    return {{static_cast<uint64_t>(a.begin), static_cast<uint64_t>(b.begin)},
+            {static_cast<uint64_t>(a.end - a.begin - 1), static_cast<uint64_t>(b.end - b.begin - 1)},
+            b.empty() ? 1u : 2u,
+            none != negated};
 }
 
 inline predicate_t reduce(const operator_t &op, const outcomes_t &at)
 {
-    return make_predicate({accepted(op.accept[0], at)}, op.accept[0] == accept_ne, at.end);
+    return make_predicate(accepted(op.accept[0], at), {}, op.accept[0] == accept_ne, at.end);
 }
 
 // The joins that operators have: EQ or EQ, NE and NE, and of two orders either both of a range or one of its outsides.
@@ -122,8 +118,9 @@ inline predicate_t reduce(const operator_t &op, const outcomes_t &lower, const o
     const interval_t a = accepted(op.accept[0], lower);
     const interval_t b = accepted(op.accept[1], upper);
     if (op.accept[0] == accept_eq || op.accept[0] == accept_ne)
-        return make_predicate({a, b}, op.accept[0] == accept_ne, lower.end);
+        return make_predicate(a, b, op.accept[0] == accept_ne, lower.end);
     if (op.both)
-        return make_predicate({{std::max(a.begin, b.begin), std::min(a.end, b.end)}}, false, lower.end);
-    return make_predicate({{a.end, b.begin}}, true, lower.end); // below a or above b: not between
+        return make_predicate({a.begin > b.begin ? a.begin : b.begin, a.end < b.end ? a.end : b.end}, {}, false,
+                              lower.end);
+    return make_predicate({a.end, b.begin}, {}, true, lower.end); // below a or above b: not between
 }

@@ -155,16 +155,14 @@ bool reducible(const scan_t &scan, kel_type_t type)
 template <unsigned values>
 predicate_t scan_predicate(const scan_t &scan, kel_type_t type, uint64_t element_bits)
 {
-    outcomes_t at[values];
-    for (unsigned i = 0; i < values; i++) {
-        const kel_int_t *val = scan.val[i];
+    const auto at = [&](const kel_int_t *val) {
         const uint64_t high = type == kel_type_uint128 ? value_word(val, 1) : 0;
-        at[i] = outcomes(element_bits, uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
-    }
+        return outcomes(element_bits, uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
+    };
     if constexpr (values == 1)
-        return reduce(scan.op, at[0]);
+        return reduce(scan.op, at(scan.val[0]));
     else
-        return reduce(scan.op, at[0], at[1]);
+        return reduce(scan.op, at(scan.val[0]), at(scan.val[1]));
 }
 
 // The comparisons of elements of variable width: a predicate for each width up to 8 bytes, made when the width is met.
