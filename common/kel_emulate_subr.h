@@ -27,11 +27,32 @@ enum kel_type_t : unsigned {
 enum kel_fmt_t : unsigned { kel_fmt_fixed, kel_fmt_rle, kel_fmt_mixed, kel_fmts };
 
 // The width in bytes that dispatch sees of a vector or value, and of a source, whose variable elements count as 16.
-uint64_t kel_dispatch_bytes(uint64_t format, uint32_t elem_width);
-uint64_t kel_dispatch_bytes(const kel_vec_t *src);
+inline uint64_t kel_dispatch_bytes(uint64_t format, uint32_t elem_width)
+{
+    return format & KEL_BITS ? (uint64_t{elem_width} + 7) / 8 : elem_width;
+}
+
+inline uint64_t kel_dispatch_bytes(const kel_vec_t *src)
+{
+    return src->format & KEL_VAR ? kel_max_elem_bytes : kel_dispatch_bytes(src->format, src->elem_width);
+}
+
+// log2 of a width of whole bytes, as far as dispatch meets one: 1, 2, 4, and the multiples of 8 to 32.
+inline unsigned kel_log2(unsigned bytes)
+{
+    return bytes <= 4 ? bytes / 2 : bytes / 16 + 3;
+}
 
 // The class for the widest of the operands, in bytes.
-unsigned kel_class(uint64_t wide);
+inline unsigned kel_class(uint64_t wide)
+{
+    if (wide > 32)
+        return 0;
+    unsigned bytes = static_cast<unsigned>((wide + 7) / 8 * 8);
+    if (bytes == 24)
+        bytes = 32; // there is no type of 24 bytes
+    return 2 * kel_log2(bytes) + 2;
+}
 
 inline kel_fmt_t kel_dispatch_fmt(const kel_vec_t *src)
 {

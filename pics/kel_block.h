@@ -20,9 +20,9 @@ struct fields_t {
     unsigned offset;     // bits before the first element, 0 to 7
 };
 
-// Consecutive blocks, the first of which is at fields; the last may have fewer elements than 64.
+// Consecutive blocks of fields; the last may have fewer elements than 64.
 struct blocks_t {
-    fields_t fields;
+    const uint8_t *data;
     uint64_t blocks;
     uint64_t elements; // 0 at the end of the source
 };
@@ -42,18 +42,17 @@ inline fields_t run_fields(const kel_vec_t *vec)
 class block_cursor
 {
   public:
-    block_cursor(const fields_t &fields, uint64_t count)
-        : data(fields.data), width(fields.width), offset(fields.offset), elements(count),
-          bytes((offset + width * count + 7) / 8), loadable(count / block_elements)
+    block_cursor(const fields_t &first, uint64_t count)
+        : fields(first), next(first.data), elements(count), bytes((first.offset + first.width * count + 7) / 8),
+          loadable(count / block_elements)
     {
-        while (loadable > 0 && 8 * width * loadable + overrun > bytes)
+        while (loadable > 0 && 8 * fields.width * loadable + overrun > bytes)
             loadable--;
     }
 
-    // The width and place of what is left.
-    fields_t shape() const
+    const fields_t &shape() const
     {
-        return {data, width, offset};
+        return fields;
     }
 
     // The next blocks, at most the given number of them, which is not 0. They stay where they are until the next call.
@@ -61,12 +60,12 @@ class block_cursor
     {
         if (loadable == 0)
             copy_rest();
-        blocks_t taken = {shape(), std::min(loadable, most), 0};
+        blocks_t taken = {next, std::min(loadable, most), 0};
         taken.elements = std::min(elements, block_elements * taken.blocks);
-        data += 8 * width * taken.blocks;
+        next += 8 * fields.width * taken.blocks;
         loadable -= taken.blocks;
         elements -= taken.elements;
-        bytes -= std::min(bytes, 8 * width * taken.blocks);
+        bytes -= std::min(bytes, 8 * fields.width * taken.blocks);
         return taken;
     }
 
@@ -78,21 +77,20 @@ class block_cursor
         if (elements == 0)
             return;
         loadable = (elements + block_elements - 1) / block_elements;
-        memcpy(rest, data, bytes);
-        if (const uint64_t used = (offset + width * elements) % 8; used != 0)
+        memcpy(rest, next, bytes);
+        if (const uint64_t used = (fields.offset + fields.width * elements) % 8; used != 0)
             rest[bytes - 1] = static_cast<uint8_t>(rest[bytes - 1] & 0xff00 >> used);
-        memset(rest + bytes, 0, 8 * width * loadable + overrun - bytes);
-        data = rest;
+        memset(rest + bytes, 0, 8 * fields.width * loadable + overrun - bytes);
+        next = rest;
     }
 
     static constexpr unsigned overrun = 16; // bytes that loads may pass the end of blocks by
 
-    const uint8_t *data; // what is left,
-    const unsigned width;
-    const unsigned offset;
-    uint64_t elements; // its elements,
-    uint64_t bytes;    // its length,
-    uint64_t loadable; // and the blocks that can be loaded where they are
+    const fields_t fields; // of the source, as it was
+    const uint8_t *next;   // what is left,
+    uint64_t elements;     // its elements,
+    uint64_t bytes;        // its length,
+    uint64_t loadable;     // and the blocks that can be loaded where they are
     uint8_t rest[2 * 8 * 64 + 2 * overrun];
 };
 
@@ -105,9 +103,10 @@ struct bitmap_t {
     bool negated;
 };
 
-// Makes the mask words of n blocks, of which elements are tested.
+// Makes the mask words of the n blocks at data, of which elements are tested. fields gives their width and offset.
 template <class Test>
-using mask_blocks_t = void (*)(fields_t fields, const Test &test, uint64_t *masks, size_t n);
+using mask_blocks_t = void (*)(const uint8_t *data, const fields_t &fields, const Test &test, uint64_t *masks,
+                               size_t n);
 
 // In portable code, for all fields.
 mask_blocks_t<predicate_t> portable_mask_blocks(const fields_t &fields, const predicate_t &predicate);
@@ -116,9 +115,10 @@ mask_blocks_t<bitmap_t> portable_mask_blocks(const fields_t &fields, const bitma
 mask_blocks_t<predicate_t> avx2_mask_blocks(const fields_t &fields, const predicate_t &predicate);
 mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &fields, const bitmap_t &bitmap);
 
-// Makes n blocks of destination elements: a field is shifted right, which cuts low bits off, then left, and stored in
+// Makes n blocks of destination elements from those at data: a field is shifted right, which cuts low bits off, then left, and stored in
 // the width that the producer was chosen for.
-using element_blocks_t = void (*)(fields_t fields, unsigned right, unsigned left, void *to, size_t n);
+using element_blocks_t = void (*)(const uint8_t *data, const fields_t &fields, unsigned right, unsigned left, void *to,
+                                  size_t n);
 
 // As above. bytes: of a destination element, 1, 2, 4, 8 or 16.
 element_blocks_t portable_element_blocks(const fields_t &fields, uint64_t bytes);

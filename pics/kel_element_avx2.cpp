@@ -35,24 +35,26 @@ KEL_AVX2 inline void store(__m256i *&to, __m256i x)
 
 // Elements as wide as lanes.
 template <unsigned bits, bool narrow>
-KEL_AVX2 void word_blocks(fields_t fields, unsigned right, unsigned left, void *out, size_t n)
+KEL_AVX2 void word_blocks(const uint8_t *data, const fields_t &fields, unsigned right, unsigned left, void *out,
+                          size_t n)
 {
     using maker_t = element_maker<bits, narrow>;
     const maker_t maker(fields, right, left);
     auto *to = static_cast<__m256i *>(out);
-    for (size_t half = 0; half < 2 * n; half++, fields.data += half_elements / 8 * fields.width)
+    for (size_t half = 0; half < 2 * n; half++, data += half_elements / 8 * fields.width)
         for (unsigned i = 0; i < maker_t::registers; i++)
-            store(to, swap_bytes<bits>(maker.make(fields.data, i)));
+            store(to, swap_bytes<bits>(maker.make(data, i)));
 }
 
 // Elements of one byte, of which nothing is left above it.
 template <bool narrow>
-KEL_AVX2 void byte_blocks(fields_t fields, unsigned right, unsigned left, void *out, size_t n)
+KEL_AVX2 void byte_blocks(const uint8_t *data, const fields_t &fields, unsigned right, unsigned left, void *out,
+                          size_t n)
 {
     const element_maker<16, narrow> maker(fields, right, left);
     auto *to = static_cast<__m256i *>(out);
-    for (size_t half = 0; half < 2 * n; half++, fields.data += half_elements / 8 * fields.width) {
-        const __m256i bytes = _mm256_packus_epi16(maker.make(fields.data, 0), maker.make(fields.data, 1));
+    for (size_t half = 0; half < 2 * n; half++, data += half_elements / 8 * fields.width) {
+        const __m256i bytes = _mm256_packus_epi16(maker.make(data, 0), maker.make(data, 1));
         constexpr int quarters = 0 | 2 << 2 | 1 << 4 | 3 << 6; // of which packing took those of each half
         store(to, _mm256_permute4x64_epi64(bytes, quarters));
     }

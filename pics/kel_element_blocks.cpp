@@ -24,11 +24,11 @@ struct qword_element {
 };
 
 template <class Element, unsigned bytes, bool wide>
-void element_blocks(fields_t fields, unsigned right, unsigned left, void *to, size_t n)
+void element_blocks(const uint8_t *data, const fields_t &fields, unsigned right, unsigned left, void *to, size_t n)
 {
     auto *block = static_cast<uint8_t *>(to);
-    for (; n > 0; n--, fields.data += 8 * fields.width, block += block_elements * bytes)
-        unpack<wide>(fields, right, [=](unsigned i, uint64_t field) { Element::store(block, i, field, left); });
+    for (; n > 0; n--, data += 8 * fields.width, block += block_elements * bytes)
+        unpack<wide>(data, fields, right, [=](unsigned i, uint64_t field) { Element::store(block, i, field, left); });
 }
 
 template <class Element, unsigned bytes>

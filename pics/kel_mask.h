@@ -26,7 +26,7 @@ class mask_source
         const blocks_t taken = cursor.take(block_batch);
         if (taken.elements == 0)
             return 0;
-        make(taken.fields, test, masks, taken.blocks);
+        make(taken.data, cursor.shape(), test, masks, taken.blocks);
         masks[taken.blocks - 1] &= ~uint64_t{0} << (block_elements * taken.blocks - taken.elements);
         return taken.elements;
     }
@@ -108,7 +108,7 @@ class run_source
     void unpack()
     {
         const blocks_t taken = cursor.take(std::size(batch) / block_elements);
-        make(taken.fields, 0, 0, batch, taken.blocks);
+        make(taken.data, cursor.shape(), 0, 0, batch, taken.blocks);
         at = 0;
         unpacked = taken.elements;
     }

@@ -62,7 +62,8 @@ class outside_one : public outside_interval<bits>
 };
 
 template <unsigned bits, bool narrow, template <unsigned> class Outside>
-KEL_AVX2 void interval_blocks(fields_t fields, const predicate_t &predicate, uint64_t *masks, size_t n)
+KEL_AVX2 void interval_blocks(const uint8_t *data, const fields_t &fields, const predicate_t &predicate,
+                              uint64_t *masks, size_t n)
 {
     using loader_t = field_loader<bits, narrow, for_packing>;
     const loader_t loader(fields);
@@ -70,10 +71,10 @@ KEL_AVX2 void interval_blocks(fields_t fields, const predicate_t &predicate, uin
     const uint64_t matching = predicate.negated ? 0 : ~uint64_t{0};
     for (size_t block = 0; block < n; block++) {
         uint64_t mask = 0;
-        for (unsigned half = 0; half < 2; half++, fields.data += half_elements / 8 * fields.width) {
+        for (unsigned half = 0; half < 2; half++, data += half_elements / 8 * fields.width) {
             __m256i outcomes[loader_t::registers];
             for (unsigned i = 0; i < loader_t::registers; i++)
-                outcomes[i] = outside(loader.load(fields.data, i));
+                outcomes[i] = outside(loader.load(data, i));
             mask = mask << 32 | top_bits(pack_outcomes<bits>(outcomes));
         }
         masks[block] = mask ^ matching;
@@ -84,7 +85,8 @@ KEL_AVX2 void interval_blocks(fields_t fields, const predicate_t &predicate, uin
 
 // A bitmap of up to 256 bits stands in two registers: a byte of it is picked by an element's upper bits, and from that
 // a bit by its lower ones.
-KEL_AVX2 void small_bitmap_blocks(fields_t fields, const bitmap_t &bitmap, uint64_t *masks, size_t n)
+KEL_AVX2 void small_bitmap_blocks(const uint8_t *data, const fields_t &fields, const bitmap_t &bitmap, uint64_t *masks,
+                                  size_t n)
 {
     using loader_t = field_loader<16, true, for_packing>;
     const loader_t loader(fields);
@@ -96,10 +98,9 @@ KEL_AVX2 void small_bitmap_blocks(fields_t fields, const bitmap_t &bitmap, uint6
     const uint64_t negated = bitmap.negated ? ~uint64_t{0} : 0;
     for (size_t block = 0; block < n; block++) {
         uint64_t mask = 0;
-        for (unsigned half = 0; half < 2; half++, fields.data += half_elements / 8 * fields.width) {
-            const __m256i element =
-                _mm256_packus_epi16(lanes<16>::right(loader.load(fields.data, 0), 16 - fields.width),
-                                    lanes<16>::right(loader.load(fields.data, 1), 16 - fields.width));
+        for (unsigned half = 0; half < 2; half++, data += half_elements / 8 * fields.width) {
+            const __m256i element = _mm256_packus_epi16(lanes<16>::right(loader.load(data, 0), 16 - fields.width),
+                                                        lanes<16>::right(loader.load(data, 1), 16 - fields.width));
             const __m256i place = _mm256_and_si256(_mm256_srli_epi16(element, 3), _mm256_set1_epi8(31));
             const __m256i byte = _mm256_blendv_epi8(_mm256_shuffle_epi8(low, place), _mm256_shuffle_epi8(high, place),
                                                     _mm256_slli_epi16(place, 3));
@@ -122,17 +123,18 @@ KEL_AVX2 inline __m256i look_up(const bitmap_t &bitmap, __m256i elements)
 }
 
 template <bool narrow>
-KEL_AVX2 void bitmap_blocks(fields_t fields, const bitmap_t &bitmap, uint64_t *masks, size_t n)
+KEL_AVX2 void bitmap_blocks(const uint8_t *data, const fields_t &fields, const bitmap_t &bitmap, uint64_t *masks,
+                            size_t n)
 {
     using loader_t = field_loader<32, narrow, for_packing>;
     const loader_t loader(fields);
     const uint64_t negated = bitmap.negated ? ~uint64_t{0} : 0;
     for (size_t block = 0; block < n; block++) {
         uint64_t mask = 0;
-        for (unsigned half = 0; half < 2; half++, fields.data += half_elements / 8 * fields.width) {
+        for (unsigned half = 0; half < 2; half++, data += half_elements / 8 * fields.width) {
             __m256i outcomes[loader_t::registers];
             for (unsigned i = 0; i < loader_t::registers; i++)
-                outcomes[i] = look_up(bitmap, lanes<32>::right(loader.load(fields.data, i), 32 - fields.width));
+                outcomes[i] = look_up(bitmap, lanes<32>::right(loader.load(data, i), 32 - fields.width));
             mask = mask << 32 | top_bits(pack_outcomes<32>(outcomes));
         }
         masks[block] = mask ^ negated;

@@ -8,17 +8,17 @@ namespace
 // ---- Lanes ----------------------------------------------------------------------------------------------------------
 
 template <class Lane, bool wide>
-inline void unpack_lanes(const fields_t &fields, Lane *lanes)
+inline void unpack_lanes(const uint8_t *data, const fields_t &fields, Lane *lanes)
 {
-    unpack<wide>(fields, 0, [lanes](unsigned i, uint64_t field) { lanes[i] = static_cast<Lane>(field); });
+    unpack<wide>(data, fields, 0, [lanes](unsigned i, uint64_t field) { lanes[i] = static_cast<Lane>(field); });
 }
 
 // Fields that are whole lanes.
 template <class Lane>
-inline void load_lanes(const fields_t &fields, Lane *lanes)
+inline void load_lanes(const uint8_t *data, const fields_t &, Lane *lanes)
 {
     for (unsigned i = 0; i < block_elements; i++)
-        lanes[i] = kel_load_be<Lane>(fields.data + i * sizeof(Lane));
+        lanes[i] = kel_load_be<Lane>(data + i * sizeof(Lane));
 }
 
 // ---- Tests of a lane ------------------------------------------------------------------------------------------------
@@ -77,14 +77,14 @@ inline uint64_t gather_bits(const uint8_t *bytes)
     return kel_load_be<uint64_t>(bytes) * 0x0102040810204080 >> 56;
 }
 
-template <class Lane, void (*unpack)(const fields_t &, Lane *), class Match, class Test>
-void mask_blocks(fields_t fields, const Test &test, uint64_t *masks, size_t n)
+template <class Lane, void (*unpack)(const uint8_t *, const fields_t &, Lane *), class Match, class Test>
+void mask_blocks(const uint8_t *data, const fields_t &fields, const Test &test, uint64_t *masks, size_t n)
 {
     const Match match(test);
     alignas(64) Lane lanes[block_elements];
     alignas(64) uint8_t hits[block_elements];
-    for (size_t block = 0; block < n; block++, fields.data += 8 * fields.width) {
-        unpack(fields, lanes);
+    for (size_t block = 0; block < n; block++, data += 8 * fields.width) {
+        unpack(data, fields, lanes);
         for (unsigned i = 0; i < block_elements; i++)
             hits[i] = match(lanes[i]);
         uint64_t mask = 0;

@@ -194,7 +194,7 @@ class converted_elements
   private:
     void convert(const blocks_t &taken, void *to) const
     {
-        make(taken.fields, right, left, to, taken.blocks);
+        make(taken.data, cursor.shape(), right, left, to, taken.blocks);
     }
 
     block_cursor cursor;
