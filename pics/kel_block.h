@@ -80,7 +80,10 @@ class block_cursor
         memcpy(rest, next, bytes);
         if (const uint64_t used = (fields.offset + fields.width * elements) % 8; used != 0)
             rest[bytes - 1] = static_cast<uint8_t>(rest[bytes - 1] & 0xff00 >> used);
-        memset(rest + bytes, 0, 8 * fields.width * loadable + overrun - bytes);
+        const uint64_t end = 8 * fields.width * loadable;
+        if (bytes < end)
+            memset(rest + bytes, 0, end - bytes);
+        memset(rest + std::max(bytes, end), 0, overrun);
         next = rest;
     }
 

@@ -50,10 +50,12 @@ struct predicate_t {
     }
 };
 
-// Elements from begin up to, not including, end. Ends go up to 2 to the 64th.
+// Elements from begin up to, not including, end. Border is a type with room for the end of the domain: for elements of
+// 64 bits one of 128.
+template <class Border>
 struct interval_t {
-    uint128_t begin;
-    uint128_t end;
+    Border begin;
+    Border end;
 
     bool empty() const
     {
@@ -62,13 +64,15 @@ struct interval_t {
 };
 
 // The borders between the outcomes of elements of element_bits (1 to 64) against a value of value_bits (1 to 128).
+template <class Border>
 struct outcomes_t {
-    uint128_t equal;   // the first element that is not below
-    uint128_t greater; // the first element that is above
-    uint128_t end;     // the end of the domain
+    Border equal;   // the first element that is not below
+    Border greater; // the first element that is above
+    Border end;     // the end of the domain
 };
 
-inline outcomes_t outcomes(uint64_t element_bits, uint128_t value, uint64_t value_bits)
+template <class Border>
+outcomes_t<Border> outcomes(uint64_t element_bits, uint128_t value, uint64_t value_bits)
 {
     const uint64_t rounded = kel_round_bits(element_bits);
     const uint64_t value_rounded = kel_round_bits(value_bits);
@@ -76,25 +80,28 @@ inline outcomes_t outcomes(uint64_t element_bits, uint128_t value, uint64_t valu
     if (value_rounded > rounded)
         value >>= value_rounded - rounded;
 
-    const uint128_t end = uint128_t{1} << element_bits;
-    const uint128_t highest = (end - 1) >> cut; // of what is left of an element
-    const uint128_t at_value = value > highest ? end : value << cut;
-    const uint128_t above_value = value >= highest ? end : (value + 1) << cut;
+    const Border end = Border{1} << element_bits;
+    const Border highest = (end - 1) >> cut; // of what is left of an element
+    const auto cut_value = static_cast<Border>(value);
+    const Border at_value = value > highest ? end : cut_value << cut;
+    const Border above_value = value >= highest ? end : (cut_value + 1) << cut;
     return {rounded >= value_rounded ? at_value : above_value, rounded > value_rounded ? at_value : above_value, end};
 }
 
 // The elements that an operator accepts, but for NE, for which it is those that it does not accept.
-inline interval_t accepted(unsigned accept, const outcomes_t &at)
+template <class Border>
+interval_t<Border> accepted(unsigned accept, const outcomes_t<Border> &at)
 {
     if (accept == accept_ne || accept == accept_eq)
         return {at.equal, at.greater};
     const bool low = accept & outcome_less;
-    const uint128_t border = accept == accept_lt || accept == accept_ge ? at.equal : at.greater;
-    return low ? interval_t{0, border} : interval_t{border, at.end};
+    const Border border = accept == accept_lt || accept == accept_ge ? at.equal : at.greater;
+    return low ? interval_t<Border>{0, border} : interval_t<Border>{border, at.end};
 }
 
 // A predicate of two intervals: empty ones are left out, and no interval at all is the negation of all.
-inline predicate_t make_predicate(interval_t a, interval_t b, bool negated, uint128_t domain)
+template <class Border>
+predicate_t make_predicate(interval_t<Border> a, interval_t<Border> b, bool negated, Border domain)
 {
     if (a.empty())
         a = std::exchange(b, {});
@@ -107,20 +114,22 @@ inline predicate_t make_predicate(interval_t a, interval_t b, bool negated, uint
             none != negated};
 }
 
-inline predicate_t reduce(const operator_t &op, const outcomes_t &at)
+template <class Border>
+predicate_t reduce(const operator_t &op, const outcomes_t<Border> &at)
 {
-    return make_predicate(accepted(op.accept[0], at), {}, op.accept[0] == accept_ne, at.end);
+    return make_predicate<Border>(accepted(op.accept[0], at), {}, op.accept[0] == accept_ne, at.end);
 }
 
 // The joins that operators have: EQ or EQ, NE and NE, and of two orders either both of a range or one of its outsides.
-inline predicate_t reduce(const operator_t &op, const outcomes_t &lower, const outcomes_t &upper)
+template <class Border>
+predicate_t reduce(const operator_t &op, const outcomes_t<Border> &lower, const outcomes_t<Border> &upper)
 {
-    const interval_t a = accepted(op.accept[0], lower);
-    const interval_t b = accepted(op.accept[1], upper);
+    const interval_t<Border> a = accepted(op.accept[0], lower);
+    const interval_t<Border> b = accepted(op.accept[1], upper);
     if (op.accept[0] == accept_eq || op.accept[0] == accept_ne)
         return make_predicate(a, b, op.accept[0] == accept_ne, lower.end);
     if (op.both)
-        return make_predicate({a.begin > b.begin ? a.begin : b.begin, a.end < b.end ? a.end : b.end}, {}, false,
-                              lower.end);
-    return make_predicate({a.end, b.begin}, {}, true, lower.end); // below a or above b: not between
+        return make_predicate<Border>({a.begin > b.begin ? a.begin : b.begin, a.end < b.end ? a.end : b.end}, {}, false,
+                                      lower.end);
+    return make_predicate<Border>({a.end, b.begin}, {}, true, lower.end); // below a or above b: not between
 }

@@ -151,18 +151,25 @@ bool reducible(const scan_t &scan, kel_type_t type)
     return fits;
 }
 
-// For elements of that many bits.
-template <unsigned values>
-predicate_t scan_predicate(const scan_t &scan, kel_type_t type, uint64_t element_bits)
+template <unsigned values, class Border>
+predicate_t make_scan_predicate(const scan_t &scan, kel_type_t type, uint64_t element_bits)
 {
     const auto at = [&](const kel_int_t *val) {
         const uint64_t high = type == kel_type_uint128 ? value_word(val, 1) : 0;
-        return outcomes(element_bits, uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
+        return outcomes<Border>(element_bits, uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
     };
     if constexpr (values == 1)
         return reduce(scan.op, at(scan.val[0]));
     else
         return reduce(scan.op, at(scan.val[0]), at(scan.val[1]));
+}
+
+// For elements of that many bits.
+template <unsigned values>
+predicate_t scan_predicate(const scan_t &scan, kel_type_t type, uint64_t element_bits)
+{
+    return element_bits < 64 ? make_scan_predicate<values, uint64_t>(scan, type, element_bits)
+                             : make_scan_predicate<values, uint128_t>(scan, type, element_bits);
 }
 
 // The comparisons of elements of variable width: a predicate for each width up to 8 bytes, made when the width is met.
