@@ -40,14 +40,14 @@ task_t make_task(const Call &call, void *destination, std::function<outcome_t()>
     return task;
 }
 
-enum class limit_t { none, read, copy }; // none: a case of fixed costs
+enum class limit_t { none, read, copy, set }; // plain_read, memcpy, memset; none: a case of fixed costs
 
 struct case_t {
     const char *operation;
     std::string shape;
     uint64_t elements;
     limit_t limit;
-    uint64_t bytes; // that the limit reads or copies
+    uint64_t bytes; // that the limit reads or writes
     std::function<task_t()> make;
     bool plain = false; // has a plain loop
     bool walk = false;  // has element-by-element kernels
@@ -56,6 +56,13 @@ struct case_t {
 // The table is what runs without a filter; the long list runs under one.
 enum class list_t { table, more };
 void add_case(list_t list, case_t added);
+
+// The cases and benchmarks of each unit, in the order of the table.
+void add_scans();
+void add_moves();
+void add_decoders();
+void add_calls();
+void add_trainers();
 
 // Which case and runner a benchmark is, by its name; a null case: none.
 struct role_t {

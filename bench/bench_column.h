@@ -17,7 +17,7 @@ struct width_t {
 
     std::string name() const
     {
-        return std::to_string(width) + (format == KEL_BITS ? " bits" : " bytes");
+        return std::to_string(width) + (format == KEL_BITS ? " bit" : " byte") + (width == 1 ? "" : "s");
     }
 };
 

@@ -94,14 +94,14 @@ constexpr struct {
              {"select of 64 of 12 bits", make_select},
              {"extract of 64 of 12 bits", make_extract}};
 
-[[maybe_unused]] const bool added = [] {
+} // namespace
+
+void add_calls()
+{
     for (const auto &call : calls)
         for (const validation_t &each : validations)
             add_case(list_t::table, {"call", std::string(call.name) + ", " + each.name, 0, limit_t::none, 0,
                                      [=] { return call.make(each.ctx); }});
     add_benchmark("more/call/nop-posted-and-polled/bare", nop_posted, 0u);
     add_benchmark("more/call/nop-posted-and-polled/validated", nop_posted, KEL_DEBUG_ARG);
-    return true;
-}();
-
-} // namespace
+}

@@ -19,28 +19,19 @@ library_t with_contexts(library_t library)
     return library;
 }
 
-library_t make_library()
-{
-    library_t library = {};
-#define BENCH_TAKE(call) library.call = ::call;
-    BENCH_CALLS(BENCH_TAKE)
-#undef BENCH_TAKE
-    return with_contexts(library);
-}
-
 template <class Call>
 void find(void *file, const char *name, Call *&call)
 {
     call = reinterpret_cast<Call *>(dlsym(file, name));
     if (!call) {
-        fprintf(stderr, "no %s in %s\n", name, PORTABLE_LIBRARY);
+        fprintf(stderr, "%s\n", dlerror());
         exit(1);
     }
 }
 
-library_t load_portable()
+library_t load(const char *path)
 {
-    void *file = dlopen(PORTABLE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    void *file = dlopen(path, RTLD_NOW | RTLD_LOCAL);
     if (!file) {
         fprintf(stderr, "%s\n", dlerror());
         exit(1);
@@ -63,8 +54,11 @@ kel_result_t call_kernel(kel_context_t *ctx, uint64_t flags, Arguments... argume
 
 library_t make_walk()
 {
-    library_t library = get_library();
-    library.ctx = library.bare;
+    library_t library = {};
+#define BENCH_TAKE(call) library.call = ::call;
+    BENCH_CALLS(BENCH_TAKE)
+#undef BENCH_TAKE
+    library = with_contexts(library);
     library.kel_scan_range = call_kernel<kel_scan_range_general>;
     library.kel_translate = call_kernel<kel_translate_general>;
     library.kel_select = call_kernel<kel_select_general>;
@@ -80,13 +74,13 @@ library_t make_walk()
 
 const library_t &get_library()
 {
-    static const library_t library = make_library();
+    static const library_t library = load(MEASURED_LIBRARY);
     return library;
 }
 
 const library_t &get_portable()
 {
-    static const library_t library = load_portable();
+    static const library_t library = load(PORTABLE_LIBRARY);
     return library;
 }
 

@@ -49,7 +49,7 @@ struct row_t {
 };
 
 constexpr const char *row_names[runners] = {"", "libkel", "portable", "element by element", "plain loop"};
-constexpr const char *limit_names[] = {"", "read", "memcpy"};
+constexpr const char *limit_names[] = {"", "read", "memcpy", "memset"};
 
 const char *limit_name(const row_t &row)
 {
@@ -187,6 +187,11 @@ int main(int argc, char **argv)
         return 1;
     if (benchmark::GetBenchmarkFilter().empty())
         benchmark::SetBenchmarkFilter("^table/");
+    add_scans();
+    add_moves();
+    add_decoders();
+    add_calls();
+    add_trainers();
     table_reporter table;
     json_reporter file(table);
     if (benchmark::RunSpecifiedBenchmarks(&table, to_file ? &file : nullptr) == 0) {

@@ -243,7 +243,7 @@ constexpr width_t more_widths[] = {{KEL_BITS, 7}, {KEL_BITS, 12}, {KEL_BYTES, 3}
 constexpr double shares[] = {0.001, 0.1, 0.5};
 constexpr uint32_t code_bits[] = {8, 16, 24};
 
-void add_table()
+void add_table_scans()
 {
     for (const uint64_t elements : sizes)
         for (const auto &each : widths)
@@ -257,7 +257,7 @@ void add_table()
         add_translate(list_t::table, bits, to_bits, in_cache);
 }
 
-void add_more()
+void add_more_scans()
 {
     for (const uint64_t elements : sizes)
         for (const output_t &output : outputs) {
@@ -271,6 +271,10 @@ void add_more()
         }
 }
 
-[[maybe_unused]] const bool added = (add_table(), add_more(), true);
-
 } // namespace
+
+void add_scans()
+{
+    add_table_scans();
+    add_more_scans();
+}

@@ -1,5 +1,5 @@
 // Training, encoding and decoding of columns, beside lz4 and zstd at level 1: MB/s of the plain bytes, and the ratio.
-#include "bench_support.h"
+#include "bench_case.h"
 #include "kel_zip.h"
 #include "vorp.h"
 #include <cstdio>
@@ -249,7 +249,10 @@ void zstd(benchmark::State &state, source_t source, bool decoding)
     measure_coder(state, column, code, length);
 }
 
-[[maybe_unused]] const bool added = [] {
+} // namespace
+
+void add_trainers()
+{
     for (const source_t &source : sources) {
         const std::string name = std::string("/") + source.name;
         add_benchmark("more/train" + name + "/fast", train, source, uint64_t{0});
@@ -262,7 +265,4 @@ void zstd(benchmark::State &state, source_t source, bool decoding)
         add_benchmark("more/decode" + name + "/lz4", lz4, source, true);
         add_benchmark("more/decode" + name + "/zstd1", zstd, source, true);
     }
-    return true;
-}();
-
-} // namespace
+}

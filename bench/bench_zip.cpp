@@ -202,7 +202,10 @@ void add_decode(const dictionary_t &shape)
                              limit_t::copy, coded.plain.size(), make});
 }
 
-[[maybe_unused]] const bool added = [] {
+} // namespace
+
+void add_decoders()
+{
     add_decode({1024, 4});
     for (const unsigned symbols : {16u, 256u, 1024u})
         for (const unsigned length : {2u, 4u, 8u}) {
@@ -214,7 +217,4 @@ void add_decode(const dictionary_t &shape)
             add_benchmark("more/unzip/lz4/" + name, lz4, shape, decoded_bytes);
             add_benchmark("more/unzip/zstd1/" + name, zstd, shape, decoded_bytes);
         }
-    return true;
-}();
-
-} // namespace
+}
