@@ -1,5 +1,5 @@
 // Cases: a row of the table each. The same work is measured with each library, as a plain loop where there is one, and
-// beside the limit that memory sets. A result is compared with what a plain reader of the fields finds, before it is timed.
+// beside the limit that memory sets. Before a result is timed, it is compared with what a plain reader of fields finds.
 #pragma once
 
 #include "bench_library.h"

@@ -1,5 +1,5 @@
-// What a call costs before it does any work: the empty operation, also posted and polled, and operations on 64 elements,
-// with validation and without.
+// What a call costs before it does any work: the empty operation, also posted and polled, and operations on 64
+// elements, with validation and without.
 #include "bench_column.h"
 
 namespace

@@ -191,7 +191,7 @@ constexpr uint64_t more_percents[] = {1, 10, 50, 99};
 constexpr uint64_t plain_bytes[] = {in_cache, 4 * out_of_cache};
 constexpr uint64_t few_bytes = 100;
 
-void add_table_moves()
+void add_table()
 {
     for (const width_t &width : whole)
         add_select(list_t::table, width, width.width, 50, in_cache);
@@ -210,7 +210,7 @@ void add_table_moves()
     }
 }
 
-void add_more_moves()
+void add_more()
 {
     for (const uint64_t elements : sizes) {
         for (const width_t &width : more_widths)
@@ -235,6 +235,6 @@ void add_more_moves()
 
 void add_moves()
 {
-    add_table_moves();
-    add_more_moves();
+    add_table();
+    add_more();
 }

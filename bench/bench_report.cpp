@@ -74,6 +74,7 @@ void print_header()
 
 void print_row(const row_t &row)
 {
+    constexpr double few = 0.1; // shares below have a digit more
     const bool fixed = row.of->limit == limit_t::none;
     const std::string limit = number(row.limit_gb_per_s(), "%.1f", "");
     printf(table_format, row.of->operation, row.of->shape.c_str(), row_names[row.runner],
@@ -81,7 +82,8 @@ void print_row(const row_t &row)
            fixed ? number(row.ns, "%.1f ns", "").c_str() : number(row.elements_per_ns(), "%.3f", "").c_str(),
            number(row.gb_per_s(), "%.2f", "").c_str(),
            limit.empty() ? "" : (std::string(limit_name(row)) + " " + limit).c_str(),
-           number(100 * row.share(), "%.0f%%", "").c_str(), number(row.ratio(), "%.2f", "").c_str());
+           number(100 * row.share(), row.share() < few ? "%.1f%%" : "%.0f%%", "").c_str(),
+           number(row.ratio(), "%.2f", "").c_str());
     fflush(stdout);
 }
 
@@ -165,11 +167,11 @@ class json_reporter : public benchmark::BenchmarkReporter
     {
         const auto value = [](double of) { return number(of, "%.6g", "null"); };
         return std::string("{\"operation\": \"") + row.of->operation + "\", \"shape\": \"" + row.of->shape +
-               "\", \"by\": \"" + row_names[row.runner] + "\", \"elements\": \"" +
-               (row.of->limit == limit_t::none ? "" : size_text(row.of->elements)) + "\", \"ns\": " + value(row.ns) +
-               ", \"elements_per_ns\": " + value(row.elements_per_ns()) + ", \"gb_per_s\": " + value(row.gb_per_s()) +
-               ", \"limit\": \"" + limit_name(row) + "\", \"limit_gb_per_s\": " + value(row.limit_gb_per_s()) +
-               ", \"share\": " + value(row.share()) + ", \"ratio\": " + value(row.ratio()) + "}";
+               "\", \"by\": \"" + row_names[row.runner] + "\", \"elements\": " + std::to_string(row.of->elements) +
+               ", \"ns\": " + value(row.ns) + ", \"elements_per_ns\": " + value(row.elements_per_ns()) +
+               ", \"gb_per_s\": " + value(row.gb_per_s()) + ", \"limit\": \"" + limit_name(row) +
+               "\", \"limit_gb_per_s\": " + value(row.limit_gb_per_s()) + ", \"share\": " + value(row.share()) +
+               ", \"ratio\": " + value(row.ratio()) + "}";
     }
 
     const table_reporter &table;

@@ -8,7 +8,7 @@ namespace
 
 // ---- Scans of fixed width -------------------------------------------------------------------------------------------
 
-// Values from the middle of a domain on, as many as give the share of matches. With more than 64 bits, of their first 64.
+// Values from the middle of a domain on, as many as give the share of matches; of wide elements their first 64 bits.
 struct range_t {
     range_t(const width_t &width, double share)
     {
@@ -239,11 +239,11 @@ constexpr struct {
 } widths[] = {{{KEL_BITS, 1}, false},  {{KEL_BITS, 4}, true},  {{KEL_BITS, 8}, false}, {{KEL_BITS, 12}, false},
               {{KEL_BITS, 16}, false}, {{KEL_BITS, 20}, true}, {{KEL_BITS, 24}, true}, {{KEL_BITS, 32}, false},
               {{KEL_BITS, 64}, false}, {{KEL_BYTES, 3}, true}, {{KEL_BYTES, 5}, true}};
-constexpr width_t more_widths[] = {{KEL_BITS, 7}, {KEL_BITS, 12}, {KEL_BYTES, 3}, {KEL_BYTES, 8}, {KEL_BYTES, 16}};
+constexpr width_t more_widths[] = {{KEL_BITS, 7}, {KEL_BYTES, 8}, {KEL_BYTES, 16}};
 constexpr double shares[] = {0.001, 0.1, 0.5};
 constexpr uint32_t code_bits[] = {8, 16, 24};
 
-void add_table_scans()
+void add_table()
 {
     for (const uint64_t elements : sizes)
         for (const auto &each : widths)
@@ -257,24 +257,25 @@ void add_table_scans()
         add_translate(list_t::table, bits, to_bits, in_cache);
 }
 
-void add_more_scans()
+void add_more(const output_t &output, uint64_t elements)
 {
-    for (const uint64_t elements : sizes)
-        for (const output_t &output : outputs) {
-            if (elements > output.most_elements)
-                continue;
-            for (const width_t &width : more_widths)
-                for (const double share : shares)
-                    add_scan(list_t::more, width, output, share, elements);
-            for (const uint32_t bits : code_bits)
-                add_translate(list_t::more, bits, output, elements);
-        }
+    for (const double share : shares) {
+        for (const auto &each : widths)
+            add_scan(list_t::more, each.width, output, share, elements);
+        for (const width_t &width : more_widths)
+            add_scan(list_t::more, width, output, share, elements);
+    }
+    for (const uint32_t bits : code_bits)
+        add_translate(list_t::more, bits, output, elements);
 }
 
 } // namespace
 
 void add_scans()
 {
-    add_table_scans();
-    add_more_scans();
+    add_table();
+    for (const uint64_t elements : sizes)
+        for (const output_t &output : outputs)
+            if (elements <= output.most_elements)
+                add_more(output, elements);
 }
