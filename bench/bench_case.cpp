@@ -9,10 +9,6 @@ namespace
 {
 
 constexpr const char *runner_names[runners] = {"limit", "kel", "portable", "walk", "plain"};
-// Of repetitions the median counts. Memory is shared with other processors' work, and its rates vary.
-constexpr int in_cache_repetitions = 5;
-constexpr int out_of_cache_repetitions = 9;
-constexpr uint64_t cached_bytes = 1'000'000; // of a limit
 
 std::map<std::string, role_t> &get_roles()
 {
@@ -144,8 +140,7 @@ void add_case(list_t list, case_t added)
         const std::string name = name_of(list, of, runner);
         const role_t role = {&of, runner};
         get_roles()[name] = role;
-        const int repetitions = of.bytes < cached_bytes ? in_cache_repetitions : out_of_cache_repetitions;
-        benchmark::RegisterBenchmark(name.c_str(), run_case, role)->MinTime(shortest_run)->Repetitions(repetitions);
+        benchmark::RegisterBenchmark(name.c_str(), run_case, role);
     }
 }
 

@@ -263,7 +263,8 @@ void add_more(const output_t &output, uint64_t elements)
         for (const auto &each : widths)
             add_scan(list_t::more, each.width, output, share, elements);
         for (const width_t &width : more_widths)
-            add_scan(list_t::more, width, output, share, elements);
+            if (packed_bytes(width, elements) <= most_bytes)
+                add_scan(list_t::more, width, output, share, elements);
     }
     for (const uint32_t bits : code_bits)
         add_translate(list_t::more, bits, output, elements);
