@@ -134,7 +134,7 @@ task_t make_logical(logical_t logical, place_t place, uint64_t bytes)
             outcome_t expected = {std::vector<uint8_t>(bytes), 0};
             for (uint64_t i = 0; i < bytes; i++) {
                 const uint8_t *left = static_cast<const uint8_t *>(src1.data) + i;
-                const unsigned shifted = (left[0] | left[1] << 8) >> src1.offset;
+                const unsigned shifted = (left[0] + left[1] * 256u) >> src1.offset;
                 expected.bytes[i] = logical.join(shifted, static_cast<const uint8_t *>(src2.data)[i]);
                 expected.count += static_cast<uint64_t>(__builtin_popcount(expected.bytes[i]));
             }

@@ -66,7 +66,7 @@ class field_list
     void put(uint64_t field, uint64_t bits)
     {
         for (; bits > 0; bits--) {
-            pending = static_cast<uint8_t>(pending << 1 | (field >> (bits - 1) & 1));
+            pending = static_cast<uint8_t>(pending * 2u | (field >> (bits - 1) & 1));
             if (++filled % 8 == 0)
                 bytes.push_back(pending);
         }
