@@ -5,7 +5,7 @@ JOBS := $(shell nproc)
 CONFIGURE = cmake --preset release $(CMAKE_FLAGS)
 COMPILE = cmake --build $(BUILD) -j $(JOBS) --target
 
-.PHONY: all demo test bench sanitize fuzz install clean tools test-tools bench-tools fuzz-tools
+.PHONY: all demo test bench performance sanitize fuzz install clean tools test-tools bench-tools fuzz-tools chart-tools
 
 all: tools
 	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=OFF
@@ -41,11 +41,17 @@ fuzz: fuzz-tools
 	        -artifact_prefix=build/corpus/$$fuzzer- build/corpus/$$fuzzer || exit 1; \
 	done
 
-# Options go to the benchmark program: make bench BENCH=--benchmark_filter=nop
+# One table of all operations, also as build/bench.json; about two minutes. Options go to the benchmark program, and a
+# filter reaches the longer list, too: make bench BENCH=--benchmark_filter=nop
+RESULTS := build/bench.json
 bench: bench-tools
 	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=ON
 	$(COMPILE) kel_bench
-	$(BUILD)/bench/kel_bench $(BENCH)
+	$(BUILD)/bench/kel_bench --benchmark_out=$(RESULTS) $(BENCH)
+
+# The table and the chart of docs/performance.md, from a run on this machine.
+performance: chart-tools bench
+	bench/chart.py $(RESULTS) docs/performance.md docs/performance.svg
 
 # To another place: make install PREFIX=/opt/kel (DESTDIR is heeded)
 install: all
@@ -62,3 +68,5 @@ bench-tools:
 	@tools/need.sh benchmark
 fuzz-tools:
 	@tools/need.sh gtest fuzz
+chart-tools:
+	@tools/need.sh chart

@@ -1,16 +1,75 @@
-// What a call costs before it does any work: the empty operation, the same posted and polled, and a scan of
-// one block, with validation and without.
-#include "bench_support.h"
-#include <benchmark/benchmark.h>
+// What a call costs before it does any work: the empty operation, also posted and polled, and operations on 64
+// elements, with validation and without.
+#include "bench_column.h"
 
 namespace
 {
 
-void nop(benchmark::State &state, uint32_t debug_options)
+constexpr uint64_t elements = 64;
+constexpr width_t bits12 = {KEL_BITS, 12};
+constexpr width_t bytes2 = {KEL_BYTES, 2};
+
+using context_t = kel_context_t *library_t::*;
+
+struct validation_t {
+    const char *name;
+    context_t ctx;
+};
+
+constexpr validation_t validations[] = {{"bare", &library_t::bare}, {"validated", &library_t::ctx}};
+
+task_t make_nop(context_t ctx)
 {
-    const bench_context ctx(debug_options);
-    for ([[maybe_unused]] auto _ : state)
-        benchmark::DoNotOptimize(kel_nop(ctx, 0));
+    return make_task([=](const library_t &library) { return library.kel_nop(library.*ctx, 0); }, destination_bytes(),
+                     [] { return outcome_t{}; });
+}
+
+task_t make_scan(context_t ctx)
+{
+    const kel_vec_t src = source_vec(bits12, elements);
+    const kel_vec_t dst = destination_vec(to_bits.width, elements);
+    const kel_int_t lower = fixed_val(KEL_BITS, 12, 0, 1024);
+    const kel_int_t upper = fixed_val(KEL_BITS, 12, 0, 2047);
+    return make_task(
+        [=](const library_t &library) {
+            return library.kel_scan_range(library.*ctx, 0, &src, &dst, KEL_GE_AND_LE, &lower, &upper);
+        },
+        dst.data,
+        [] {
+            return expect_matches(to_bits, elements,
+                                  [](uint64_t i) { return get_element(source_bytes(), bits12, i) / 1024 == 1; });
+        });
+}
+
+// Elements whose bit in a mask is 1; without a mask all of them, by an extract.
+outcome_t expect_elements(bool (*selects)(uint64_t index), bool counted)
+{
+    field_list fields;
+    uint64_t count = 0;
+    for (uint64_t i = 0; i < elements; i++)
+        if (selects(i)) {
+            fields.put(get_element(source_bytes(), bits12, i), bytes2.bits());
+            count += counted;
+        }
+    return {fields.take(), count};
+}
+
+task_t make_select(context_t ctx)
+{
+    const kel_vec_t src = source_vec(bits12, elements);
+    const kel_vec_t dst = destination_vec(bytes2, elements);
+    const kel_vec_t mask = source_vec(to_bits.width, elements);
+    return make_task(
+        [=](const library_t &library) { return library.kel_select(library.*ctx, 0, &src, &dst, &mask); }, dst.data,
+        [] { return expect_elements([](uint64_t i) { return get_field(source_bytes(), i, 1) != 0; }, true); });
+}
+
+task_t make_extract(context_t ctx)
+{
+    const kel_vec_t src = source_vec(bits12, elements);
+    const kel_vec_t dst = destination_vec(bytes2, elements);
+    return make_task([=](const library_t &library) { return library.kel_extract(library.*ctx, 0, &src, &dst); },
+                     dst.data, [] { return expect_elements([](uint64_t) { return true; }, false); });
 }
 
 void nop_posted(benchmark::State &state, uint32_t debug_options)
@@ -27,32 +86,22 @@ void nop_posted(benchmark::State &state, uint32_t debug_options)
     kel_queue_destroy(queue);
 }
 
-void scan_block(benchmark::State &state, uint32_t debug_options)
-{
-    constexpr unsigned elements = 64;
-    constexpr unsigned width = 12;
-    const bench_context ctx(debug_options);
-    const bench_bytes packed(elements * width / 8);
-    const bench_bytes found(elements / 8);
-    uint64_t random = 1;
-    for (unsigned i = 0; i < elements * width / 8; i++)
-        packed.data()[i] = static_cast<uint8_t>(next_random(random));
-    const kel_vec_t src = fixed_vec(KEL_BITS, width, elements, packed.data());
-    const kel_vec_t dst = fixed_vec(KEL_BITS, 1, elements, found.data());
-    const kel_int_t lower = fixed_val(KEL_BITS, width, 0, 1024);
-    const kel_int_t upper = fixed_val(KEL_BITS, width, 0, 2047);
-    for ([[maybe_unused]] auto _ : state) {
-        const kel_result_t result = kel_scan_range(ctx, 0, &src, &dst, KEL_GE_AND_LE, &lower, &upper);
-        if (result.status != KEL_SUCCESS)
-            state.SkipWithError("the scan fails");
-    }
-}
-
-BENCHMARK_CAPTURE(nop, bare, 0u)->Name("frame/nop/bare");
-BENCHMARK_CAPTURE(nop, validated, KEL_DEBUG_ARG)->Name("frame/nop/validated");
-BENCHMARK_CAPTURE(nop_posted, bare, 0u)->Name("frame/nop_post_and_poll/bare");
-BENCHMARK_CAPTURE(nop_posted, validated, KEL_DEBUG_ARG)->Name("frame/nop_post_and_poll/validated");
-BENCHMARK_CAPTURE(scan_block, bare, 0u)->Name("frame/scan_64_of_12bit/bare");
-BENCHMARK_CAPTURE(scan_block, validated, KEL_DEBUG_ARG)->Name("frame/scan_64_of_12bit/validated");
+constexpr struct {
+    const char *name;
+    task_t (*make)(context_t ctx);
+} calls[] = {{"nop", make_nop},
+             {"scan of 64 of 12 bits", make_scan},
+             {"select of 64 of 12 bits", make_select},
+             {"extract of 64 of 12 bits", make_extract}};
 
 } // namespace
+
+void add_calls()
+{
+    for (const auto &call : calls)
+        for (const validation_t &each : validations)
+            add_case(list_t::table, {"call", std::string(call.name) + ", " + each.name, 0, limit_t::none, 0,
+                                     [=] { return call.make(each.ctx); }});
+    add_benchmark("more/call/nop-posted-and-polled/bare", nop_posted, 0u);
+    add_benchmark("more/call/nop-posted-and-polled/validated", nop_posted, KEL_DEBUG_ARG);
+}

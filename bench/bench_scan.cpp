@@ -1,310 +1,282 @@
-// Range scans of packed columns, beside a plain read and a copy of the same bytes; and the roads that lead to one
-// result.
-#include "bench_support.h"
-#include "kel_scan.h"
-#include <algorithm>
-#include <benchmark/benchmark.h>
-#include <string>
-#include <vector>
+// Range scans and lookups: the operations that find matches.
+#include "bench_column.h"
+#include "bench_plain.h"
+#include <cmath>
 
 namespace
 {
 
-constexpr uint64_t in_cache = 10'000;
-constexpr uint64_t out_of_cache = 20'000'000;
+// ---- Scans of fixed width -------------------------------------------------------------------------------------------
 
-struct width_t {
-    const char *name;
-    uint64_t format;
-    uint32_t width;
-
-    uint64_t bits() const
+// Values from the middle of a domain on, as many as give the share of matches; of wide elements their first 64 bits.
+struct range_t {
+    range_t(const width_t &width, double share)
     {
-        return format == KEL_BITS ? width : 8 * width;
+        const int bits = static_cast<int>(std::min<uint64_t>(width.bits(), 64));
+        lower = uint64_t{1} << (bits - 1);
+        upper = lower - 1 + std::max<uint64_t>(1, static_cast<uint64_t>(std::ldexp(share, bits)));
     }
-};
 
-constexpr width_t widths[] = {
-    {"1bit", KEL_BITS, 1},   {"4bit", KEL_BITS, 4},   {"7bit", KEL_BITS, 7},   {"8bit", KEL_BITS, 8},
-    {"12bit", KEL_BITS, 12}, {"16bit", KEL_BITS, 16}, {"20bit", KEL_BITS, 20}, {"24bit", KEL_BITS, 24},
-    {"32bit", KEL_BITS, 32}, {"64bit", KEL_BITS, 64}, {"3byte", KEL_BYTES, 3}, {"16byte", KEL_BYTES, 16},
-};
-constexpr width_t road_width = {"12bit", KEL_BITS, 12};
-constexpr uint64_t widest_bytes = 16;
-
-struct share_t {
-    const char *name;
-    unsigned permille; // of the elements match
-};
-
-constexpr share_t shares[] = {{"0.1%", 1}, {"10%", 100}, {"50%", 500}};
-constexpr share_t road_share = {"10%", 100};
-
-struct output_t {
-    const char *name;
-    uint64_t flags;
-    uint64_t format;
-    uint32_t width;
-    uint64_t most_elements; // whose indexes fit
-};
-
-constexpr output_t outputs[] = {{"bits", 0, KEL_BITS, 1, out_of_cache},
-                                {"index4", KEL_ONES_INDEX, KEL_BYTES, 4, out_of_cache},
-                                {"index2", KEL_ONES_INDEX, KEL_BYTES, 2, in_cache}};
-
-struct size_name_t {
-    const char *name;
-    uint64_t elements;
-};
-
-constexpr size_name_t sizes[] = {{"10k", in_cache}, {"20M", out_of_cache}};
-
-// ---- Data -----------------------------------------------------------------------------------------------------------
-
-// Elements of one width, a given share of which is in the middle half of the domain (with one bit: is 1), the range of
-// the scans. Small scans take the first elements of the large ones.
-class column_t
-{
-  public:
-    column_t(const width_t &width, const share_t &share)
-        : bits(width.bits()), permille(share.permille), packed(out_of_cache * bits / 8)
+    bool holds(uint64_t value) const
     {
-        uint64_t random = bits * 1000 + permille;
-        bit_writer out(packed.data());
-        for (uint64_t i = 0; i < out_of_cache; i++) {
-            const bool match = next_random(random) % 1000 < permille;
-            small_matches += match && i < in_cache;
-            large_matches += match;
-            const uint64_t above = (next_random(random) & (half() - 1)) + first() + (match ? 0 : half());
-            out.put(above & (2 * half() - 1), high_bits());
-            if (bits > 64)
-                out.put(next_random(random), 64);
+        return value >= lower && value <= upper;
+    }
+
+    uint64_t lower;
+    uint64_t upper;
+};
+
+kel_int_t bound(const width_t &width, uint64_t value, uint64_t rest)
+{
+    return width.bits() > 64 ? fixed_val(width.format, width.width, value, rest)
+                             : fixed_val(width.format, width.width, 0, value);
+}
+
+template <class T>
+std::function<void()> plain_scan(const width_t &width, const output_t &output, const range_t &range, uint64_t elements)
+{
+    const plain_t<T> from = make_plain<T>(width, elements);
+    const T lower = static_cast<T>(range.lower);
+    const T upper = static_cast<T>(range.upper);
+    uint8_t *to = destination_bytes();
+    if (!(output.flags & KEL_ONES_INDEX))
+        return [=] { plain_range_bits(from->data(), elements, lower, upper, reinterpret_cast<uint64_t *>(to)); };
+    if (output.width.width == 2)
+        return [=] { plain_range_indexes(from->data(), elements, lower, upper, reinterpret_cast<uint16_t *>(to)); };
+    return [=] { plain_range_indexes(from->data(), elements, lower, upper, reinterpret_cast<uint32_t *>(to)); };
+}
+
+task_t make_scan(width_t width, output_t output, double share, uint64_t elements)
+{
+    const range_t range(width, share);
+    const kel_vec_t src = source_vec(width, elements);
+    const kel_vec_t dst = destination_vec(output.width, elements);
+    const kel_int_t lower = bound(width, range.lower, 0);
+    const kel_int_t upper = bound(width, range.upper, ~uint64_t{0});
+    task_t task = make_task(
+        [=](const library_t &library) {
+            return library.kel_scan_range(library.ctx, output.flags, &src, &dst, KEL_GE_AND_LE, &lower, &upper);
+        },
+        dst.data,
+        [=] {
+            return expect_matches(output, elements,
+                                  [=](uint64_t i) { return range.holds(get_element(source_bytes(), width, i)); });
+        });
+    with_plain_type(width.bits(), [&]<class T>(T) { task.plain = plain_scan<T>(width, output, range, elements); });
+    task.plain_unit = output_unit(output);
+    return task;
+}
+
+void add_scan(list_t list, const width_t &width, const output_t &output, double share, uint64_t elements)
+{
+    char percent[16];
+    snprintf(percent, sizeof percent, "%g%%", 100 * share);
+    const bool longer = list == list_t::more;
+    add_case(list, {"scan", width.name() + " " + output.name + ", " + percent, elements, limit_t::read,
+                    packed_bytes(width, elements), [=] { return make_scan(width, output, share, elements); }, !longer,
+                    longer});
+}
+
+// ---- Scans with an aux stream ---------------------------------------------------------------------------------------
+
+constexpr width_t run_width = {KEL_BITS, 12};
+constexpr uint64_t run_bits = 8;
+constexpr uint64_t longest_run = 19; // from 1 on: 10 in the mean
+
+struct runs_t {
+    std::vector<uint8_t> lengths;
+    uint64_t elements = 0; // runs expanded
+};
+
+const runs_t &get_runs()
+{
+    static const runs_t runs = [] {
+        runs_t made;
+        made.lengths.resize((in_cache / (longest_run / 2 + 1) + 7) / 8 * 8);
+        uint64_t random = 1;
+        for (uint8_t &length : made.lengths) {
+            length = static_cast<uint8_t>(1 + next_random(random) % longest_run);
+            made.elements += length;
         }
-    }
-
-    bool is(const width_t &width, const share_t &share) const
-    {
-        return bits == width.bits() && permille == share.permille;
-    }
-
-    uint8_t *data() const
-    {
-        return packed.data();
-    }
-
-    kel_int_t lower(const width_t &width) const
-    {
-        return bits > 64 ? fixed_val(width.format, width.width, first(), 0)
-                         : fixed_val(width.format, width.width, 0, first());
-    }
-
-    kel_int_t upper(const width_t &width) const
-    {
-        const uint64_t last = first() + half() - 1;
-        return bits > 64 ? fixed_val(width.format, width.width, last, ~uint64_t{0})
-                         : fixed_val(width.format, width.width, 0, last);
-    }
-
-    uint64_t matches(uint64_t elements) const
-    {
-        return elements == in_cache ? small_matches : large_matches;
-    }
-
-    static uint64_t bytes(const width_t &width, uint64_t elements)
-    {
-        return elements * width.bits() / 8;
-    }
-
-  private:
-    // Of an element's first 64 bits: their number, half of their domain, and the first value of the range.
-    uint64_t high_bits() const
-    {
-        return std::min<uint64_t>(bits, 64);
-    }
-
-    uint64_t half() const
-    {
-        return uint64_t{1} << (high_bits() - 1);
-    }
-
-    uint64_t first() const
-    {
-        return std::max<uint64_t>(half() / 2, 1);
-    }
-
-    uint64_t bits;
-    uint64_t permille;
-    bench_bytes packed;
-    uint64_t small_matches = 0;
-    uint64_t large_matches = 0;
-};
-
-// The column that was asked for last is kept: benchmarks are in the order of columns.
-const column_t &get_column(const width_t &width, const share_t &share)
-{
-    static std::unique_ptr<column_t> column;
-    if (!column || !column->is(width, share)) {
-        column.reset(); // before the next one takes its room
-        column = std::make_unique<column_t>(width, share);
-    }
-    return *column;
+        return made;
+    }();
+    return runs;
 }
 
-// Room for every output.
-uint8_t *output_bytes()
+task_t make_run_scan()
 {
-    static const bench_bytes bytes(widest_bytes * out_of_cache);
-    return bytes.data();
+    const range_t range(run_width, 0.1);
+    const runs_t &runs = get_runs();
+    kel_vec_t src = source_vec(run_width, runs.lengths.size());
+    src.format |= KEL_RLE;
+    src.aux_data = const_cast<uint8_t *>(runs.lengths.data());
+    src.aux_width = run_bits;
+    const kel_vec_t dst = destination_vec(to_bits.width, runs.elements);
+    const kel_int_t lower = bound(run_width, range.lower, 0);
+    const kel_int_t upper = bound(run_width, range.upper, 0);
+    std::vector<uint64_t> expanded;
+    for (uint64_t i = 0; i < runs.lengths.size(); i++)
+        expanded.insert(expanded.end(), runs.lengths[i], get_element(source_bytes(), run_width, i));
+    return make_task(
+        [=](const library_t &library) {
+            return library.kel_scan_range(library.ctx, 0, &src, &dst, KEL_GE_AND_LE, &lower, &upper);
+        },
+        dst.data,
+        [=] { return expect_matches(to_bits, expanded.size(), [&](uint64_t i) { return range.holds(expanded[i]); }); });
 }
 
-// ---- Measures -------------------------------------------------------------------------------------------------------
+// Elements of 1 to 4 bytes, by lengths of 2 bits that are one less.
+constexpr uint64_t length_bits = 2;
 
-// Counts what a run gets through.
-template <class Run>
-void measure(benchmark::State &state, const width_t &width, uint64_t elements, const Run &run)
+const uint8_t *length_bytes()
 {
-    measure_run(state, {{"elements/ns", elements}, {"packed_GB/s", column_t::bytes(width, elements)}}, run);
+    return source_bytes() + most_bytes / 2; // as random as the elements
 }
 
-void scan(benchmark::State &state, width_t width, share_t share, output_t output, uint64_t elements)
+uint64_t length_of(uint64_t element)
 {
-    const column_t &column = get_column(width, share);
-    const bench_context ctx;
-    const kel_vec_t src = fixed_vec(width.format, width.width, elements, column.data());
-    const kel_vec_t dst = fixed_vec(output.format, output.width, elements, output_bytes());
-    const kel_int_t lower = column.lower(width);
-    const kel_int_t upper = column.upper(width);
-    kel_result_t result = {};
-    measure(state, width, elements,
-            [&] { result = kel_scan_range(ctx, output.flags, &src, &dst, KEL_GE_AND_LE, &lower, &upper); });
-    if (result.status != KEL_SUCCESS || result.count != column.matches(elements))
-        state.SkipWithError("the scan fails, or miscounts");
+    return 1 + get_field(length_bytes(), element * length_bits, length_bits);
 }
 
-void read(benchmark::State &state, width_t width, uint64_t elements)
+// Byte strings against values of 2 bytes: cut to the shorter length, and then the shorter is the lesser.
+int compare_strings(uint64_t left, uint64_t left_bytes, uint64_t right)
 {
-    const column_t &column = get_column(width, shares[0]);
-    measure(state, width, elements, [&] {
-        uint64_t sum = 0;
-        for (uint64_t i = 0; i < column_t::bytes(width, elements) / 8; i++) {
-            uint64_t word;
-            memcpy(&word, column.data() + 8 * i, sizeof word);
-            sum += word;
-        }
-        benchmark::DoNotOptimize(sum);
-    });
+    const uint64_t bytes = std::min<uint64_t>(left_bytes, 2);
+    const uint64_t left_cut = left >> 8 * (left_bytes - bytes);
+    const uint64_t right_cut = right >> 8 * (2 - bytes);
+    if (left_cut != right_cut)
+        return left_cut < right_cut ? -1 : 1;
+    return left_bytes < 2 ? -1 : left_bytes > 2;
 }
 
-void copy(benchmark::State &state, width_t width, uint64_t elements)
+task_t make_string_scan()
 {
-    const column_t &column = get_column(width, shares[0]);
-    measure(state, width, elements, [&] {
-        memcpy(output_bytes(), column.data(), column_t::bytes(width, elements));
-        benchmark::ClobberMemory();
-    });
+    const range_t range({KEL_BYTES, 2}, 0.1);
+    kel_vec_t src = fixed_vec(KEL_VAR | KEL_ADD_ONE, 0, in_cache, source_bytes());
+    src.aux_data = const_cast<uint8_t *>(length_bytes());
+    src.aux_width = length_bits;
+    const kel_vec_t dst = destination_vec(to_bits.width, in_cache);
+    const kel_int_t lower = fixed_val(KEL_BYTES, 2, 0, range.lower);
+    const kel_int_t upper = fixed_val(KEL_BYTES, 2, 0, range.upper);
+    return make_task(
+        [=](const library_t &library) {
+            return library.kel_scan_range(library.ctx, 0, &src, &dst, KEL_GE_AND_LE, &lower, &upper);
+        },
+        dst.data,
+        [=] {
+            uint64_t bytes = 0; // before the element: elements are asked for in their order
+            return expect_matches(to_bits, in_cache, [&](uint64_t i) {
+                const uint64_t length = length_of(i);
+                const uint64_t element = get_field(source_bytes(), 8 * bytes, 8 * length);
+                bytes += length;
+                return compare_strings(element, length, range.lower) >= 0 &&
+                       compare_strings(element, length, range.upper) <= 0;
+            });
+        });
 }
 
-// ---- Roads ----------------------------------------------------------------------------------------------------------
-
-// One scan to a bit vector, as all roads see it.
-struct task_t {
-    kel_context_t *ctx;
-    kel_vec_t src;
-    kel_vec_t dst;
-    kel_int_t lower;
-    kel_int_t upper;
-    std::vector<uint16_t> plain16;
-    std::vector<uint32_t> plain32;
-};
-
-using kernel_t = decltype(kel_scan_range_emulate);
-
-template <kernel_t kernel>
-void packed_road(const task_t &task)
+void add_aux_scans()
 {
-    cca_t cca = {};
-    kernel(task.ctx, 0, &task.src, &task.dst, KEL_GE_AND_LE, &task.lower, &task.upper, &cca);
+    const runs_t &runs = get_runs();
+    add_case(list_t::table,
+             {"scan", "12 bits in runs of 10 to bits, 10%", runs.elements, limit_t::read,
+              packed_bytes(run_width, runs.lengths.size()) / 8 * 8 + runs.lengths.size(), make_run_scan});
+    constexpr uint64_t mean_bits = 8 * 5 / 2 + length_bits;
+    add_case(list_t::table, {"scan", "1 to 4 bytes to bits, 10%", in_cache, limit_t::read, in_cache * mean_bits / 8,
+                             make_string_scan});
 }
 
-template <class T, std::vector<T> task_t::*elements>
-void plain_road(const task_t &task)
+// ---- Lookups --------------------------------------------------------------------------------------------------------
+
+template <class T>
+std::function<void()> plain_translate(const width_t &width, uint64_t elements)
 {
-    const T *plain = (task.*elements).data();
-    const auto lower = static_cast<T>(task.lower.dword[2]);
-    const auto upper = static_cast<T>(task.upper.dword[2]);
-    auto *out = static_cast<uint8_t *>(task.dst.data);
-    for (uint64_t i = 0; i < task.src.elements; i += 8) {
-        unsigned byte = 0;
-        for (unsigned j = 0; j < 8; j++)
-            byte |= static_cast<unsigned>((plain[i + j] >= lower) & (plain[i + j] <= upper)) << (7 - j);
-        *out++ = static_cast<uint8_t>(byte);
-    }
-    benchmark::ClobberMemory();
+    const plain_t<T> from = make_plain<T>(width, elements);
+    std::vector<uint64_t> bitmap(std::max<uint64_t>(1, (uint64_t{1} << width.bits()) / 64));
+    for (uint64_t i = 0; i < uint64_t{1} << width.bits(); i++)
+        bitmap[i / 64] |= get_field(source_bytes(), i, 1) << i % 64;
+    return
+        [=] { plain_lookup(from->data(), elements, bitmap.data(), reinterpret_cast<uint64_t *>(destination_bytes())); };
 }
+
+// The bitmap is a copy of the source's first bytes.
+task_t make_translate(width_t width, output_t output, uint64_t elements)
+{
+    const uint64_t bitmap_bits = uint64_t{1} << width.bits();
+    const auto bitmap_bytes = std::make_shared<bench_bytes>(bitmap_bits / 8);
+    memcpy(bitmap_bytes->data(), source_bytes(), bitmap_bits / 8);
+    const kel_vec_t src = source_vec(width, elements);
+    const kel_vec_t dst = destination_vec(output.width, elements);
+    const kel_vec_t bitmap = fixed_vec(KEL_BITS, 1, bitmap_bits, bitmap_bytes->data());
+    task_t task = make_task(
+        [=, kept = bitmap_bytes](const library_t &library) {
+            return library.kel_translate(library.ctx, output.flags, &src, &dst, &bitmap, src.elem_width);
+        },
+        dst.data,
+        [=] {
+            return expect_matches(output, elements, [=](uint64_t i) {
+                return get_field(source_bytes(), get_element(source_bytes(), width, i), 1) != 0;
+            });
+        });
+    if (!(output.flags & KEL_ONES_INDEX))
+        with_plain_type(width.bits(), [&]<class T>(T) { task.plain = plain_translate<T>(width, elements); });
+    return task;
+}
+
+void add_translate(list_t list, uint32_t bits, const output_t &output, uint64_t elements)
+{
+    const width_t width = {KEL_BITS, bits};
+    add_case(list, {"translate", std::to_string(bits) + "-bit codes " + output.name, elements, limit_t::read,
+                    packed_bytes(width, elements), [=] { return make_translate(width, output, elements); },
+                    !(output.flags & KEL_ONES_INDEX), list == list_t::more});
+}
+
+// ---- Lists ----------------------------------------------------------------------------------------------------------
 
 constexpr struct {
-    const char *name;
-    void (*run)(const task_t &task);
-} roads[] = {{"general", packed_road<kel_scan_range_general>},
-             {"block", packed_road<kel_scan_range_emulate>},
-             {"plain_uint16", plain_road<uint16_t, &task_t::plain16>},
-             {"plain_uint32", plain_road<uint32_t, &task_t::plain32>}};
+    width_t width;
+    bool in_cache_alone; // in the table
+} widths[] = {{{KEL_BITS, 1}, false},  {{KEL_BITS, 4}, true},  {{KEL_BITS, 8}, false}, {{KEL_BITS, 12}, false},
+              {{KEL_BITS, 16}, false}, {{KEL_BITS, 20}, true}, {{KEL_BITS, 24}, true}, {{KEL_BITS, 32}, false},
+              {{KEL_BITS, 64}, false}, {{KEL_BYTES, 3}, true}, {{KEL_BYTES, 5}, true}};
+constexpr width_t more_widths[] = {{KEL_BITS, 7}, {KEL_BYTES, 8}, {KEL_BYTES, 16}};
+constexpr double shares[] = {0.001, 0.1, 0.5};
+constexpr uint32_t code_bits[] = {8, 16, 24};
 
-void road(benchmark::State &state, void (*run)(const task_t &task))
+void add_table()
 {
-    static_assert(in_cache % 8 == 0);
-    const column_t &column = get_column(road_width, road_share);
-    const bench_context ctx(0);
-    task_t task = {ctx,
-                   fixed_vec(road_width.format, road_width.width, in_cache, column.data()),
-                   fixed_vec(KEL_BITS, 1, in_cache, output_bytes()),
-                   column.lower(road_width),
-                   column.upper(road_width),
-                   {},
-                   {}};
-    for (uint64_t i = 0; i < in_cache; i++) {
-        const uint64_t bit = i * road_width.width;
-        const unsigned two_bytes = column.data()[bit / 8] * 256u + column.data()[bit / 8 + 1];
-        task.plain16.push_back(static_cast<uint16_t>(bit % 8 ? two_bytes & 0xfff : two_bytes >> 4));
-        task.plain32.push_back(task.plain16.back());
-    }
-    memset(output_bytes(), 0xff, in_cache / 8);
-    measure(state, road_width, in_cache, [&] { run(task); });
-
-    bool right = true;
-    for (uint64_t i = 0; i < in_cache; i++) {
-        const bool found = output_bytes()[i / 8] >> (7 - i % 8) & 1;
-        right &= found == (task.plain16[i] >= task.lower.dword[2] && task.plain16[i] <= task.upper.dword[2]);
-    }
-    if (!right)
-        state.SkipWithError("the bits are wrong");
+    for (const uint64_t elements : sizes)
+        for (const auto &each : widths)
+            if (elements == in_cache || !each.in_cache_alone)
+                add_scan(list_t::table, each.width, to_bits, 0.5, elements);
+    for (const output_t &output : {to_index2, to_index4})
+        for (const double share : shares)
+            add_scan(list_t::table, {KEL_BITS, 12}, output, share, in_cache);
+    add_aux_scans();
+    for (const uint32_t bits : code_bits)
+        add_translate(list_t::table, bits, to_bits, in_cache);
 }
 
-// ---- Registration ---------------------------------------------------------------------------------------------------
-
-void add_column(const width_t &width, const share_t &share)
+void add_more(const output_t &output, uint64_t elements)
 {
-    for (const size_name_t &size : sizes)
-        for (const output_t &output : outputs)
-            if (size.elements <= output.most_elements)
-                add_benchmark(std::string("scan/") + width.name + "/" + share.name + "/" + output.name + "/" +
-                                  size.name,
-                              scan, width, share, output, size.elements);
-}
-
-[[maybe_unused]] const bool added = [] {
-    for (const auto &each : roads)
-        add_benchmark(std::string("road/") + road_width.name + "/" + road_share.name + "/bits/10k/" + each.name, road,
-                      each.run);
-    for (const width_t &width : widths) {
-        for (const size_name_t &size : sizes) {
-            add_benchmark(std::string("read/") + width.name + "/" + size.name, read, width, size.elements);
-            add_benchmark(std::string("copy/") + width.name + "/" + size.name, copy, width, size.elements);
-        }
-        for (const share_t &share : shares)
-            add_column(width, share);
+    for (const double share : shares) {
+        for (const auto &each : widths)
+            add_scan(list_t::more, each.width, output, share, elements);
+        for (const width_t &width : more_widths)
+            if (packed_bytes(width, elements) <= most_bytes)
+                add_scan(list_t::more, width, output, share, elements);
     }
-    return true;
-}();
+    for (const uint32_t bits : code_bits)
+        add_translate(list_t::more, bits, output, elements);
+}
 
 } // namespace
+
+void add_scans()
+{
+    add_table();
+    for (const uint64_t elements : sizes)
+        for (const output_t &output : outputs)
+            if (elements <= output.most_elements)
+                add_more(output, elements);
+}

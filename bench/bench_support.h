@@ -1,4 +1,4 @@
-// What the benchmarks share: a context, aligned memory, packed elements, and the measure of a run.
+// What the benchmarks share: a context, aligned memory, fields of bits, and the measure of a run.
 #pragma once
 
 #include "kel_init.h"
@@ -6,9 +6,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 class bench_context
 {
@@ -58,28 +59,30 @@ class bench_bytes
     std::unique_ptr<uint8_t, void (*)(void *)> bytes;
 };
 
-// Appends fields of up to 64 bits to a stream. What is left of a byte at the end is not stored.
-class bit_writer
+// Collects fields of up to 64 bits as a vector holds them. Bit by bit: unlike the library in all respects.
+class field_list
 {
   public:
-    explicit bit_writer(uint8_t *start) : at(start) {}
-
-    void put(uint64_t field, uint64_t width)
+    void put(uint64_t field, uint64_t bits)
     {
-        if (width > 32) {
-            put(field >> 32, width - 32);
-            field &= UINT32_MAX;
-            width = 32;
+        for (; bits > 0; bits--) {
+            pending = static_cast<uint8_t>(pending * 2u | (field >> (bits - 1) & 1));
+            if (++filled % 8 == 0)
+                bytes.push_back(pending);
         }
-        pending = pending << width | field;
-        for (bits += width; bits >= 8; bits -= 8)
-            *at++ = static_cast<uint8_t>(pending >> (bits - 8));
+    }
+
+    // The bytes, the last one padded with zero bits.
+    std::vector<uint8_t> take()
+    {
+        put(0, -filled % 8);
+        return std::move(bytes);
     }
 
   private:
-    uint8_t *at;
-    uint64_t pending = 0;
-    uint64_t bits = 0; // of the next byte
+    std::vector<uint8_t> bytes;
+    uint8_t pending = 0;
+    uint64_t filled = 0;
 };
 
 // Small and fast, and good enough for the order of matches.
@@ -106,34 +109,17 @@ inline kel_int_t fixed_val(uint64_t format, uint32_t width, uint64_t high, uint6
     return {static_cast<uint32_t>(format), width, {0, high, low}};
 }
 
-inline double processor_ns()
-{
-    timespec now;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return 1e9 * static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec);
-}
-
-// What one run gets through, by the name of its rate for each nanosecond: bytes for each of them are GB/s.
-struct amount_t {
-    const char *name;
-    uint64_t amount;
-};
-
-// Runs the benchmark's loop.
+// Runs the benchmark's loop, and shows the bytes that a run gets through for each second.
 template <class Run>
-void measure_run(benchmark::State &state, std::initializer_list<amount_t> amounts, const Run &run)
+void measure_run(benchmark::State &state, uint64_t bytes, const Run &run)
 {
-    const double start = processor_ns();
     for ([[maybe_unused]] auto _ : state)
         run();
-    const double per_run = (processor_ns() - start) / static_cast<double>(state.iterations());
-    for (const amount_t &each : amounts)
-        state.counters[each.name] = static_cast<double>(each.amount) / per_run;
+    state.SetBytesProcessed(static_cast<int64_t>(bytes) * state.iterations());
 }
 
 template <class... Arguments>
 void add_benchmark(const std::string &name, void (*function)(benchmark::State &, Arguments...), Arguments... arguments)
 {
-    constexpr double shortest_run = 0.1; // seconds
-    benchmark::RegisterBenchmark(name.c_str(), function, arguments...)->MinTime(shortest_run);
+    benchmark::RegisterBenchmark(name.c_str(), function, arguments...)->Repetitions(1);
 }

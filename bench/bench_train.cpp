@@ -1,5 +1,5 @@
 // Training, encoding and decoding of columns, beside lz4 and zstd at level 1: MB/s of the plain bytes, and the ratio.
-#include "bench_support.h"
+#include "bench_case.h"
 #include "kel_zip.h"
 #include "vorp.h"
 #include <cstdio>
@@ -108,7 +108,7 @@ void measure_coder(benchmark::State &state, const bytes_t &column, const std::fu
                    const uint64_t &packed)
 {
     bool good = true;
-    measure_run(state, {{"GB/s", column.size()}}, [&] { good &= code(); });
+    measure_run(state, column.size(), [&] { good &= code(); });
     if (!good)
         state.SkipWithError("the coder fails");
     state.counters["ratio"] = static_cast<double>(column.size()) / static_cast<double>(packed);
@@ -249,20 +249,20 @@ void zstd(benchmark::State &state, source_t source, bool decoding)
     measure_coder(state, column, code, length);
 }
 
-[[maybe_unused]] const bool added = [] {
+} // namespace
+
+void add_trainers()
+{
     for (const source_t &source : sources) {
         const std::string name = std::string("/") + source.name;
-        add_benchmark("train" + name + "/fast", train, source, uint64_t{0});
-        add_benchmark("train" + name + "/thorough", train, source, uint64_t{1});
-        add_benchmark("train" + name + "/lz4", lz4, source, false);
-        add_benchmark("train" + name + "/zstd1", zstd, source, false);
-        add_benchmark("encode" + name, encode, source);
-        add_benchmark("parse" + name, parse, source);
-        add_benchmark("decode" + name, decode, source);
-        add_benchmark("decode" + name + "/lz4", lz4, source, true);
-        add_benchmark("decode" + name + "/zstd1", zstd, source, true);
+        add_benchmark("more/train" + name + "/fast", train, source, uint64_t{0});
+        add_benchmark("more/train" + name + "/thorough", train, source, uint64_t{1});
+        add_benchmark("more/train" + name + "/lz4", lz4, source, false);
+        add_benchmark("more/train" + name + "/zstd1", zstd, source, false);
+        add_benchmark("more/encode" + name, encode, source);
+        add_benchmark("more/parse" + name, parse, source);
+        add_benchmark("more/decode" + name, decode, source);
+        add_benchmark("more/decode" + name + "/lz4", lz4, source, true);
+        add_benchmark("more/decode" + name + "/zstd1", zstd, source, true);
     }
-    return true;
-}();
-
-} // namespace
+}

@@ -1,8 +1,9 @@
 // Expansion of codeword streams, beside memcpy and beside the decoders of lz4 and zstd on the same bytes.
-#include "bench_support.h"
+#include "bench_case.h"
 #include "kel_zip.h"
 #include <algorithm>
 #include <lz4.h>
+#include <map>
 #include <vector>
 #include <zstd.h>
 
@@ -12,39 +13,62 @@ namespace
 constexpr uint64_t decoded_bytes = 16'000'000;
 constexpr uint64_t small_bytes = 16'384;
 
+using bytes_t = std::vector<uint8_t>;
+
 struct dictionary_t {
     unsigned symbols;
     unsigned mean_length;
 };
 
 // A dictionary of random symbols, a stream of random codewords, and what they stand for.
-class column_t
-{
-  public:
-    explicit column_t(const dictionary_t &shape) : codewords(2 * decoded_bytes)
+struct coded_t {
+    coded_t(const dictionary_t &shape, uint64_t least_bytes, uint64_t least_codewords)
+        : symbols(static_cast<uint16_t>(shape.symbols)), widths(kel_zip_width_bytes(shape.symbols))
     {
         uint64_t random = shape.symbols + shape.mean_length;
-        std::vector<uint8_t> widths(kel_zip_width_bytes(shape.symbols));
-        std::vector<std::vector<uint8_t>> symbols(shape.symbols);
-        std::vector<uint8_t> all;
-        for (unsigned code = 0; code < shape.symbols; code++) {
+        std::vector<bytes_t> texts(symbols);
+        for (unsigned code = 0; code < symbols; code++) {
             const unsigned spread = std::min(shape.mean_length - 1, kel_max_symbol_bytes - shape.mean_length);
             const uint64_t length = shape.mean_length - spread + next_random(random) % (2 * spread + 1);
             for (uint64_t i = 0; i < length; i++)
-                symbols[code].push_back(static_cast<uint8_t>(next_random(random)));
+                texts[code].push_back(static_cast<uint8_t>(next_random(random)));
             widths[code / 2] |= static_cast<uint8_t>(length << (code % 2 ? 0 : 4));
-            all.insert(all.end(), symbols[code].begin(), symbols[code].end());
+            all_texts.insert(all_texts.end(), texts[code].begin(), texts[code].end());
         }
-        if (kel_zip_create(ctx, static_cast<uint16_t>(shape.symbols), widths.data(), all.data(), &codec) != KEL_SUCCESS)
+        field_list stream;
+        for (; plain.size() < least_bytes || codewords < least_codewords; codewords++) {
+            const uint64_t code = next_random(random) % symbols;
+            stream.put(code, zip_code_width(symbols));
+            plain.insert(plain.end(), texts[code].begin(), texts[code].end());
+        }
+        packed = stream.take();
+        packed.resize(packed.size() + 8); // may be read up to the end of a word
+    }
+
+    kel_vec_t vec(kel_zip_t *codec, uint64_t bytes) const
+    {
+        kel_vec_t vec = fixed_vec(KEL_ZIP, 1, bytes, const_cast<uint8_t *>(packed.data()));
+        vec.codec = codec;
+        vec.codewords = bytes == plain.size() ? codewords : 0;
+        return vec;
+    }
+
+    uint16_t symbols;
+    bytes_t widths;
+    bytes_t all_texts;
+    bytes_t packed;
+    bytes_t plain;
+    uint64_t codewords = 0;
+};
+
+// With a codec, in the internal calls' context.
+class column_t : public coded_t
+{
+  public:
+    explicit column_t(const dictionary_t &shape) : coded_t(shape, decoded_bytes, 0)
+    {
+        if (kel_zip_create(ctx, symbols, widths.data(), all_texts.data(), &codec) != KEL_SUCCESS)
             abort();
-        bit_writer out(codewords.data());
-        while (plain.size() < decoded_bytes) {
-            const uint64_t code = next_random(random) % shape.symbols;
-            out.put(code, zip_code_width(shape.symbols));
-            plain.insert(plain.end(), symbols[code].begin(), symbols[code].end());
-        }
-        out.put(0, 8); // so that the last codeword is stored whole
-        plain.resize(decoded_bytes);
     }
 
     ~column_t()
@@ -56,8 +80,6 @@ class column_t
     column_t &operator=(const column_t &) = delete;
 
     const bench_context ctx;
-    bench_bytes codewords;
-    std::vector<uint8_t> plain;
     kel_zip_t *codec;
 };
 
@@ -80,7 +102,7 @@ void measure_decoder(benchmark::State &state, const column_t &column, uint64_t b
 {
     std::vector<uint8_t> to(bytes + 64);
     bool good = true;
-    measure_run(state, {{"GB/s", bytes}}, [&] { good &= decode(to.data(), to.size()); });
+    measure_run(state, bytes, [&] { good &= decode(to.data(), to.size()); });
     if (!good || memcmp(to.data(), column.plain.data(), bytes) != 0)
         state.SkipWithError("the decoder fails");
 }
@@ -88,8 +110,7 @@ void measure_decoder(benchmark::State &state, const column_t &column, uint64_t b
 void unzip(benchmark::State &state, dictionary_t shape, uint64_t bytes)
 {
     const column_t &column = get_column(shape);
-    kel_vec_t src = fixed_vec(KEL_ZIP, 1, bytes, column.codewords.data());
-    src.codec = column.codec;
+    const kel_vec_t src = column.vec(column.codec, bytes);
     measure_decoder(state, column, bytes, [&](uint8_t *to, size_t room) {
         return kel_unzip(column.ctx, &src, src.codec, to, room) == KEL_SUCCESS;
     });
@@ -129,18 +150,71 @@ void zstd(benchmark::State &state, dictionary_t shape, uint64_t bytes)
     state.counters["ratio"] = static_cast<double>(bytes) / static_cast<double>(length);
 }
 
-[[maybe_unused]] const bool added = [] {
+// ---- The table's case -----------------------------------------------------------------------------------------------
+
+// One codec for each library.
+class codecs_t
+{
+  public:
+    explicit codecs_t(const coded_t &coded) : dictionary(coded) {}
+
+    ~codecs_t()
+    {
+        for (const auto &[library, codec] : codecs)
+            library->kel_zip_free(library->ctx, codec);
+    }
+
+    codecs_t(const codecs_t &) = delete;
+    codecs_t &operator=(const codecs_t &) = delete;
+
+    kel_zip_t *of(const library_t &library)
+    {
+        kel_zip_t *&codec = codecs[&library];
+        if (!codec && library.kel_zip_create(library.ctx, dictionary.symbols, dictionary.widths.data(),
+                                             dictionary.all_texts.data(), &codec) != KEL_SUCCESS)
+            abort();
+        return codec;
+    }
+
+  private:
+    const coded_t &dictionary;
+    std::map<const library_t *, kel_zip_t *> codecs;
+};
+
+// An extract of a compressed column of bytes, which expands it and copies the outcome.
+void add_decode(const dictionary_t &shape)
+{
+    static const coded_t coded(shape, 0, in_cache);
+    const auto make = [] {
+        const auto codecs = std::make_shared<codecs_t>(coded);
+        const kel_vec_t dst = fixed_vec(KEL_BYTES, 1, coded.plain.size(), destination_bytes());
+        return make_task(
+            [=](const library_t &library) {
+                const kel_vec_t src = coded.vec(codecs->of(library), coded.plain.size());
+                return library.kel_extract(library.ctx, 0, &src, &dst);
+            },
+            dst.data,
+            [] {
+                return outcome_t{coded.plain, 0};
+            });
+    };
+    add_case(list_t::table, {"decode", std::to_string(shape.symbols) + " symbols of 1 to 7 bytes", coded.codewords,
+                             limit_t::copy, coded.plain.size(), make});
+}
+
+} // namespace
+
+void add_decoders()
+{
+    add_decode({1024, 4});
     for (const unsigned symbols : {16u, 256u, 1024u})
         for (const unsigned length : {2u, 4u, 8u}) {
             const dictionary_t shape = {symbols, length};
             const std::string name = std::to_string(symbols) + "symbols/mean" + std::to_string(length);
-            add_benchmark("unzip/" + name, unzip, shape, decoded_bytes);
-            add_benchmark("unzip/16KB/" + name, unzip, shape, small_bytes);
-            add_benchmark("unzip/memcpy/" + name, copy, shape, decoded_bytes);
-            add_benchmark("unzip/lz4/" + name, lz4, shape, decoded_bytes);
-            add_benchmark("unzip/zstd1/" + name, zstd, shape, decoded_bytes);
+            add_benchmark("more/unzip/" + name, unzip, shape, decoded_bytes);
+            add_benchmark("more/unzip/16KB/" + name, unzip, shape, small_bytes);
+            add_benchmark("more/unzip/memcpy/" + name, copy, shape, decoded_bytes);
+            add_benchmark("more/unzip/lz4/" + name, lz4, shape, decoded_bytes);
+            add_benchmark("more/unzip/zstd1/" + name, zstd, shape, decoded_bytes);
         }
-    return true;
-}();
-
-} // namespace
+}

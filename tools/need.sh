@@ -1,5 +1,5 @@
 #!/bin/sh
-# Makes sure that the build tools are there: need.sh [gtest] [benchmark] [lint] [fuzz]
+# Makes sure that the build tools are there: need.sh [gtest] [benchmark] [lint] [fuzz] [chart]
 # Installs the missing Debian packages where it may; elsewhere names what is missing and fails.
 set -u
 
@@ -38,6 +38,7 @@ check() {
             need libzstd-dev have_header zstd.h
             ;;
         fuzz) need clang have_fuzzer ;;
+        chart) need python3 command -v python3 ;;
         lint) need clang-format command -v clang-format && need clang-tidy command -v clang-tidy ;;
         *) echo "need.sh: what is $extra?" >&2; exit 2 ;;
         esac

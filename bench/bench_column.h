@@ -1,0 +1,118 @@
+// Columns of fixed width over the random source: their shapes, a plain reader of their elements, and what correct
+// operations on them leave.
+#pragma once
+
+#include "bench_case.h"
+#include <algorithm>
+#include <memory>
+
+struct width_t {
+    uint64_t format;
+    uint32_t width;
+
+    uint64_t bits() const
+    {
+        return format == KEL_BITS ? width : uint64_t{8} * width;
+    }
+
+    std::string name() const
+    {
+        return std::to_string(width) + (format == KEL_BITS ? " bit" : " byte") + (width == 1 ? "" : "s");
+    }
+};
+
+inline uint64_t packed_bytes(const width_t &width, uint64_t elements)
+{
+    return (elements * width.bits() + 7) / 8;
+}
+
+// Up to 64 bits of a stream, from the given bit on. Byte by byte: unlike the library in all respects.
+inline uint64_t get_field(const uint8_t *stream, uint64_t bit, uint64_t bits)
+{
+    uint64_t field = 0;
+    while (bits > 0) {
+        const uint64_t taken = std::min(bits, 8 - bit % 8);
+        field = field << taken | (stream[bit / 8] >> (8 - bit % 8 - taken) & ((1u << taken) - 1));
+        bit += taken;
+        bits -= taken;
+    }
+    return field;
+}
+
+// An element, or of a wider one its first 64 bits.
+inline uint64_t get_element(const uint8_t *stream, const width_t &width, uint64_t index)
+{
+    return get_field(stream, index * width.bits(), std::min<uint64_t>(width.bits(), 64));
+}
+
+// Calls use with a value of the smallest type of a plain array that holds as many bits.
+template <class Use>
+void with_plain_type(uint64_t bits, const Use &use)
+{
+    if (bits <= 8)
+        use(uint8_t{});
+    else if (bits <= 16)
+        use(uint16_t{});
+    else if (bits <= 32)
+        use(uint32_t{});
+    else
+        use(uint64_t{});
+}
+
+template <class T>
+using plain_t = std::shared_ptr<const std::vector<T>>;
+
+template <class T>
+plain_t<T> make_plain(const width_t &width, uint64_t elements)
+{
+    std::vector<T> plain(elements);
+    for (uint64_t i = 0; i < elements; i++)
+        plain[i] = static_cast<T>(get_element(source_bytes(), width, i));
+    return std::make_shared<const std::vector<T>>(std::move(plain));
+}
+
+// ---- Where matches go -----------------------------------------------------------------------------------------------
+
+struct output_t {
+    const char *name;
+    uint64_t flags;
+    width_t width;
+    uint64_t most_elements; // whose indexes fit
+};
+
+inline constexpr output_t to_bits = {"to bits", 0, {KEL_BITS, 1}, out_of_cache};
+inline constexpr output_t to_index2 = {"to 2-byte indexes", KEL_ONES_INDEX, {KEL_BYTES, 2}, 65'536};
+inline constexpr output_t to_index4 = {"to 4-byte indexes", KEL_ONES_INDEX, {KEL_BYTES, 4}, out_of_cache};
+inline constexpr output_t outputs[] = {to_bits, to_index2, to_index4};
+
+// What an operation leaves for which match(i) tells the matches.
+template <class Match>
+outcome_t expect_matches(const output_t &output, uint64_t elements, const Match &match)
+{
+    field_list fields;
+    uint64_t count = 0;
+    for (uint64_t i = 0; i < elements; i++) {
+        const bool matches = match(i);
+        count += matches;
+        if (!(output.flags & KEL_ONES_INDEX))
+            fields.put(matches, 1);
+        else if (matches)
+            fields.put(i, output.width.bits());
+    }
+    return {fields.take(), count};
+}
+
+inline kel_vec_t source_vec(const width_t &width, uint64_t elements)
+{
+    return fixed_vec(width.format, width.width, elements, source_bytes());
+}
+
+inline kel_vec_t destination_vec(const width_t &width, uint64_t elements)
+{
+    return fixed_vec(width.format, width.width, elements, destination_bytes());
+}
+
+inline constexpr unsigned output_unit(const output_t &output)
+{
+    return output.flags & KEL_ONES_INDEX ? output.width.width : 0;
+}
