@@ -1,0 +1,163 @@
+// Vector kernels beside their portable twins: random fields, at either end of memory that is fenced by pages that fault.
+#include "kel_block.h"
+#include "support.h"
+#include <cstring>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr uint64_t most_blocks = 3;
+constexpr uint64_t loaded_behind = 16; // bytes that a producer may load behind its last block
+
+// Packed bytes between two pages that fault.
+class fenced_source
+{
+  public:
+    explicit fenced_source(random_source &random)
+        : page(static_cast<size_t>(sysconf(_SC_PAGESIZE))), bytes(2 * page, page)
+    {
+        mprotect(bytes.data - page, page, PROT_NONE);
+        random.fill(bytes.data, bytes.size);
+    }
+
+    // So many blocks of fields at the start, or so that what may be loaded ends at the end.
+    fields_t fields(unsigned width, unsigned offset, uint64_t blocks, bool at_start) const
+    {
+        const uint64_t loaded = 8 * width * blocks + loaded_behind;
+        return {at_start ? bytes.data : bytes.data + bytes.size - loaded, width, offset};
+    }
+
+  private:
+    size_t page;
+    guarded_buffer bytes;
+};
+
+struct request_t {
+    fields_t fields;
+    uint64_t blocks;
+};
+
+std::ostream &operator<<(std::ostream &out, const request_t &request)
+{
+    return out << request.blocks << " blocks of " << request.fields.width << " bits at bit " << request.fields.offset
+               << " of " << static_cast<const void *>(request.fields.data);
+}
+
+class vector_kernels : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        if (!avx2_element_blocks({nullptr, 8, 0}, 1))
+            GTEST_SKIP() << "no vector kernels for this processor, or in this build";
+    }
+
+    request_t any_request(unsigned widest)
+    {
+        const uint64_t blocks = random.between(1, most_blocks);
+        return {source.fields(random.between<unsigned>(1, widest), random.between<unsigned>(0, 7), blocks,
+                              random.one_in(2)),
+                blocks};
+    }
+
+    // Whether both producers make the same mask words.
+    template <class Test>
+    void compare_masks(const request_t &request, const Test &test)
+    {
+        uint64_t expected[most_blocks] = {}, seen[most_blocks] = {};
+        const fields_t &fields = request.fields;
+        portable_mask_blocks(fields, test)(fields.data, fields, test, expected, request.blocks);
+        const auto vector = avx2_mask_blocks(fields, test);
+        ASSERT_NE(vector, nullptr) << request;
+        vector(fields.data, fields, test, seen, request.blocks);
+        ASSERT_EQ(hex(seen, sizeof seen), hex(expected, sizeof expected)) << request;
+    }
+
+    random_source random{70};
+    const fenced_source source{random};
+};
+
+predicate_t any_predicate(random_source &random, unsigned width)
+{
+    const uint64_t highest = ~uint64_t{0} >> (64 - width);
+    predicate_t predicate = {{}, {}, random.between<unsigned>(1, 2), random.one_in(2)};
+    for (unsigned i = 0; i < 2; i++) {
+        predicate.first[i] = random.one_in(5) ? random.between(0, 1) * highest : random.between(0, highest);
+        const uint64_t most = highest - predicate.first[i];
+        predicate.span[i] = random.one_in(5) ? random.between(0, 1) * most : random.between(0, most);
+    }
+    return predicate;
+}
+
+} // namespace
+
+TEST_F(vector_kernels, intervals)
+{
+    for (unsigned i = 0; i < 600000; i++) {
+        const request_t request = any_request(64);
+        ASSERT_NO_FATAL_FAILURE(compare_masks(request, any_predicate(random, request.fields.width)));
+    }
+}
+
+// Bitmaps end at the page that faults, but for the rest of a word.
+TEST_F(vector_kernels, bitmaps)
+{
+    for (unsigned width = 1; width <= 20; width++) {
+        const uint64_t bits = uint64_t{1} << width;
+        const guarded_buffer bytes((bits + 7) / 8, 4);
+        random.fill(bytes.data, bytes.size);
+        for (unsigned i = 0; i < 5000; i++) {
+            request_t request = any_request(1);
+            request.fields = source.fields(width, request.fields.offset, request.blocks, random.one_in(2));
+            ASSERT_NO_FATAL_FAILURE(compare_masks(request, bitmap_t{bytes.data, bits, random.one_in(2)}));
+        }
+    }
+}
+
+// A bitmap for any field, of which few pages are ever touched.
+TEST_F(vector_kernels, vast_bitmap)
+{
+    constexpr uint64_t bits = uint64_t{1} << 32;
+    void *memory = mmap(nullptr, bits / 8, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    auto *bytes = static_cast<uint8_t *>(memory);
+    for (unsigned i = 0; i < 200; i++) {
+        request_t request = any_request(1);
+        request.fields = source.fields(random.between<unsigned>(20, 32), request.fields.offset, request.blocks, i % 2);
+        uint64_t elements[most_blocks * block_elements];
+        portable_element_blocks(request.fields, 8)(request.fields.data, request.fields, 0, 0, elements, request.blocks);
+        for (uint64_t j = 0; j < request.blocks * block_elements; j++) {
+            const uint64_t element = kel_load_be<uint64_t>(&elements[j]);
+            if (random.one_in(2))
+                bytes[element / 8] = static_cast<uint8_t>(bytes[element / 8] | 0x80 >> element % 8);
+        }
+        ASSERT_NO_FATAL_FAILURE(compare_masks(request, bitmap_t{bytes, bits, i % 4 == 0}));
+    }
+    munmap(memory, bits / 8);
+}
+
+// Elements as they are cut or padded to their destination, which ends at a page that faults.
+TEST_F(vector_kernels, elements)
+{
+    for (const unsigned bytes : {1u, 2u, 4u, 8u}) {
+        const unsigned bits = 8 * bytes;
+        for (unsigned i = 0; i < 100000; i++) {
+            const request_t request = any_request(bytes == 1 ? 16 : bits);
+            const fields_t &fields = request.fields;
+            const unsigned rounded = (fields.width + 7) / 8 * 8;
+            const unsigned right = rounded > bits ? rounded - bits : 0;
+            const unsigned left = rounded < bits && random.one_in(2) ? bits - rounded : 0;
+            const size_t size = request.blocks * block_elements * bytes;
+            static uint8_t expected[most_blocks * block_elements * 8];
+            static const guarded_buffer room(sizeof expected, 1);
+            uint8_t *const seen = room.data + room.size - size;
+            portable_element_blocks(fields, bytes)(fields.data, fields, right, left, expected, request.blocks);
+            avx2_element_blocks(fields, bytes)(fields.data, fields, right, left, seen, request.blocks);
+            ASSERT_EQ(memcmp(seen, expected, size), 0)
+                << request << " to " << bytes << " bytes, shifted by " << right << " and " << left;
+        }
+    }
+}
