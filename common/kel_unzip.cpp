@@ -219,7 +219,22 @@ uint64_t safe_codewords(const stream_t &stream, const decoded_t &dst)
     return readable > loaded_behind ? readable - loaded_behind : 0;
 }
 
-template <unsigned width>
+// Calls take(code) for the codewords of a group. Whole bytes and halves of bytes need no shift of a word.
+template <unsigned width, bool whole, class Take>
+inline void take_group(const uint8_t *data, uint64_t bit, const Take &take)
+{
+    if constexpr (whole) {
+        const uint8_t *byte = data + bit / 8;
+        for (unsigned j = 0; j < group; j++)
+            take(width == 8 ? byte[j] : byte[j / 2] >> (4 - j % 2 * 4) & 15);
+    } else {
+        uint64_t word = kel_load_be<uint64_t>(data + bit / 8) << bit % 8;
+        for (unsigned j = 0; j < group; j++, word <<= width)
+            take(word >> (64 - width));
+    }
+}
+
+template <unsigned width, bool whole>
 void unzip_groups(stream_t &stream, const symbols_t &symbols, decoded_t &dst)
 {
     const uint8_t *data = stream.data;
@@ -227,14 +242,11 @@ void unzip_groups(stream_t &stream, const symbols_t &symbols, decoded_t &dst)
     uint8_t *to = dst.start + dst.size;
     while (const uint64_t groups = safe_codewords<width>(stream, dst) / group) {
         uint8_t *start = to;
-        for (uint64_t i = 0; i < groups; i++, bit += group * width) {
-            uint64_t word = kel_load_be<uint64_t>(data + bit / 8) << bit % 8;
-            for (unsigned j = 0; j < group; j++, word <<= width) {
-                const uint64_t code = word >> (64 - width);
+        for (uint64_t i = 0; i < groups; i++, bit += group * width)
+            take_group<width, whole>(data, bit, [&](uint64_t code) {
                 memcpy(to, &symbols.bytes[code], kel_max_symbol_bytes);
                 to += symbols.width[code];
-            }
-        }
+            });
         stream.wanted -= to - start;
         stream.codewords -= group * groups;
         dst.size += static_cast<uint64_t>(to - start);
@@ -245,11 +257,22 @@ void unzip_groups(stream_t &stream, const symbols_t &symbols, decoded_t &dst)
 template <size_t... widths>
 constexpr auto make_bulk_table(std::index_sequence<widths...>)
 {
-    return std::array{unzip_groups<widths + 1>...};
+    return std::array{unzip_groups<widths + 1, false>...};
 }
 
 // By the width of a codeword, less 1.
 constexpr auto bulk_table = make_bulk_table(std::make_index_sequence<widest_code>());
+
+void unzip_bulk(stream_t &stream, const symbols_t &symbols, decoded_t &dst)
+{
+    const bool whole = stream.bit % 8 == 0;
+    if (whole && stream.code_width == 8)
+        unzip_groups<8, true>(stream, symbols, dst);
+    else if (whole && stream.code_width == 4)
+        unzip_groups<4, true>(stream, symbols, dst);
+    else
+        bulk_table[stream.code_width - 1](stream, symbols, dst);
+}
 
 } // namespace
 
@@ -265,7 +288,7 @@ kel_status_t kel_unzip(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t
             return KEL_EDATAFMT;
         const symbols_t symbols(codec);
         if (!extra && symbols.sound && stream.code_width > 0)
-            bulk_table[stream.code_width - 1](stream, symbols, decoded);
+            unzip_bulk(stream, symbols, decoded);
         const kel_status_t status = unzip_codewords(stream, symbols, extra, decoded);
         if (status != KEL_SUCCESS)
             return status;
