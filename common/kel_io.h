@@ -32,6 +32,18 @@ inline uint64_t revbytes64(uint64_t word)
     return __builtin_bswap64(word);
 }
 
+// The order of a word's bits reversed.
+inline uint64_t reverse_bits(uint64_t word)
+{
+    const auto swap = [&](unsigned distance, uint64_t low) {
+        word = (word & low) << distance | (word >> distance & low);
+    };
+    swap(1, 0x5555555555555555);
+    swap(2, 0x3333333333333333);
+    swap(4, 0x0f0f0f0f0f0f0f0f);
+    return revbytes64(word);
+}
+
 inline uint32_t revbytes32(uint32_t word)
 {
     return __builtin_bswap32(word);

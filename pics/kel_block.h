@@ -127,6 +127,49 @@ using element_blocks_t = void (*)(const uint8_t *data, const fields_t &fields, u
 element_blocks_t portable_element_blocks(const fields_t &fields, uint64_t bytes);
 element_blocks_t avx2_element_blocks(const fields_t &fields, uint64_t bytes);
 
+// ---- Compaction -----------------------------------------------------------------------------------------------------
+//
+// What is left of 64 elements: those whose mask bit is set, the first element's bit on top. Answers the end of what was
+// written. Vector forms need room for compaction_room elements, and read as many; what they leave behind the end is to be
+// written over, or put back.
+
+// The indexes of the elements, from that of the first one on, as big-endian entries.
+using index_block_t = uint8_t *(*)(uint64_t mask, uint64_t index, uint8_t *to);
+// The elements at from, all of which are read.
+using pick_block_t = uint8_t *(*)(const uint8_t *from, uint64_t mask, uint8_t *to);
+
+// As above. bytes: of an entry, 2 or 4; of an element, 1, 2, 4, 8 or 16.
+index_block_t portable_index_block(uint64_t bytes);
+index_block_t avx2_index_block(uint64_t bytes);
+pick_block_t portable_pick_block(uint64_t bytes);
+pick_block_t avx2_pick_block(uint64_t bytes);
+
+constexpr unsigned compaction_room = block_elements + 8;
+
+// Keeps what stands behind the end of some compactions, below a limit, and puts it back.
+class kept_bytes
+{
+  public:
+    kept_bytes(uint8_t *end, const void *limit) : place(end)
+    {
+        if (end < limit)
+            size = std::min<size_t>(sizeof kept, static_cast<size_t>(static_cast<const uint8_t *>(limit) - end));
+        memcpy(kept, place, size);
+    }
+
+    ~kept_bytes()
+    {
+        memcpy(place, kept, size);
+    }
+
+    kept_bytes(const kept_bytes &) = delete;
+
+  private:
+    uint8_t *const place;
+    size_t size = 0;
+    uint8_t kept[8 * 8]; // elements of up to 8 bytes
+};
+
 // ---- The choice -----------------------------------------------------------------------------------------------------
 //
 // The first producer that there is, from the widest vectors down.
@@ -136,6 +179,18 @@ mask_blocks_t<Test> choose_mask_blocks(const fields_t &fields, const Test &test)
 {
     const mask_blocks_t<Test> vector = avx2_mask_blocks(fields, test);
     return vector ? vector : portable_mask_blocks(fields, test);
+}
+
+inline index_block_t choose_index_block(uint64_t bytes)
+{
+    const index_block_t vector = avx2_index_block(bytes);
+    return vector ? vector : portable_index_block(bytes);
+}
+
+inline pick_block_t choose_pick_block(uint64_t bytes)
+{
+    const pick_block_t vector = avx2_pick_block(bytes);
+    return vector ? vector : portable_pick_block(bytes);
 }
 
 inline element_blocks_t choose_element_blocks(const fields_t &fields, uint64_t bytes)

@@ -255,27 +255,6 @@ inline kel_status_t extract_blocks(const move_t &move)
     return finish(move, to, overflow ? KEL_EOVERFLOW : KEL_SUCCESS, {moved, moved + overflow, 0});
 }
 
-// The order of a word's bits reversed.
-inline uint64_t reverse_bits(uint64_t word)
-{
-    const auto swap = [&](unsigned distance, uint64_t low) {
-        word = (word & low) << distance | (word >> distance & low);
-    };
-    swap(1, 0x5555555555555555);
-    swap(2, 0x3333333333333333);
-    swap(4, 0x0f0f0f0f0f0f0f0f);
-    return revbytes64(word);
-}
-
-// Copies the elements whose bits are set, the first on top, and answers where the next one goes.
-template <unsigned bytes>
-inline uint8_t *compress(const uint8_t *from, uint64_t mask, uint8_t *to)
-{
-    for (uint64_t left = reverse_bits(mask); left != 0; left &= left - 1, to += bytes)
-        memcpy(to, from + bytes * static_cast<unsigned>(std::countr_zero(left)), bytes);
-    return to;
-}
-
 // A block that may fill the destination: the test for that comes before every element.
 template <unsigned bytes>
 kel_status_t select_elements(const uint8_t *from, uint64_t mask, uint64_t elements, uint64_t room, uint8_t *&to,
@@ -294,31 +273,53 @@ kel_status_t select_elements(const uint8_t *from, uint64_t mask, uint64_t elemen
     return KEL_SUCCESS;
 }
 
+// The blocks of some mask words, of so many elements.
+template <unsigned bytes, class Source>
+kel_status_t select_batch(Source &source, const uint64_t *masks, uint64_t elements, byte_sink &sink, uint8_t *&to,
+                          progress_t &progress)
+{
+    const pick_block_t fast = choose_pick_block(bytes), safe = portable_pick_block(bytes);
+    for (; elements > 0; masks++) {
+        const uint64_t in_block = std::min<uint64_t>(elements, block_elements);
+        const uint64_t ones = popc_words(masks, 1);
+        elements -= in_block;
+        if (progress.count + ones >= sink.room) {
+            if (select_elements<bytes>(source.next(in_block), *masks, in_block, sink.room, to, progress) != KEL_SUCCESS)
+                return KEL_EOVERFLOW;
+            continue;
+        }
+        const bool roomy = in_block == block_elements && progress.count + compaction_room < sink.room;
+        if (ones == 0)
+            source.skip(in_block);
+        else if (ones == block_elements)
+            to = static_cast<uint8_t *>(memcpy(to, source.next(in_block), bytes * block_elements)) + bytes * ones;
+        else
+            to = (roomy ? fast : safe)(source.next(in_block), *masks, to);
+        progress.stored += in_block;
+        progress.processed += in_block;
+        progress.count += ones;
+    }
+    return KEL_SUCCESS;
+}
+
 template <unsigned bytes, class Source>
 kel_status_t select_from(const move_t &move, Source source)
 {
     byte_sink sink(move.dst, bytes);
-    stream_words masks(move.mask->data, mask_offset(move.mask));
+    stream_words words(move.mask->data, mask_offset(move.mask));
     auto *to = static_cast<uint8_t *>(move.dst->data);
     progress_t progress;
     kel_status_t status = KEL_SUCCESS;
-    while (progress.stored < move.src->elements && status == KEL_SUCCESS) {
-        const uint64_t elements = std::min<uint64_t>(move.src->elements - progress.stored, block_elements);
-        const uint64_t mask = masks.next(elements) & ~uint64_t{0} << (block_elements - elements);
-        const uint64_t ones = popc_words(&mask, 1);
-        if (progress.count + ones >= sink.room) {
-            status = select_elements<bytes>(source.next(elements), mask, elements, sink.room, to, progress);
-            continue;
+    for (uint64_t left = move.src->elements; left > 0 && status == KEL_SUCCESS;) {
+        uint64_t masks[block_batch];
+        size_t n = 0;
+        uint64_t elements = 0;
+        for (uint64_t in_block; left > 0 && n < block_batch; elements += in_block, left -= in_block) {
+            in_block = std::min<uint64_t>(left, block_elements);
+            masks[n++] = words.next(in_block) & ~uint64_t{0} << (block_elements - in_block);
         }
-        if (ones == 0)
-            source.skip(elements);
-        else if (ones == block_elements)
-            to = static_cast<uint8_t *>(memcpy(to, source.next(elements), bytes * block_elements)) + bytes * ones;
-        else
-            to = compress<bytes>(source.next(elements), mask, to);
-        progress.stored += elements;
-        progress.processed += elements;
-        progress.count += ones;
+        const kept_bytes behind(to + popc_words(masks, n) * bytes, sink.end);
+        status = select_batch<bytes>(source, masks, elements, sink, to, progress);
     }
     sink.written(progress.count);
     return finish(move, sink, status, progress);

@@ -7,6 +7,7 @@
 // destination may run over by what the writer still holds.
 #pragma once
 
+#include "kel_block.h"
 #include "kel_emulate_subr.h"
 #include <algorithm>
 #include <bit>
@@ -75,6 +76,15 @@ class bit_sink : public sink
         out.cache_bits = held % 64;
         out.cache = kel_load_be<uint64_t>(last) & ~(~uint64_t{0} >> out.cache_bits);
         return true;
+    }
+
+    // What has to be kept while mask words with so many matches are put: nothing.
+    struct keeper {
+    };
+
+    keeper keep(uint64_t)
+    {
+        return {};
     }
 
     bool put_block(uint64_t mask, uint64_t elements)
@@ -180,19 +190,20 @@ class entry_sink : public index_sink
   public:
     using index_sink::index_sink;
 
+    // Keeps what stands behind the entries of so many matches, until their mask words are put.
+    kept_bytes keep(uint64_t matches)
+    {
+        return {reinterpret_cast<uint8_t *>(out.buf) + out.cache_bits / 8 + matches * sizeof(Entry), end};
+    }
+
     bool put_block(uint64_t mask, uint64_t elements)
     {
         if (!fits(64))
             return false;
         if (mask != 0) {
             auto *start = reinterpret_cast<uint8_t *>(out.buf);
-            uint8_t *next = begin(start);
-            for (; mask != 0; next += sizeof(Entry)) {
-                const auto first = static_cast<unsigned>(std::countl_zero(mask));
-                kel_store_be(next, static_cast<Entry>(index + first));
-                mask &= ~(uint64_t{1} << 63 >> first);
-            }
-            reload(start, next);
+            const index_block_t put_indexes = fits(compaction_room) ? fast : portable_index_block(sizeof(Entry));
+            reload(start, put_indexes(mask, index, begin(start)));
         }
         index += elements;
         return true;
@@ -220,6 +231,8 @@ class entry_sink : public index_sink
     }
 
   private:
+    const index_block_t fast = choose_index_block(sizeof(Entry));
+
     // Whether the indexes of so many elements have room, and fit in entries.
     bool fits(uint64_t elements) const
     {

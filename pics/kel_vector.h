@@ -19,14 +19,14 @@
 #define KEL_HAVE_AVX2_UNITS 1
 #include <immintrin.h>
 
-#define KEL_AVX2 __attribute__((target("avx2,bmi2")))
+#define KEL_AVX2 __attribute__((target("avx2,bmi2,popcnt")))
 
 namespace
 {
 
 inline bool kel_have_avx2()
 {
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2");
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2") && __builtin_cpu_supports("popcnt");
 }
 
 // ---- Lanes ----------------------------------------------------------------------------------------------------------

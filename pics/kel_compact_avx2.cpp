@@ -1,0 +1,166 @@
+// Compaction for AVX2: eight elements at a time, stored at once, the next ones over what was not wanted of them.
+#include "kel_vector.h"
+
+#if KEL_HAVE_AVX2_UNITS
+
+namespace
+{
+
+// The places of the set bits of a byte, a byte for each, the lowest first; behind them zeros.
+KEL_AVX2 inline __m128i set_places(uint64_t byte)
+{
+    const uint64_t chosen = _pdep_u64(byte, 0x0101010101010101) * 0xff;
+    return _mm_cvtsi64_si128(static_cast<int64_t>(_pext_u64(0x0706050403020100, chosen)));
+}
+
+// Calls put(places, count, i) for the groups of so many elements that a mask has, the first of a group being i. Where few
+// bits are set, others are passed over.
+template <unsigned elements, class Put>
+KEL_AVX2 inline void for_each_group(uint64_t mask, const Put &put)
+{
+    constexpr uint64_t few = 12;
+    uint64_t left = reverse_bits(mask);
+    if (static_cast<uint64_t>(_mm_popcnt_u64(mask)) <= few) {
+        for (; left != 0; left &= left - 1)
+            put(_mm_cvtsi32_si128(0), 1, static_cast<unsigned>(std::countr_zero(left)));
+        return;
+    }
+    for (unsigned i = 0; i < block_elements; i += elements, left >>= elements) {
+        const uint64_t chosen = left & ((1u << elements) - 1);
+        put(set_places(chosen), static_cast<unsigned>(_mm_popcnt_u64(chosen)), i);
+    }
+}
+
+// ---- Indexes --------------------------------------------------------------------------------------------------------
+
+struct entries_of_two {
+    static constexpr unsigned bytes = 2;
+
+    KEL_AVX2 static void store(__m128i places, uint64_t index, uint8_t *to)
+    {
+        const __m128i entries = _mm_add_epi16(_mm_cvtepu8_epi16(places), _mm_set1_epi16(static_cast<int16_t>(index)));
+        const __m128i swapped = lane_bytes<16>([](unsigned i, unsigned lane) { return lane + 1 - i; });
+        _mm_storeu_si128(reinterpret_cast<__m128i_u *>(to), _mm_shuffle_epi8(entries, swapped));
+    }
+};
+
+struct entries_of_four {
+    static constexpr unsigned bytes = 4;
+
+    KEL_AVX2 static void store(__m128i places, uint64_t index, uint8_t *to)
+    {
+        const __m256i entries =
+            _mm256_add_epi32(_mm256_cvtepu8_epi32(places), _mm256_set1_epi32(static_cast<int32_t>(index)));
+        _mm256_storeu_si256(reinterpret_cast<__m256i_u *>(to), swap_bytes<32>(entries));
+    }
+};
+
+template <class Entries>
+KEL_AVX2 uint8_t *index_block(uint64_t mask, uint64_t index, uint8_t *to)
+{
+    for_each_group<8>(mask, [&](__m128i places, unsigned count, unsigned i) KEL_AVX2 {
+        Entries::store(places, index + i, to);
+        to += Entries::bytes * count;
+    });
+    return to;
+}
+
+// ---- Elements -------------------------------------------------------------------------------------------------------
+
+// Each picks some of the first elements at from.
+struct bytes_of_eight {
+    static constexpr unsigned bytes = 1, elements = 8;
+
+    KEL_AVX2 static void pick(const uint8_t *from, __m128i places, uint8_t *to)
+    {
+        const __m128i all = _mm_loadl_epi64(reinterpret_cast<const __m128i_u *>(from));
+        _mm_storel_epi64(reinterpret_cast<__m128i_u *>(to), _mm_shuffle_epi8(all, places));
+    }
+};
+
+struct pairs_of_eight {
+    static constexpr unsigned bytes = 2, elements = 8;
+
+    KEL_AVX2 static void pick(const uint8_t *from, __m128i places, uint8_t *to)
+    {
+        const __m128i all = _mm_loadu_si128(reinterpret_cast<const __m128i_u *>(from));
+        const __m128i twice = _mm_mullo_epi16(_mm_cvtepu8_epi16(places), _mm_set1_epi16(0x0202));
+        const __m128i both = _mm_add_epi16(twice, _mm_set1_epi16(0x0100));
+        _mm_storeu_si128(reinterpret_cast<__m128i_u *>(to), _mm_shuffle_epi8(all, both));
+    }
+};
+
+struct fours_of_eight {
+    static constexpr unsigned bytes = 4, elements = 8;
+
+    KEL_AVX2 static void pick(const uint8_t *from, __m128i places, uint8_t *to)
+    {
+        const __m256i all = _mm256_loadu_si256(reinterpret_cast<const __m256i_u *>(from));
+        const __m256i picked = _mm256_permutevar8x32_epi32(all, _mm256_cvtepu8_epi32(places));
+        _mm256_storeu_si256(reinterpret_cast<__m256i_u *>(to), picked);
+    }
+};
+
+struct eights_of_four {
+    static constexpr unsigned bytes = 8, elements = 4;
+
+    KEL_AVX2 static void pick(const uint8_t *from, __m128i places, uint8_t *to)
+    {
+        const __m256i all = _mm256_loadu_si256(reinterpret_cast<const __m256i_u *>(from));
+        const __m256i twice = _mm256_slli_epi64(_mm256_cvtepu8_epi64(places), 1);
+        const __m256i next = _mm256_add_epi64(_mm256_slli_epi64(twice, 32), _mm256_set1_epi64x(int64_t{1} << 32));
+        const __m256i picked = _mm256_permutevar8x32_epi32(all, _mm256_or_si256(twice, next));
+        _mm256_storeu_si256(reinterpret_cast<__m256i_u *>(to), picked);
+    }
+};
+
+template <class Elements>
+KEL_AVX2 uint8_t *pick_block(const uint8_t *from, uint64_t mask, uint8_t *to)
+{
+    for_each_group<Elements::elements>(mask, [&](__m128i places, unsigned count, unsigned i) KEL_AVX2 {
+        Elements::pick(from + Elements::bytes * i, places, to);
+        to += Elements::bytes * count;
+    });
+    return to;
+}
+
+} // namespace
+
+index_block_t avx2_index_block(uint64_t bytes)
+{
+    if (!kel_have_avx2())
+        return nullptr;
+    return bytes == 2 ? index_block<entries_of_two> : index_block<entries_of_four>;
+}
+
+pick_block_t avx2_pick_block(uint64_t bytes)
+{
+    if (!kel_have_avx2())
+        return nullptr;
+    switch (bytes) {
+    case 1:
+        return pick_block<bytes_of_eight>;
+    case 2:
+        return pick_block<pairs_of_eight>;
+    case 4:
+        return pick_block<fours_of_eight>;
+    case 8:
+        return pick_block<eights_of_four>;
+    default:
+        return nullptr;
+    }
+}
+
+#else
+
+index_block_t avx2_index_block(uint64_t)
+{
+    return nullptr;
+}
+
+pick_block_t avx2_pick_block(uint64_t)
+{
+    return nullptr;
+}
+
+#endif
