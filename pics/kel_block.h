@@ -130,8 +130,8 @@ element_blocks_t avx2_element_blocks(const fields_t &fields, uint64_t bytes);
 // ---- Compaction -----------------------------------------------------------------------------------------------------
 //
 // What is left of 64 elements: those whose mask bit is set, the first element's bit on top. Answers the end of what was
-// written. Vector forms need room for compaction_room elements, and read as many; what they leave behind the end is to be
-// written over, or put back.
+// written. Vector forms need room for compaction_room elements; what they leave behind the end is to be written over, or
+// put back.
 
 // The indexes of the elements, from that of the first one on, as big-endian entries.
 using index_block_t = uint8_t *(*)(uint64_t mask, uint64_t index, uint8_t *to);

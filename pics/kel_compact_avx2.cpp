@@ -13,18 +13,18 @@ KEL_AVX2 inline __m128i set_places(uint64_t byte)
     return _mm_cvtsi64_si128(static_cast<int64_t>(_pext_u64(0x0706050403020100, chosen)));
 }
 
-// Calls put(places, count, i) for the groups of so many elements that a mask has, the first of a group being i. Where few
-// bits are set, others are passed over.
+// Whether a mask has so few bits that a step for each is faster.
+KEL_AVX2 inline bool few_set(uint64_t mask)
+{
+    constexpr uint64_t few = 12;
+    return static_cast<uint64_t>(_mm_popcnt_u64(mask)) <= few;
+}
+
+// Calls put(places, count, i) for the groups of so many elements of a block, the first element of a group being i.
 template <unsigned elements, class Put>
 KEL_AVX2 inline void for_each_group(uint64_t mask, const Put &put)
 {
-    constexpr uint64_t few = 12;
     uint64_t left = reverse_bits(mask);
-    if (static_cast<uint64_t>(_mm_popcnt_u64(mask)) <= few) {
-        for (; left != 0; left &= left - 1)
-            put(_mm_cvtsi32_si128(0), 1, static_cast<unsigned>(std::countr_zero(left)));
-        return;
-    }
     for (unsigned i = 0; i < block_elements; i += elements, left >>= elements) {
         const uint64_t chosen = left & ((1u << elements) - 1);
         put(set_places(chosen), static_cast<unsigned>(_mm_popcnt_u64(chosen)), i);
@@ -58,6 +58,8 @@ struct entries_of_four {
 template <class Entries>
 KEL_AVX2 uint8_t *index_block(uint64_t mask, uint64_t index, uint8_t *to)
 {
+    if (few_set(mask))
+        return portable_index_block(Entries::bytes)(mask, index, to);
     for_each_group<8>(mask, [&](__m128i places, unsigned count, unsigned i) KEL_AVX2 {
         Entries::store(places, index + i, to);
         to += Entries::bytes * count;
@@ -117,6 +119,8 @@ struct eights_of_four {
 template <class Elements>
 KEL_AVX2 uint8_t *pick_block(const uint8_t *from, uint64_t mask, uint8_t *to)
 {
+    if (few_set(mask))
+        return portable_pick_block(Elements::bytes)(from, mask, to);
     for_each_group<Elements::elements>(mask, [&](__m128i places, unsigned count, unsigned i) KEL_AVX2 {
         Elements::pick(from + Elements::bytes * i, places, to);
         to += Elements::bytes * count;
