@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
-"""chart.py RESULTS PAGE CHART: puts the table of a benchmark run into a page, between its markers; draws its chart."""
+"""chart.py PAGE CHART RESULTS...: puts the table of benchmark runs, the best of each row, into a page, between its
+markers, and draws its chart."""
 
 import json
 import math
 import sys
 from html import escape
+from pathlib import Path
 
 MARKERS = ("<!-- table -->\n", "<!-- end of the table -->\n")
 OUT_OF_CACHE = 1_000_000  # elements, and more
@@ -14,18 +16,36 @@ WIDTH, LABELS, RIGHT, LINE = 900, 330, 70, 17
 AXIS = (0.1, 200)  # elements per ns, logarithmic
 
 
-def load(path):
+def key(row):
+    return row["operation"], row["shape"], row["elements"], row["by"]
+
+
+def best(runs):
+    """One run's rows with the best times of all: of the row, of its limit and of the portable kernels."""
+    rows = runs[0]
+    for row in rows:
+        same = [other for run in runs for other in run if key(other) == key(row)]
+        if row["ratio"]:
+            portable = min(other["ratio"] * other["ns"] for other in same)
+            row["ratio"] = portable / min(other["ns"] for other in same)
+        row["ns"] = min(other["ns"] for other in same)
+        for rate in ("elements_per_ns", "gb_per_s", "limit_gb_per_s"):
+            row[rate] = max((other[rate] for other in same if other[rate]), default=None)
+        if row["limit"]:
+            row["share"] = row["gb_per_s"] / row["limit_gb_per_s"]
+    return rows
+
+
+def load(paths):
     """The library's rows, each with the rates of the portable kernels and of the plain loop."""
-    with open(path, encoding="utf-8") as file:
-        rows = json.load(file)
-    key = lambda row: (row["operation"], row["shape"], row["elements"])
-    plain = {key(row): row["elements_per_ns"] for row in rows if row["by"] == "plain loop"}
+    rows = best([json.loads(Path(path).read_text(encoding="utf-8")) for path in paths])
+    plain = {key(row)[:3]: row["elements_per_ns"] for row in rows if row["by"] == "plain loop"}
     own = [row for row in rows if row["by"] == "libkel"]
     for row in own:
         rate, ratio = row["elements_per_ns"], row["ratio"]
         row["rates"] = {
             "portable kernels": rate / ratio if rate and ratio else None,
-            "plain loop": plain.get(key(row)),
+            "plain loop": plain.get(key(row)[:3]),
             "libkel": rate,
         }
     return own
@@ -169,7 +189,7 @@ def chart(rows):
 
 
 def main():
-    results, page, picture = sys.argv[1:]
+    page, picture, *results = sys.argv[1:]
     rows = load(results)
     rewrite(page, table(rows))
     with open(picture, "w", encoding="utf-8") as file:
