@@ -31,7 +31,7 @@ def best(runs):
         row["ns"] = min(other["ns"] for other in same)
         for rate in ("elements_per_ns", "gb_per_s", "limit_gb_per_s"):
             row[rate] = max((other[rate] for other in same if other[rate]), default=None)
-        if row["limit"]:
+        if row["limit_gb_per_s"]:
             row["share"] = row["gb_per_s"] / row["limit_gb_per_s"]
     return rows
 
