@@ -161,6 +161,7 @@ kel_status_t with_plain_source(kernel_t &kernel, kel_type_t type, kel_fmt_t fmt,
     kernel.src = &plain;
     const uint64_t decoded = size - kel_unzip_room;
     status = expansion_suffices(&plain, type, fmt, decoded) ? run() : KEL_EDATAFMT;
+    kernel.src = src;
     kel_free(kernel.ctx, plain.data, size);
     return status;
 }
