@@ -1,0 +1,305 @@
+/**
+ * @file
+ * A thin face of kel.h for C++20: owners of what the library hands out, columns that own their buffers, ranges instead
+ * of pointers and counts, names of statuses.
+ *
+ * There is no second interface: owners and columns convert to what the calls of kel.h take, and results stay statuses.
+ * Nothing throws. Only the functions that make a column allocate, and only its buffers.
+ */
+#ifndef KEL_HPP
+#define KEL_HPP
+
+#include <algorithm>
+#include <array>
+#include <concepts>
+#include <cstdlib>
+#include <cstring>
+#include <kel.h>
+#include <kel_pack.h>
+#include <memory>
+#include <ranges>
+#include <span>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace kel
+{
+
+/** The word of a status, without its prefix: "EINVAL". */
+constexpr const char *name(kel_status_t status) noexcept
+{
+    constexpr std::array<const char *, 22> names = {
+        "SUCCESS", "EINTERNAL", "EINVAL",    "EPARSE",  "EDATAFMT",  "EOVERFLOW", "ENOMEM",  "EADI",
+        "ETHREAD", "EBUSY",     "ENOACCESS", "EBADVER", "ENODEV",    "ECANCEL",   "EQEMPTY", "EQFULL",
+        "ESERIAL", "ENOMATCH",  "EZIP",      "EPIPE",   "EDATASIZE", "ENOTIMPL"};
+    const int64_t at = -static_cast<int64_t>(status);
+    return at >= 0 && at < static_cast<int64_t>(names.size()) ? names[static_cast<size_t>(at)] : "an unknown status";
+}
+
+/**
+ * @defgroup cpp_owners Owners
+ * @{
+ */
+
+/** A unique_ptr that the calls of kel.h take as it is. Release it on the thread of its context. */
+template <class T, class Release>
+struct owner : std::unique_ptr<T, Release> {
+    using std::unique_ptr<T, Release>::unique_ptr;
+
+    /** What the calls of kel.h take. */
+    operator T *() const noexcept
+    {
+        return this->get();
+    }
+};
+
+/** Closes a context. */
+struct close_context {
+    /** The deleter of an owner. */
+    void operator()(kel_context_t *ctx) const noexcept
+    {
+        kel_thread_fini(ctx);
+    }
+};
+/** An open context. */
+using context = owner<kel_context_t, close_context>;
+
+/** Destroys a queue. */
+struct destroy_queue {
+    /** The deleter of an owner. */
+    void operator()(kel_queue_t *queue) const noexcept
+    {
+        kel_queue_destroy(queue);
+    }
+};
+/** A queue. */
+using queue = owner<kel_queue_t, destroy_queue>;
+
+/** Releases a codec. */
+struct free_codec {
+    kel_context_t *ctx; /**< the one that made the codec; it outlives it */
+
+    /** The deleter of an owner. */
+    void operator()(kel_zip_t *codec) const noexcept
+    {
+        kel_zip_free(ctx, codec);
+    }
+};
+/** A codec, such as kel_zip makes. */
+using codec = owner<kel_zip_t, free_codec>;
+
+/** Opens a context for the calling thread (kel_thread_init). Null after a failure, which status tells. */
+inline context open(uint32_t major = 2, const kel_init_options_t *allocator = nullptr,
+                    kel_status_t *status = nullptr) noexcept
+{
+    kel_context_t *ctx = nullptr;
+    const kel_status_t opened = kel_thread_init(major, 1, allocator ? KEL_ALLOC : 0, allocator, &ctx);
+    if (status)
+        *status = opened;
+    return context(ctx);
+}
+
+/** A queue for some requests (kel_queue_create). Null after a failure. */
+inline queue make_queue(kel_context_t *ctx, int requests) noexcept
+{
+    kel_queue_t *made = nullptr;
+    kel_queue_create(ctx, requests, &made);
+    return queue(made);
+}
+
+/** @} */
+
+/**
+ * @defgroup cpp_values Values
+ * @{
+ */
+
+/** A number to compare elements of this width in bits with, up to 64. */
+constexpr kel_int_t value(uint64_t number, uint32_t bits) noexcept
+{
+    return {KEL_BITS, bits, {0, 0, number}};
+}
+
+/** A text of 1 to 16 bytes to compare texts with; of a longer one the first 16 bytes, of an empty one a zero byte. */
+constexpr kel_int_t value(std::string_view text) noexcept
+{
+    text = text.substr(0, 16);
+    kel_int_t made = {KEL_BYTES, text.empty() ? 1 : static_cast<uint32_t>(text.size()), {}};
+    for (const char letter : text) {
+        made.dword[1] = made.dword[1] << 8 | made.dword[2] >> 56;
+        made.dword[2] = made.dword[2] << 8 | static_cast<uint8_t>(letter);
+    }
+    return made;
+}
+
+/** @} */
+
+/**
+ * @defgroup cpp_columns Columns
+ * @{
+ */
+
+/** Arrays of the host's integers: vectors, arrays, spans. */
+template <class Values>
+concept integers = std::ranges::contiguous_range<Values> && std::integral<std::ranges::range_value_t<Values>>;
+
+/** A vector that owns its buffers. They are zeroed, with the alignment and the room of a destination, so that a column
+ * serves as a source and as a destination. The calls of kel.h take a column as it is; the fields of vec may be changed.
+ * One without memory has no data and is false. */
+class column
+{
+  public:
+    /** One without data. */
+    column() noexcept = default;
+
+    /** Takes the buffers over; other is left without data. */
+    column(column &&other) noexcept
+        : vec(std::exchange(other.vec, {})), data(std::move(other.data)), aux(std::move(other.aux)),
+          text_size(std::exchange(other.text_size, 0))
+    {
+    }
+
+    /** Takes the buffers over, and releases those that it had. */
+    column &operator=(column &&other) noexcept
+    {
+        column moved(std::move(other));
+        std::swap(vec, moved.vec);
+        std::swap(data, moved.data);
+        std::swap(aux, moved.aux);
+        std::swap(text_size, moved.text_size);
+        return *this;
+    }
+
+    /** Elements of width bits. */
+    static column bits(uint64_t elements, uint32_t width) noexcept
+    {
+        return {KEL_BITS, elements, width, 0, elements};
+    }
+
+    /** Elements of width bytes. */
+    static column bytes(uint64_t elements, uint32_t width) noexcept
+    {
+        return {KEL_BYTES, elements, width, 0, elements};
+    }
+
+    /** Room for this many runs of elements of bits; a run is up to 256 long. See pack_runs. */
+    static column runs(uint64_t elements, uint32_t width) noexcept
+    {
+        return {KEL_BITS | KEL_RLE | KEL_ADD_ONE, elements, width, 8, elements};
+    }
+
+    /** Room for this many texts of 1 to 16 bytes, of data_size bytes together. See append. */
+    static column texts(uint64_t elements, uint64_t data_size) noexcept
+    {
+        column made(KEL_VAR | KEL_ADD_ONE, elements, 1, 4, data_size);
+        made.vec.elements = 0;
+        return made;
+    }
+
+    /** A column of the least width that holds all values less base. */
+    template <integers Values>
+    static column packed(const Values &values, std::ranges::range_value_t<Values> base = 0) noexcept
+    {
+        using number = std::make_unsigned_t<std::ranges::range_value_t<Values>>;
+        number greatest = 0;
+        for (const auto value : values)
+            greatest = std::max(greatest, static_cast<number>(static_cast<number>(value) - static_cast<number>(base)));
+        column made = bits(std::ranges::size(values), kel_width_for(greatest));
+        if (made)
+            made.pack(values, base);
+        return made;
+    }
+
+    /** Packs values into the elements from number first on: kel_pack. */
+    template <integers Values>
+    kel_status_t pack(const Values &values, std::ranges::range_value_t<Values> base = 0, uint64_t first = 0) noexcept
+    {
+        const std::span all(values);
+        return kel_pack(&vec, first, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base));
+    }
+
+    /** Reads as many elements as values has, from number first on: kel_unpack. */
+    template <integers Values>
+    kel_status_t unpack(Values &&values, std::ranges::range_value_t<Values> base = 0, uint64_t first = 0) const noexcept
+    {
+        const std::span all(values);
+        return kel_unpack(&vec, first, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base));
+    }
+
+    /** Packs values as runs; vec.elements becomes their number: kel_pack_runs. */
+    template <integers Values>
+    kel_status_t pack_runs(const Values &values, std::ranges::range_value_t<Values> base = 0) noexcept
+    {
+        const std::span all(values);
+        return kel_pack_runs(&vec, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base));
+    }
+
+    /** Appends a text: kel_append_text. */
+    kel_status_t append(std::string_view text) noexcept
+    {
+        return kel_append_text(&vec, &text_size, text.data(), text.size());
+    }
+
+    /** The text in element number at of a column of bytes: kel_text_at. */
+    std::string_view text(uint64_t at) const noexcept
+    {
+        const char *first = nullptr;
+        const size_t length = kel_text_at(&vec, at, &first);
+        return {first, length};
+    }
+
+    /** What the calls of kel.h take. */
+    operator const kel_vec_t *() const noexcept
+    {
+        return &vec;
+    }
+
+    /** Whether there is memory. */
+    explicit operator bool() const noexcept
+    {
+        return vec.data != nullptr;
+    }
+
+    kel_vec_t vec = {}; /**< the vector; its buffers are the column's */
+
+  private:
+    struct release {
+        /** The deleter of an owner. */
+        void operator()(void *block) const noexcept
+        {
+            std::free(block);
+        }
+    };
+    using block = std::unique_ptr<void, release>;
+
+    static block allocate(uint64_t elements, uint32_t width) noexcept
+    {
+        const uint64_t size = kel_destination_size(elements, width);
+        block made(std::aligned_alloc(64, size));
+        if (made)
+            std::memset(made.get(), 0, size);
+        return made;
+    }
+
+    column(uint64_t format, uint64_t elements, uint32_t width, uint16_t aux_width, uint64_t data_elements) noexcept
+        : vec{format, elements, nullptr, width, 0, 0, aux_width, nullptr, nullptr, 0}
+    {
+        data = allocate(data_elements, kel_element_bits(&vec));
+        aux = aux_width ? allocate(elements, aux_width) : nullptr;
+        if (data && (aux || !aux_width)) {
+            vec.data = data.get();
+            vec.aux_data = aux.get();
+        }
+    }
+
+    block data;
+    block aux;
+    uint64_t text_size = 0; /**< bytes of all texts */
+};
+
+/** @} */
+
+} // namespace kel
+
+#endif
