@@ -1,20 +1,15 @@
 // Columns packed as the library reads them, and results as it writes them.
 #pragma once
 
-#include <cstdint>
 #include <functional>
-#include <kel.h>
-#include <memory>
+#include <kel.hpp>
 #include <string>
 #include <vector>
 
-struct alignas(64) block_t {
-    uint8_t bytes[64];
-};
-using blocks_t = std::vector<block_t>;
+// Throws std::runtime_error unless the status is a success.
+void check(kel_status_t status, const std::string &call);
 
-// Bits of an element, and bytes of all that a vector names: elements and repeats.
-uint32_t width_bits(const kel_vec_t &vec);
+// Bytes of all that a vector names: elements and repeats.
 size_t packed_bytes(const kel_vec_t &vec);
 
 struct range_t {
@@ -36,7 +31,7 @@ struct dictionary_t {
 
 // A column in two forms. Plain: 4 bytes for each number. Packed, for the library: each number is stored as its distance
 // from the lowest of a range, in the bits that the greatest distance needs, back to back.
-struct column_t {
+struct column_t : kel::column {
     column_t(const std::vector<int32_t> &plain, range_t range);
 
     // Packed as runs of equal numbers: each number once, with a byte that counts its repeats.
@@ -47,11 +42,9 @@ struct column_t {
 
     std::vector<int32_t> plain;
     int64_t lowest;
-    kel_vec_t vec; // the packed form
 
   private:
-    blocks_t elements;
-    blocks_t repeats;
+    column_t(kel::column &&made, const std::vector<int32_t> &plain, range_t range);
 };
 
 // A column of texts of one length: their letters, back to back, compressed by a codec of their own if that pays.
@@ -66,17 +59,20 @@ struct text_column_t {
     size_t packed_bytes; // of all of them, with the codec
 
   private:
-    blocks_t letters;
-    blocks_t codewords;
-    std::unique_ptr<kel_zip_t, std::function<void(kel_zip_t *)>> codec;
+    kel::column letters;
+    kel::column codewords;
+    kel::codec codec;
 };
 
 int32_t text_number(const std::string &text);
 std::string number_text(int64_t number, size_t letters);
 
 // Where an operation writes: a bit for each row, or a list of elements.
-struct result_t {
-    explicit result_t(size_t rows, uint64_t format = KEL_BITS, uint32_t width = 1, int64_t lowest = 0);
+struct result_t : kel::column {
+    explicit result_t(size_t rows);
+
+    // Elements of some bytes.
+    result_t(size_t rows, uint32_t bytes, int64_t lowest = 0);
 
     // For a column's elements, in the 1, 2 or 4 bytes that hold them.
     explicit result_t(const column_t &column);
@@ -84,9 +80,8 @@ struct result_t {
     // A bit, an index, or a number of the column.
     int64_t value(size_t at) const;
 
-    kel_vec_t vec;
-
   private:
-    blocks_t blocks;
+    result_t(kel::column &&made, int64_t lowest);
+
     int64_t lowest;
 };

@@ -16,7 +16,7 @@ struct found_t : result_t {
 
 // What a step reads: a column or a bit vector.
 struct source_t {
-    source_t(const kel_vec_t *vec) : width(width_bits(*vec)), bytes(packed_bytes(*vec)) {}
+    source_t(const kel_vec_t *vec) : width(kel_element_bits(vec)), bytes(packed_bytes(*vec)) {}
     source_t(const text_column_t *column) : width(column->width_bits), bytes(column->packed_bytes) {}
 
     uint32_t width; // bits
@@ -30,9 +30,6 @@ struct step_t {
     std::vector<source_t> sources;
     size_t plain_bytes; // of the plain arrays, for a row
 };
-
-// Throws std::runtime_error unless the status is a success.
-void check(kel_status_t status, const std::string &call);
 
 // Throws std::runtime_error if a bit or an element that the library wrote differs from the plain loop's.
 void check_result(const std::string &name, const result_t &result, uint64_t count, const found_t &found);

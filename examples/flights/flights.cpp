@@ -71,8 +71,8 @@ struct query_t {
     found_t middle{rows}, early{rows}, either{rows}, late{rows}, late_either{rows};
     found_t from_new_york{rows}, late_from_new_york{rows}, not_in_march{rows}, not_march{rows};
     found_t not_to_chicago{rows}, elsewhere{rows}, since_february{rows}, wanted{rows};
-    found_t times{time}, origins{origin}, destinations{rows, KEL_BYTES, 4}, distances{distance}, delays{delay};
-    found_t all_days{day}, days{day}, row_numbers{rows, KEL_BYTES, 4};
+    found_t times{time}, origins{origin}, destinations{rows, 4}, distances{distance}, delays{delay};
+    found_t all_days{day}, days{day}, row_numbers{rows, 4};
 
     // Runs a step that makes a bit vector; match answers for one row.
     template <class Match>
@@ -223,7 +223,7 @@ struct query_t {
     void post_chain() const
     {
         constexpr uint64_t link = KEL_COND | KEL_SERIAL;
-        result_t mask(rows), delay_list(delay), expanded(day), day_list(day), numbers(rows, KEL_BYTES, 4);
+        result_t mask(rows), delay_list(delay), expanded(day), day_list(day), numbers(rows, 4);
         const found_t *expected[] = {&wanted, &delays, &all_days, &days, &row_numbers};
         constexpr int requests = std::size(expected);
         kel_queue_t *queue;

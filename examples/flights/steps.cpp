@@ -8,15 +8,9 @@
 
 constexpr int timed_runs = 25; // the best one counts
 
-void check(kel_status_t status, const std::string &call)
-{
-    if (status != KEL_SUCCESS)
-        throw std::runtime_error(call + " fails with status " + std::to_string(status));
-}
-
 void check_result(const std::string &name, const result_t &result, uint64_t count, const found_t &found)
 {
-    const bool is_list = width_bits(result.vec) > 1;
+    const bool is_list = kel_element_bits(&result.vec) > 1;
     const size_t entries = is_list ? std::min(count, found.count) : found.mask.size();
     size_t same = 0;
     while (same < entries && result.value(same) == (is_list ? found.list[same] : found.mask[same]))
