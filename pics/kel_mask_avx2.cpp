@@ -84,19 +84,24 @@ KEL_AVX2 void interval_blocks(const uint8_t *data, const fields_t &fields, const
 // ---- Bitmaps --------------------------------------------------------------------------------------------------------
 
 // A bitmap of up to 256 bits stands in two registers: a byte of it is picked by an element's upper bits, and from that
-// a bit by its lower ones.
+// a bit by its lower ones. Only its own bytes are read, so blocks with an element behind them are left to portable code,
+// which reads what lies there.
 KEL_AVX2 void small_bitmap_blocks(const uint8_t *data, const fields_t &fields, const bitmap_t &bitmap, uint64_t *masks,
                                   size_t n)
 {
     using loader_t = field_loader<16, true, for_packing>;
     const loader_t loader(fields);
     alignas(32) uint8_t bytes[32] = {};
-    memcpy(bytes, bitmap.data, ((size_t{1} << fields.width) + 7) / 8);
+    const size_t size = std::min<uint64_t>((bitmap.bits + 7) / 8, sizeof bytes);
+    memcpy(bytes, bitmap.data, size);
     const __m256i low = _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(bytes)));
     const __m256i high = _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(bytes + 16)));
     const __m256i bits = _mm256_set1_epi64x(0x0102040810204080);
+    const __m256i last = _mm256_set1_epi8(static_cast<char>(8 * size - 1));
     const uint64_t negated = bitmap.negated ? ~uint64_t{0} : 0;
     for (size_t block = 0; block < n; block++) {
+        const uint8_t *const start = data;
+        __m256i behind = _mm256_setzero_si256();
         uint64_t mask = 0;
         for (unsigned half = 0; half < 2; half++, data += half_elements / 8 * fields.width) {
             const __m256i element = _mm256_packus_epi16(lanes<16>::right(loader.load(data, 0), 16 - fields.width),
@@ -107,8 +112,11 @@ KEL_AVX2 void small_bitmap_blocks(const uint8_t *data, const fields_t &fields, c
             const __m256i bit = _mm256_shuffle_epi8(bits, _mm256_and_si256(element, _mm256_set1_epi8(7)));
             const __m256i hit = _mm256_cmpeq_epi8(_mm256_and_si256(byte, bit), bit);
             mask = mask << 32 | top_bits(backwards(hit));
+            behind = _mm256_or_si256(behind, _mm256_subs_epu8(element, last));
         }
         masks[block] = mask ^ negated;
+        if (!_mm256_testz_si256(behind, behind)) [[unlikely]]
+            portable_mask_blocks(fields, bitmap)(start, fields, bitmap, &masks[block], 1);
     }
 }
 
@@ -164,13 +172,15 @@ mask_blocks_t<predicate_t> avx2_mask_blocks(const fields_t &fields, const predic
                                 : choose_intervals<64>(fields, predicate);
 }
 
-// Bitmaps are read by their aligned words of 4 bytes, those of narrow elements as a whole, which has to be there.
+// Large bitmaps are read by their aligned words of 4 bytes.
 mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &fields, const bitmap_t &bitmap)
 {
-    if (!kel_have_avx2() || reinterpret_cast<uintptr_t>(bitmap.data) % 4 != 0 || fields.width > 32)
+    if (!kel_have_avx2() || fields.width > 32)
         return nullptr;
-    if (fields.width <= 8)
-        return bitmap.bits >> fields.width != 0 ? small_bitmap_blocks : nullptr;
+    if (fields.width <= 8 && bitmap.bits > 0)
+        return small_bitmap_blocks;
+    if (reinterpret_cast<uintptr_t>(bitmap.data) % 4 != 0)
+        return nullptr;
     return narrow_in(fields, 32) ? bitmap_blocks<true> : bitmap_blocks<false>;
 }
 
