@@ -5,7 +5,8 @@ JOBS := $(shell nproc)
 CONFIGURE = cmake --preset release $(CMAKE_FLAGS)
 COMPILE = cmake --build $(BUILD) -j $(JOBS) --target
 
-.PHONY: all demo test bench performance sanitize fuzz install clean tools test-tools bench-tools fuzz-tools chart-tools
+.PHONY: all demo test sanitize tsan fuzz coverage bench performance docs install clean tools \
+    test-tools bench-tools fuzz-tools coverage-tools chart-tools docs-tools
 
 all: tools
 	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=OFF
@@ -22,11 +23,18 @@ test: test-tools
 	$(COMPILE) all
 	ctest --preset release -j $(JOBS)
 
-# The same tests under the address and undefined-behaviour sanitizers.
-sanitize: test-tools
-	cmake --preset sanitize $(CMAKE_FLAGS)
-	cmake --build build/sanitize -j $(JOBS)
-	ctest --preset sanitize -j $(JOBS)
+# The same tests under the address and undefined-behaviour sanitizers, and under the thread sanitizer.
+sanitize tsan: test-tools
+	cmake --preset $@ $(CMAKE_FLAGS)
+	cmake --build build/$@ -j $(JOBS)
+	ctest --preset $@ -j $(JOBS)
+
+# Which lines of the library no test reaches.
+coverage: coverage-tools
+	cmake --preset coverage $(CMAKE_FLAGS)
+	cmake --build build/coverage -j $(JOBS)
+	LLVM_PROFILE_FILE=$(CURDIR)/build/coverage/profiles/%m.profraw ctest --preset coverage -j $(JOBS)
+	tools/coverage.sh build/coverage
 
 # The fuzzers, each for some seconds.
 SECONDS := 60
@@ -57,6 +65,11 @@ performance: chart-tools bench
 	done
 	bench/chart.py docs/performance.md docs/performance.svg $(RESULTS) $(RUNS:%=build/bench%.json)
 
+# The reference: build/release/docs/html/index.html
+docs: docs-tools
+	$(CONFIGURE)
+	$(COMPILE) docs
+
 # To another place: make install PREFIX=/opt/kel (DESTDIR is heeded)
 install: all
 	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))
@@ -67,10 +80,14 @@ clean:
 tools:
 	@tools/need.sh
 test-tools:
-	@tools/need.sh gtest
+	@tools/need.sh gtest client
 bench-tools:
 	@tools/need.sh benchmark
 fuzz-tools:
 	@tools/need.sh gtest fuzz
+coverage-tools:
+	@tools/need.sh gtest coverage
+docs-tools:
+	@tools/need.sh docs
 chart-tools:
 	@tools/need.sh chart

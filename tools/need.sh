@@ -1,5 +1,5 @@
 #!/bin/sh
-# Makes sure that the build tools are there: need.sh [gtest] [benchmark] [lint] [fuzz] [chart]
+# Makes sure that the build tools are there: need.sh [gtest] [client] [benchmark] [lint] [fuzz] [coverage] [trace] [docs] [chart]
 # Installs the missing Debian packages where it may; elsewhere names what is missing and fails.
 set -u
 
@@ -38,6 +38,13 @@ check() {
             need libzstd-dev have_header zstd.h
             ;;
         fuzz) need clang have_fuzzer ;;
+        client) need pkg-config command -v pkg-config ;;
+        coverage)
+            need clang command -v clang++
+            need llvm command -v llvm-cov
+            ;;
+        docs) need doxygen command -v doxygen ;;
+        trace) need gdb command -v gdb && need binutils command -v readelf ;;
         chart) need python3 command -v python3 ;;
         lint) need clang-format command -v clang-format && need clang-tidy command -v clang-tidy ;;
         *) echo "need.sh: what is $extra?" >&2; exit 2 ;;
