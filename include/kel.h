@@ -586,7 +586,8 @@ KEL_API kel_result_t kel_extract(kel_context_t *ctx, uint64_t flags, const kel_v
  * (version 2), up to 2 to the 24th elements. val_width: the low bits of an element that make up its value, at most the
  * element's width; the lookup uses the whole element. KEL_DEBUG_EXTRA tests that val_width is not 0, that the bits
  * above it are zero, that every value lies in the bitmap, and that dst overlaps neither of the others; without it an
- * element past the bitmap reads what lies there. Of the bitmap the byte of each element is read, and its first byte.
+ * element past the bitmap reads what lies there. Of the bitmap the aligned 4 bytes around the bit of each element are
+ * read, and its first 4; for elements of up to 8 bits all bytes.
  * flags: KEL_ONES_INDEX, KEL_INVERT, KEL_CACHE, KEL_NOWAIT.
  *
  * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run of 0; KEL_EOVERFLOW: the destination is full. After the

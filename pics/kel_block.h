@@ -50,6 +50,8 @@ class block_cursor
             loadable--;
     }
 
+    block_cursor(const block_cursor &) = delete; // it may point into itself
+
     const fields_t &shape() const
     {
         return fields;
@@ -70,8 +72,8 @@ class block_cursor
     }
 
   private:
-    // Copies what is left, fewer than two blocks and an overrun, to where there is room behind its end. What follows the
-    // last element is 0, so that a bitmap is not looked at far behind its end for a field that does not exist.
+    // Copies what is left, fewer than two blocks and an overrun, to where there is room behind its end. What follows
+    // the last element is 0, so that a bitmap is not looked at far behind its end for a field that does not exist.
     void copy_rest()
     {
         if (elements == 0)
@@ -118,8 +120,8 @@ mask_blocks_t<bitmap_t> portable_mask_blocks(const fields_t &fields, const bitma
 mask_blocks_t<predicate_t> avx2_mask_blocks(const fields_t &fields, const predicate_t &predicate);
 mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &fields, const bitmap_t &bitmap);
 
-// Makes n blocks of destination elements from those at data: a field is shifted right, which cuts low bits off, then left, and stored in
-// the width that the producer was chosen for.
+// Makes n blocks of destination elements from those at data: a field is shifted right, which cuts low bits off, then
+// left, and stored in the width that the producer was chosen for.
 using element_blocks_t = void (*)(const uint8_t *data, const fields_t &fields, unsigned right, unsigned left, void *to,
                                   size_t n);
 
@@ -130,8 +132,8 @@ element_blocks_t avx2_element_blocks(const fields_t &fields, uint64_t bytes);
 // ---- Compaction -----------------------------------------------------------------------------------------------------
 //
 // What is left of 64 elements: those whose mask bit is set, the first element's bit on top. Answers the end of what was
-// written. Vector forms need room for compaction_room elements; what they leave behind the end is to be written over, or
-// put back.
+// written. Vector forms need room for all 64: they store a group whole, up to 32 bytes behind that end, which is to be
+// written over, or put back.
 
 // The indexes of the elements, from that of the first one on, as big-endian entries.
 using index_block_t = uint8_t *(*)(uint64_t mask, uint64_t index, uint8_t *to);
@@ -143,8 +145,6 @@ index_block_t portable_index_block(uint64_t bytes);
 index_block_t avx2_index_block(uint64_t bytes);
 pick_block_t portable_pick_block(uint64_t bytes);
 pick_block_t avx2_pick_block(uint64_t bytes);
-
-constexpr unsigned compaction_room = block_elements + 8;
 
 // Keeps what stands behind the end of some compactions, below a limit, and puts it back.
 class kept_bytes
@@ -167,7 +167,7 @@ class kept_bytes
   private:
     uint8_t *const place;
     size_t size = 0;
-    uint8_t kept[8 * 8]; // elements of up to 8 bytes
+    uint8_t kept[32]; // a group: eight entries or elements of up to 4 bytes, four elements of 8 bytes
 };
 
 // ---- The choice -----------------------------------------------------------------------------------------------------

@@ -253,8 +253,8 @@ kel_status_t general_kernel(const kernel_t &kernel, sink &to, kel_type_t type, k
 
 // ---- Shapes with faster roads ---------------------------------------------------------------------------------------
 
-// Sources whose stored elements are fields of one width up to 64 bits, at an offset that stays in the first byte, with a
-// length in bits that fits in 64 bits.
+// Sources whose stored elements are fields of one width up to 64 bits, at an offset that stays in the first byte, with
+// a length in bits that fits in 64 bits.
 inline bool plain_fields(const kel_vec_t *src)
 {
     const uint64_t bits = kel_width_bits(src);

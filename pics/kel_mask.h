@@ -1,5 +1,5 @@
 // From plain fields to a sink by blocks: every element is tested, and the mask words go to the sink. Elements are
-// tested a batch at a time, so that some behind one that finds no room any more are tested, too.
+// tested a batch at a time, so that some behind one that ends the kernel are tested, too: a test must bear any element.
 #pragma once
 
 #include "kel_block.h"
@@ -57,7 +57,7 @@ template <class Sink>
 kel_status_t put_blocks(Sink &sink, uint64_t *masks, uint64_t elements, progress_t &progress)
 {
     kel_status_t status = KEL_SUCCESS;
-    [[maybe_unused]] const auto kept = sink.keep(popc_words(masks, (elements + block_elements - 1) / block_elements));
+    [[maybe_unused]] const auto kept = sink.keep(masks, (elements + block_elements - 1) / block_elements);
     size_t block = 0;
     for (; elements > 0 && status == KEL_SUCCESS; block++) {
         const uint64_t in_block = std::min<uint64_t>(elements, block_elements);

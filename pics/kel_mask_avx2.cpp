@@ -84,8 +84,8 @@ KEL_AVX2 void interval_blocks(const uint8_t *data, const fields_t &fields, const
 // ---- Bitmaps --------------------------------------------------------------------------------------------------------
 
 // A bitmap of up to 256 bits stands in two registers: a byte of it is picked by an element's upper bits, and from that
-// a bit by its lower ones. Only its own bytes are read, so blocks with an element behind them are left to portable code,
-// which reads what lies there.
+// a bit by its lower ones. Only its own bytes are read, so blocks with an element behind them are left to portable
+// code, which reads what lies there.
 KEL_AVX2 void small_bitmap_blocks(const uint8_t *data, const fields_t &fields, const bitmap_t &bitmap, uint64_t *masks,
                                   size_t n)
 {
@@ -120,8 +120,8 @@ KEL_AVX2 void small_bitmap_blocks(const uint8_t *data, const fields_t &fields, c
     }
 }
 
-// Looks up eight elements in the words of a bitmap: the outcomes are the upper bits of lanes. Bit e of it is bit e ^ 7 of
-// its little-endian words, and comes to the top by a shift to the left by the complement of that.
+// Looks up eight elements in the words of a bitmap: the outcomes are the upper bits of lanes. Bit e of it is bit e ^ 7
+// of its little-endian words, and comes to the top by a shift to the left by the complement of that.
 KEL_AVX2 inline __m256i look_up(const bitmap_t &bitmap, __m256i elements)
 {
     const auto *words = reinterpret_cast<const int *>(bitmap.data);

@@ -275,10 +275,10 @@ kel_status_t select_elements(const uint8_t *from, uint64_t mask, uint64_t elemen
 
 // The blocks of some mask words, of so many elements.
 template <unsigned bytes, class Source>
-kel_status_t select_batch(Source &source, const uint64_t *masks, uint64_t elements, byte_sink &sink, uint8_t *&to,
-                          progress_t &progress)
+kel_status_t select_batch(Source &source, const uint64_t *masks, uint64_t elements, pick_block_t fast, byte_sink &sink,
+                          uint8_t *&to, progress_t &progress)
 {
-    const pick_block_t fast = choose_pick_block(bytes), safe = portable_pick_block(bytes);
+    const pick_block_t safe = portable_pick_block(bytes);
     for (; elements > 0; masks++) {
         const uint64_t in_block = std::min<uint64_t>(elements, block_elements);
         const uint64_t ones = popc_words(masks, 1);
@@ -288,7 +288,7 @@ kel_status_t select_batch(Source &source, const uint64_t *masks, uint64_t elemen
                 return KEL_EOVERFLOW;
             continue;
         }
-        const bool roomy = in_block == block_elements && progress.count + compaction_room < sink.room;
+        const bool roomy = in_block == block_elements && progress.count + block_elements < sink.room;
         if (ones == 0)
             source.skip(in_block);
         else if (ones == block_elements)
@@ -305,6 +305,7 @@ kel_status_t select_batch(Source &source, const uint64_t *masks, uint64_t elemen
 template <unsigned bytes, class Source>
 kel_status_t select_from(const move_t &move, Source source)
 {
+    const pick_block_t pick = choose_pick_block(bytes);
     byte_sink sink(move.dst, bytes);
     stream_words words(move.mask->data, mask_offset(move.mask));
     auto *to = static_cast<uint8_t *>(move.dst->data);
@@ -319,7 +320,7 @@ kel_status_t select_from(const move_t &move, Source source)
             masks[n++] = words.next(in_block) & ~uint64_t{0} << (block_elements - in_block);
         }
         const kept_bytes behind(to + popc_words(masks, n) * bytes, sink.end);
-        status = select_batch<bytes>(source, masks, elements, sink, to, progress);
+        status = select_batch<bytes>(source, masks, elements, pick, sink, to, progress);
     }
     sink.written(progress.count);
     return finish(move, sink, status, progress);

@@ -1,9 +1,9 @@
 // Where the outcome of a scan or translate goes: bit vectors and index lists.
 //
 // A sink takes one stored element with its run (put), or the outcome of up to 64 elements as a mask word, the first
-// element on top (put_block), or the outcome of as many elements with their runs (put_runs, which counts the matches). It refuses a block whenever
-// the elements have to be written one by one to come out right: near the end of the destination, and where an index does
-// not fit in an entry. full() is the test that comes before every element; it looks at stored words only, so that a
+// element on top (put_block), or the outcome of as many elements with their runs (put_runs, which counts the matches).
+// It refuses a block whenever the elements have to be written one by one to come out right: near the end of the
+// destination, and where an index does not fit in an entry. full() is the test that comes before every element; it looks at stored words only, so that a
 // destination may run over by what the writer still holds.
 #pragma once
 
@@ -18,7 +18,7 @@ namespace
 
 // Up to 64 runs, none of which is 0.
 struct runs_t {
-    uint64_t of[64 + 1]; // behind the last one is a 0
+    uint64_t of[block_elements + 1]; // behind the last one is a 0
     unsigned count;
     uint64_t sum;
 };
@@ -60,8 +60,8 @@ class bit_sink : public sink
         }
     }
 
-    // Runs are stored by twos, at once, as 8 bytes from the one that they start in: a branch for the words that runs fill
-    // up could not be foretold. What the last store leaves behind the last word is put back.
+    // Runs are stored by twos, at once, as 8 bytes from the one that they start in: a branch for the words that runs
+    // fill up could not be foretold. What the last store leaves behind the last word is put back.
     bool put_runs(uint64_t mask, const runs_t &runs, uint64_t &matches)
     {
         const uint64_t held = out.cache_bits + runs.sum;
@@ -78,11 +78,11 @@ class bit_sink : public sink
         return true;
     }
 
-    // What has to be kept while mask words with so many matches are put: nothing.
+    // What has to be kept while mask words are put: nothing.
     struct keeper {
     };
 
-    keeper keep(uint64_t)
+    keeper keep(const uint64_t *, size_t)
     {
         return {};
     }
@@ -190,19 +190,18 @@ class entry_sink : public index_sink
   public:
     using index_sink::index_sink;
 
-    // Keeps what stands behind the entries of so many matches, until their mask words are put.
-    kept_bytes keep(uint64_t matches)
+    // Keeps what stands behind the entries of n mask words, until they are put.
+    kept_bytes keep(const uint64_t *masks, size_t n)
     {
-        return {reinterpret_cast<uint8_t *>(out.buf) + out.cache_bits / 8 + matches * sizeof(Entry), end};
+        return {reinterpret_cast<uint8_t *>(out.buf) + out.cache_bits / 8 + popc_words(masks, n) * sizeof(Entry), end};
     }
 
     bool put_block(uint64_t mask, uint64_t elements)
     {
-        if (!fits(64))
+        if (!fits(block_elements))
             return false;
         if (mask != 0) {
             auto *start = reinterpret_cast<uint8_t *>(out.buf);
-            const index_block_t put_indexes = fits(compaction_room) ? fast : portable_index_block(sizeof(Entry));
             reload(start, put_indexes(mask, index, begin(start)));
         }
         index += elements;
@@ -231,7 +230,7 @@ class entry_sink : public index_sink
     }
 
   private:
-    const index_block_t fast = choose_index_block(sizeof(Entry));
+    const index_block_t put_indexes = choose_index_block(sizeof(Entry));
 
     // Whether the indexes of so many elements have room, and fit in entries.
     bool fits(uint64_t elements) const

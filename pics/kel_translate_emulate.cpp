@@ -36,10 +36,19 @@ kel_status_t general_translate(const kernel_t &kernel, const lookup_t &lookup, k
     });
 }
 
+// Whether elements may be looked up that are never reached: if none can be behind the bitmap, or if all are reached.
+bool bears_all(const kernel_t &kernel, const lookup_t &lookup, kel_fmt_t fmt)
+{
+    const uint64_t width = kel_width_bits(kernel.src);
+    return (width < 64 && lookup.bits >> width != 0) ||
+           (fmt == kel_fmt_fixed && kernel.dst->elements >= kernel.src->elements);
+}
+
 kel_status_t run_kernel(const kernel_t &kernel, const lookup_t &lookup, kel_type_t type, kel_fmt_t fmt, bool ones,
                         bool fast)
 {
-    if (fast && !lookup.tested && masks_by_blocks(kernel.src, fmt) && takes_blocks(kernel.dst, ones))
+    if (fast && !lookup.tested && masks_by_blocks(kernel.src, fmt) && takes_blocks(kernel.dst, ones) &&
+        bears_all(kernel, lookup, fmt))
         return mask_kernel<bitmap_t>(kernel, lookup, ones);
     return ones ? general_translate<index_sink>(kernel, lookup, type, fmt)
                 : general_translate<bit_sink>(kernel, lookup, type, fmt);

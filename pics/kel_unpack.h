@@ -9,8 +9,8 @@
 namespace
 {
 
-// Calls put(i, field) for each field i of the block at data; right cuts low bits off the field. A narrow field's last bit is at
-// most 64 bits behind the start of the byte that holds its first; a wide one may reach into a ninth byte.
+// Calls put(i, field) for each field i of the block at data; right cuts low bits off the field. A narrow field's last
+// bit is at most 64 bits behind the start of the byte that holds its first; a wide one may reach into a ninth byte.
 template <bool wide, class Put>
 inline void unpack(const uint8_t *data, const fields_t &fields, unsigned right, const Put &put)
 {

@@ -221,7 +221,8 @@ struct for_packing { // so that packing registers pairwise leaves the pieces in 
     }
 };
 
-// Loads the fields of a block into lanes. Pieces start at one of few bits of a byte (kinds), which come again and again.
+// Loads the fields of a block into lanes. Pieces start at one of few bits of a byte (kinds), which come again and
+// again.
 // narrow: no field and the bits in front of it in its first byte are wider than a lane.
 template <unsigned bits, bool narrow, template <unsigned> class Layout>
 class field_loader
@@ -325,8 +326,8 @@ KEL_AVX2 inline __m256i backwards(__m256i x)
     return swap_bytes<128>(x);
 }
 
-// Packs the outcomes of half a block, registers of lanes that are all ones or zeros, to a byte for each element, the
-// last one first.
+// Packs the outcomes of half a block, the top bits of lanes, to the top bit of a byte for each element, the last one
+// first.
 template <unsigned bits>
 KEL_AVX2 inline __m256i pack_outcomes(__m256i *of)
 {

@@ -17,10 +17,12 @@ namespace model
 class destination_area
 {
   public:
-    // Room for a request with this outcome: 64 bytes behind the nominal end, or as much as its last run needs.
+    // Room for a request with this outcome: up to the nominal end, or as much as its last run needs; 64 bytes behind
+    // the end for what does not fit.
     void place(kel_vec_t &dst, const outcome &expected)
     {
-        room = std::max(nominal_bytes(dst) + 64, round_up(expected.bytes.size(), 64));
+        const bool overflows = expected.status != KEL_SUCCESS;
+        room = std::max(nominal_bytes(dst) + 64 * overflows, round_up(expected.bytes.size(), 64));
         start = buffer.data + buffer.size - room;
         dst.data = start;
         memset(start - margin, 0xa5, room + margin);

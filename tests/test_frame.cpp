@@ -160,8 +160,8 @@ TEST(call, int_create)
 
 // Which channels take a line. A and B are two files, S is the system log, C the callback. The environment's descriptor
 // hides its system log; of the client's the system log comes before the descriptor, and that before the callback. With
-// both, different targets get the line each, the same one gets it once, and the next in rank takes over. The files flush
-// the standard streams, so that what the client has printed before comes first.
+// both, different targets get the line each, the same one gets it once, and the next in rank takes over. The files
+// flush the standard streams, so that what the client has printed before comes first.
 TEST(log, channels)
 {
     // The environment's level and targets, the client's, and what is seen.

@@ -19,8 +19,8 @@ auto log_words(const kel_log_t &log)
 
 // ---- The environment ------------------------------------------------------------------------------------------------
 
-// What reports say goes to standard error and to the system log; from bad_debug on KEL_DEBUG_OPTIONS is reported as bad,
-// on the channel that the other variables have just opened.
+// What reports say goes to standard error and to the system log; from bad_debug on KEL_DEBUG_OPTIONS is reported as
+// bad, on the channel that the other variables have just opened.
 TEST(environment, words_and_lines)
 {
     const std::string bad_fd = "bad KEL_LOG_FD value: ", bad_log = "bad KEL_LOG_OPTIONS token at: ";

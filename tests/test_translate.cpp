@@ -93,7 +93,7 @@ INSTANTIATE_TEST_SUITE_P(translates, random_requests, contexts(0u, arg, arg | ex
 // ---- Known cases ----------------------------------------------------------------------------------------------------
 
 static void check_translate(uint64_t flags, const known_vector &src, const known_vector &bitmap,
-                            std::optional<uint64_t> test_value, const char *expected)
+                            std::optional<uint64_t> test_value, const std::string &expected)
 {
     const kel_vec_t dst = plain_vector(KEL_BITS, 6, flags & KEL_ONES_INDEX ? 16 : 1);
     check_known(translate{flags, src, dst, bitmap, 4, test_value}, expected);
@@ -108,4 +108,14 @@ TEST(translate, known_cases)
                     "status 0, 3 of 5, 64 bytes 000000010002");
     check_translate(0, two, five, 3, "status 0, 1 of 2, 64 bytes 80");
     check_translate(KEL_INVERT, two, {1, 16, 1, "ffff"}, 3, "status 0, 1 of 2, 64 bytes 40");
+
+    // An element that is never reached is not looked up: it would be in the page behind the bitmap.
+    check_translate(0, {KEL_RLE, 3, 3, "000005000000004000", "010001"}, five, {},
+                    "status -4, 1 of 1, 64 bytes 80; EDATAFMT at element index 2");
+    std::string elements;
+    for (int i = 0; i < 520; i++)
+        elements += i < 513 ? "0005" : "4000"; // the last bit of 64 bytes is that of element 511
+    const std::string ones(128, 'f');
+    check_translate(0, {0, 520, 2, elements}, five, {},
+                    "status -5, 512 of 513, 64 bytes " + ones + "; EOVERFLOW at element index 513");
 }

@@ -1,4 +1,4 @@
-// Vector kernels beside their portable twins: random fields, at either end of memory that is fenced by pages that fault.
+// Vector kernels beside their portable twins: random fields, at either end of memory between pages that fault.
 #include "kel_block.h"
 #include "support.h"
 #include <cstring>
