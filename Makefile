@@ -23,11 +23,17 @@ test: test-tools
 	$(COMPILE) all
 	ctest --preset release -j $(JOBS)
 
-# The same tests under the address and undefined-behaviour sanitizers, and under the thread sanitizer.
-sanitize tsan: test-tools
-	cmake --preset $@ $(CMAKE_FLAGS)
-	cmake --build build/$@ -j $(JOBS)
-	ctest --preset $@ -j $(JOBS)
+# The same tests under the address and undefined-behaviour sanitizers.
+sanitize: test-tools
+	cmake --preset sanitize $(CMAKE_FLAGS)
+	cmake --build build/sanitize -j $(JOBS)
+	ctest --preset sanitize -j $(JOBS)
+
+# Those of threads under the thread sanitizer; the others have one thread.
+tsan: test-tools
+	cmake --preset tsan $(CMAKE_FLAGS)
+	cmake --build build/tsan -j $(JOBS) --target test_threads
+	ctest --preset tsan -R '^threads'
 
 # Which lines of the library no test reaches.
 coverage: coverage-tools

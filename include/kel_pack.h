@@ -78,15 +78,12 @@ static inline uint64_t kel_get_field(const void *stream, uint64_t bit, uint32_t 
 static inline void kel_put_field(void *stream, uint64_t bit, uint32_t bits, uint64_t field)
 {
     uint8_t *byte = (uint8_t *)stream + bit / 8;
-    uint32_t room = 8 - (uint32_t)(bit % 8);
-    while (bits > 0) {
+    for (uint32_t room = 8 - (uint32_t)(bit & 7); bits > 0; room = 8, byte++) {
         const uint32_t part = bits < room ? bits : room;
-        const uint32_t shift = room - part;
-        const uint32_t mask = (0xffu >> (8 - part)) << shift;
+        const uint32_t kept = room - part; /* bits behind the field */
+        const uint32_t mask = (1u << room) - (1u << kept);
         bits -= part;
-        *byte = (uint8_t)((*byte & ~mask) | ((uint32_t)(field >> bits) << shift & mask));
-        byte++;
-        room = 8;
+        *byte = (uint8_t)((*byte & ~mask) | ((uint32_t)(field >> bits) << kept & mask));
     }
 }
 

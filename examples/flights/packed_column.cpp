@@ -37,6 +37,7 @@ dictionary_t::dictionary_t(const std::vector<std::string> &column, const std::ve
 std::vector<int32_t> dictionary_t::codes(const std::vector<std::string> &column) const
 {
     std::vector<int32_t> codes;
+    codes.reserve(column.size());
     for (const std::string &text : column)
         codes.push_back(static_cast<int32_t>(std::lower_bound(texts.begin(), texts.end(), text) - texts.begin()));
     return codes;
@@ -93,9 +94,11 @@ void text_column_t::print_head()
     printf("%-14s  %8s  %8s  %5s  %12s\n", "training", "plain B", "packed B", "ratio", "MB/s");
 }
 
+// A stream of codewords that is longer than the texts does not pay, so there is no need for more room.
 text_column_t::text_column_t(kel_context_t *ctx, const char *name, const std::vector<std::string> &texts)
+    : letters(kel::column::bytes(texts.size(), static_cast<uint32_t>(texts[0].size()))),
+      codewords(kel::column::bytes(texts.size() * texts[0].size(), 1))
 {
-    letters = kel::column::bytes(texts.size(), static_cast<uint32_t>(texts[0].size()));
     letters.vec.elements = 0;
     for (const std::string &text : texts) {
         plain.push_back(text_number(text));
@@ -104,9 +107,7 @@ text_column_t::text_column_t(kel_context_t *ctx, const char *name, const std::ve
     vec = letters.vec;
     const size_t letter_bytes = packed_bytes = ::packed_bytes(vec);
 
-    // A stream that is longer than the texts does not pay, so there is no need for more room.
     constexpr uint64_t thorough = 1;
-    codewords = kel::column::bytes(letter_bytes, 1);
     size_t length = letter_bytes;
     kel_zip_t *made = nullptr;
     const auto start = std::chrono::steady_clock::now();
