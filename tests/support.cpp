@@ -7,8 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-std::atomic<unsigned> kel_debug_calls;
-std::atomic<unsigned> emulate_error_calls;
+constinit thread_local unsigned kel_debug_calls, emulate_error_calls;
 lines_t syslog_lines;
 
 static constexpr pthread_t other_thread = 0x1234;
