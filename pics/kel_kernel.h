@@ -134,7 +134,7 @@ struct uintptr_unalign {
 // format that contradicts itself, or an operand of more than 32 bytes, beside which lengths are not looked at.
 inline bool expansion_suffices(const kel_vec_t *src, kel_type_t type, kel_fmt_t fmt, uint64_t bytes)
 {
-    if (fmt == kel_fmt_mixed && type != kel_type_uintptr)
+    if (fmt == kel_fmt_mixed && src->format & KEL_VAR && type != kel_type_uintptr)
         return kel_power_of_two(src->aux_width) && src->aux_width <= kel_max_aux_bits;
     const uint64_t bits = type == kel_type_uint8 ? 8 : kel_width_bits(src);
     uint64_t needed;

@@ -150,6 +150,20 @@ TEST(scan, more_elements_than_a_length_can_tell)
     EXPECT_EQ(ctx.messages(), std::vector<std::string>{"EOVERFLOW at element index 1"});
 }
 
+// An operator above its family names the kernel of another format, which is not to look for lengths where there are none.
+TEST(scan, operator_above_its_family)
+{
+    const options o = {2, arg | extra, errors};
+    test_context ctx(o.version, o.debug, o.log);
+    destination_area dst;
+    const guarded_buffer data(32);
+    scan s = {0,           plain_vector(KEL_BYTES, 2, 16, data.data), destination(2, 0), KEL_EQ_OR_EQ, bytes(16, 1),
+              bytes(16, 2)};
+    const outcome expected = call(s, o, emulation(s, o), true);
+    s.op += 32;
+    EXPECT_TRUE(check(ctx, o, calls, s, expected, dst));
+}
+
 TEST(scan_death, operator_beyond_the_table)
 {
     test_context ctx(2, 0);
