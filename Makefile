@@ -5,7 +5,7 @@ JOBS := $(shell nproc)
 CONFIGURE = cmake --preset release $(CMAKE_FLAGS)
 COMPILE = cmake --build $(BUILD) -j $(JOBS) --target
 
-.PHONY: all demo test bench performance sanitize fuzz install clean tools test-tools bench-tools fuzz-tools chart-tools
+.PHONY: all demo test bench performance sanitize fuzz soak install clean tools test-tools bench-tools fuzz-tools chart-tools
 
 all: tools
 	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=OFF
@@ -30,7 +30,7 @@ sanitize: test-tools
 
 # The fuzzers, each for some seconds.
 SECONDS := 60
-FUZZERS := fuzz_zip fuzz_encode fuzz_stream
+FUZZERS := fuzz_request fuzz_zip fuzz_encode fuzz_stream
 fuzz: fuzz-tools
 	cmake --preset fuzz $(CMAKE_FLAGS)
 	cmake --build build/fuzz -j $(JOBS) --target $(FUZZERS)
@@ -40,6 +40,13 @@ fuzz: fuzz-tools
 	    build/fuzz/tests/$$fuzzer -max_total_time=$(SECONDS) -max_len=4096 -use_value_profile=1 \
 	        -artifact_prefix=build/corpus/$$fuzzer- build/corpus/$$fuzzer || exit 1; \
 	done
+
+# Threads of random requests against the models, while allocations fail at random.
+MINUTES := 3
+soak: test-tools
+	$(CONFIGURE) -DKEL_BUILD_TESTS=ON -DKEL_BUILD_BENCH=OFF
+	$(COMPILE) soak
+	$(BUILD)/tests/soak $(MINUTES)
 
 # One table of all operations, also as build/bench.json; about two minutes. Options go to the benchmark program, and a
 # filter reaches the longer list, too: make bench BENCH=--benchmark_filter=nop
