@@ -292,8 +292,8 @@ class session
     }
 
     // A new stream of these bits, or the output of the last request, if that is to be fed. It ends with the aligned word
-    // that holds its last bit.
-    buffer_ptr add_stream(uint64_t pipe, uint64_t bits, uint64_t lead, bool &fed)
+    // that holds its last bit, or with its last byte.
+    buffer_ptr add_stream(uint64_t pipe, uint64_t bits, uint64_t lead, bool &fed, uint64_t unit = 8)
     {
         const uint64_t bytes = (bits + 7) / 8;
         fed = posted && pipe && (last_flags & KEL_PIPE_FLAGS) == pipe && last_target && last_target->lead % 64 == 0 &&
@@ -301,7 +301,7 @@ class session
         if (fed)
             sources.push_back(last_target);
         else
-            sources.push_back(std::make_shared<buffer>(lead, round_up(lead + bytes, 8) - lead));
+            sources.push_back(std::make_shared<buffer>(lead, round_up(lead + bytes, unit) - lead));
         return sources.back();
     }
 
@@ -408,7 +408,8 @@ class session
             align = 1;
         bool fed;
         const uint64_t lead = align > 1 ? range(0, 3) * align : range(0, 7);
-        const buffer_ptr stream = add_stream(pipe, vec.offset + vec.elements + 8 * behind, lead, fed);
+        const buffer_ptr stream =
+            add_stream(pipe, vec.offset + vec.elements + 8 * behind, lead, fed, align > 1 ? 1 : 8);
         if (!fed)
             fill_stream(*stream);
         vec.data = stream->data;
@@ -428,6 +429,8 @@ class session
         kel_vec_t dst = {in_bits ? KEL_BITS : KEL_BYTES, 0, nullptr, 0, 0, 0, 0, nullptr, nullptr, 0};
         dst.elem_width = static_cast<uint32_t>(in_bits ? bits : bits / 8);
         dst.elements = elements > most ? least : std::max(elements, least) + (one_in(2) ? range(0, 70) : 0);
+        if (elements > least && one_in(8))
+            dst.elements = range(least, elements);
         if (form == twisted && one_in(4))
             twist(dst);
         const uint64_t claimed = bits_of(dst) <= 128 ? (bits_of(dst) * dst.elements + 7) / 8 : 0;
@@ -525,7 +528,10 @@ class session
         const uint64_t flags = draw_flags(KEL_ONES_INDEX | KEL_INVERT | KEL_CACHE | KEL_NOWAIT);
         const kel_vec_t src = draw_source(KEL_RLE | KEL_BITS, one_in(8) ? 24 : 12);
         const uint64_t width = bits_of(src), index_bits = std::min<uint64_t>(width, one_in(16) ? 24 : 12);
-        const uint64_t elements = one_in(4) ? range(0, 4096) : UINT64_C(1) << index_bits;
+        uint64_t highest = 0; // of the elements
+        for (uint64_t i = 0; form != hopeless && width <= 24 && i < src.elements; i++)
+            highest = std::max(highest, field(src.data, src.offset + i * width, static_cast<unsigned>(width)));
+        const uint64_t elements = !one_in(4) ? UINT64_C(1) << index_bits : one_in(2) ? range(0, 4096) : highest;
         const kel_vec_t bitmap =
             draw_bits(elements, 0, version == 2 ? 16 : 64, elements == 0); // the first byte is read
         const auto val_width = one_in(4) ? range<uint32_t>(0, 33) : static_cast<uint32_t>(width);
