@@ -528,8 +528,9 @@ class session
         const uint64_t flags = draw_flags(KEL_ONES_INDEX | KEL_INVERT | KEL_CACHE | KEL_NOWAIT);
         const kel_vec_t src = draw_source(KEL_RLE | KEL_BITS, one_in(8) ? 24 : 12);
         const uint64_t width = bits_of(src), index_bits = std::min<uint64_t>(width, one_in(16) ? 24 : 12);
+        const bool plain = form != hopeless && width <= 24 && !(src.format & (KEL_VAR | KEL_ZIP));
         uint64_t highest = 0; // of the elements
-        for (uint64_t i = 0; form != hopeless && width <= 24 && i < src.elements; i++)
+        for (uint64_t i = 0; plain && i < src.elements; i++)
             highest = std::max(highest, field(src.data, src.offset + i * width, static_cast<unsigned>(width)));
         const uint64_t elements = !one_in(4) ? UINT64_C(1) << index_bits : one_in(2) ? range(0, 4096) : highest;
         const kel_vec_t bitmap =

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "kel_queue.h"
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -15,6 +16,7 @@
 // The calling thread's calls of the two failure hooks since its last reset_hooks; the test programs put their own in the
 // library's place.
 extern constinit thread_local unsigned kel_debug_calls, emulate_error_calls;
+extern std::atomic<unsigned> kel_debug_calls_of_all; // threads, those that have ended included; never reset
 void reset_hooks();
 
 using lines_t = std::vector<std::string>;

@@ -1,7 +1,6 @@
 // Threads with contexts of their own, side by side: each has to see what it sees alone. Meant for ThreadSanitizer.
 #include "kel_frame.h"
 #include "support.h"
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
