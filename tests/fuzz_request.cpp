@@ -358,7 +358,8 @@ class session
         expanded = src.elements;
         if (src.format & (KEL_VAR | KEL_RLE))
             lay_lengths(src);
-        const uint64_t bits = src.format & KEL_VAR ? 8 * expanded : width * src.elements;
+        // The walk loads the first word before it looks at a length, which may be 0.
+        const uint64_t bits = src.format & KEL_VAR ? std::max<uint64_t>(8 * expanded, 1) : width * src.elements;
         if (src.format & KEL_VAR)
             expanded = src.elements;
         if (src.format & KEL_ZIP)
