@@ -747,7 +747,8 @@ KEL_API kel_status_t kel_zip_get_contig(kel_context_t *ctx, const kel_zip_t *cod
  * than it (*buflen is the stream's length): there is no codec, whatever *codec says; KEL_EOVERFLOW: buf is too small,
  * *buflen is what is needed; the codec has been made all the same, and is the caller's; KEL_ENOMEM: *codec is null.
  * Otherwise *buflen stays after a failure. count is the number of codewords, 0 after a failure. Training resets the
- * process's random sequence (srand48).
+ * process's random sequence (srand48): threads that train at the same time disturb one another's choice of samples, and
+ * may get other codecs, as good ones.
  */
 KEL_API kel_result_t kel_zip(kel_context_t *ctx, uint64_t options, const kel_vec_t *src, void *buf, size_t *buflen,
                              kel_zip_t **codec);

@@ -134,7 +134,7 @@ struct uintptr_unalign {
 // format that contradicts itself, or an operand of more than 32 bytes, beside which lengths are not looked at.
 inline bool expansion_suffices(const kel_vec_t *src, kel_type_t type, kel_fmt_t fmt, uint64_t bytes)
 {
-    if (fmt == kel_fmt_mixed && type != kel_type_uintptr)
+    if (fmt == kel_fmt_mixed && src->format & KEL_VAR && type != kel_type_uintptr)
         return kel_power_of_two(src->aux_width) && src->aux_width <= kel_max_aux_bits;
     const uint64_t bits = type == kel_type_uint8 ? 8 : kel_width_bits(src);
     uint64_t needed;
@@ -180,11 +180,14 @@ kel_status_t walk_elements(const kernel_t &kernel, const sink &to, progress_t &p
     uint64_t run = 1;
     kel_input_t in;
     kel_input_t aux = {};
-    if (src->elements == 0) // a reader loads its first word at once, and an empty vector has none
+    if (src->elements == 0)
         return KEL_SUCCESS;
-    kelio_vec_input(kernel.ctx, src, src->data, Type::cached, &in);
     if constexpr (widths || runs)
         kelio_aux_input(src, &aux);
+    if constexpr (widths)
+        if (kel_input_t first = aux; kelio_aux_get(&first, src->aux_width) + add_one == 0)
+            return KEL_EDATAFMT;
+    kelio_vec_input(kernel.ctx, src, src->data, Type::cached, &in); // loads the first word at once: there has to be one
 
     for (; progress.stored < src->elements; progress.stored++) {
         if constexpr (widths)

@@ -226,7 +226,7 @@ kel_status_t run_kernel(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool
     const bool faster = fast && reducible<values>(scan, type);
     if (faster && masks_by_blocks(scan.src, fmt) && takes_blocks(scan.dst, ones))
         return mask_kernel(scan, scan_predicate<values>(scan, type, kel_width_bits(scan.src)), ones);
-    const bool variable = faster && fmt == kel_fmt_mixed && type == kel_type_uint128;
+    const bool variable = faster && fmt == kel_fmt_mixed && type == kel_type_uint128 && scan.src->format & KEL_VAR;
     return ones ? general_scan<values, index_sink>(scan, type, fmt, variable)
                 : general_scan<values, bit_sink>(scan, type, fmt, variable);
 }

@@ -131,21 +131,28 @@ inline auto contexts(auto... debug)
 }
 
 // Where arguments are validated, few of the requests that are refused are run.
+bool check_made(test_context &ctx, const options &o, auto &makes, unsigned requests, destination_area &dst)
+{
+    const bool validated = o.debug & KEL_DEBUG_ARG;
+    for (unsigned n = 0; n < requests;) {
+        auto r = makes.make(validated ? !makes.random.one_in(20) : makes.random.one_in(2));
+        if (validated && refused(r, o.version) && !makes.random.one_in(8))
+            continue;
+        n++;
+        if (!check_roads(ctx, o, r, dst) || testing::Test::HasFailure())
+            return false;
+    }
+    return true;
+}
+
 template <class maker>
 void check_random(const random_requests::ParamType &members, unsigned requests)
 {
     const auto [version, debug, log] = members;
-    const bool validated = debug & KEL_DEBUG_ARG;
     test_context ctx(version, debug, log);
     maker makes(version + 10 * debug + 100 * log);
     destination_area dst;
-    for (unsigned n = 0; n < requests && !testing::Test::HasFailure();) {
-        auto r = makes.make(validated ? !makes.random.one_in(20) : makes.random.one_in(2));
-        if (validated && refused(r, version) && !makes.random.one_in(8))
-            continue;
-        n++;
-        check_roads(ctx, {version, debug, log}, r, dst);
-    }
+    check_made(ctx, {version, debug, log}, makes, requests, dst);
 }
 
 // Makes sources. Their streams end with the aligned word in front of a page that faults.

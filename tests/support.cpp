@@ -7,8 +7,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-std::atomic<unsigned> kel_debug_calls;
-std::atomic<unsigned> emulate_error_calls;
+constinit thread_local unsigned kel_debug_calls, emulate_error_calls;
+std::atomic<unsigned> kel_debug_calls_of_all;
 lines_t syslog_lines;
 
 static constexpr pthread_t other_thread = 0x1234;
@@ -22,6 +22,7 @@ void reset_hooks()
 extern "C" void kel_debug(void)
 {
     kel_debug_calls++;
+    kel_debug_calls_of_all++;
 }
 
 extern "C" void emulate_error(void)

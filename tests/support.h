@@ -13,9 +13,10 @@
 #include <string>
 #include <vector>
 
-// Calls of the two failure hooks since the last reset_hooks; the test programs put their own in the library's place.
-extern std::atomic<unsigned> kel_debug_calls;
-extern std::atomic<unsigned> emulate_error_calls;
+// The calling thread's calls of the two failure hooks since its last reset_hooks; the test programs put their own in the
+// library's place.
+extern constinit thread_local unsigned kel_debug_calls, emulate_error_calls;
+extern std::atomic<unsigned> kel_debug_calls_of_all; // threads, those that have ended included; never reset
 void reset_hooks();
 
 using lines_t = std::vector<std::string>;

@@ -1,8 +1,7 @@
 // Scans against the reference model, and the small cases whose bytes are known.
 
-#include "kel_scan.h"
-#include "model_driver.h"
-#include "scan_model.h"
+#include "kel.hpp"
+#include "request_makers.h"
 
 using namespace model;
 
@@ -22,94 +21,7 @@ COUNTED(calloc, (size_t count, size_t size), count, size)
 COUNTED(memalign, (size_t align, size_t size), align, size)
 #endif
 
-static outcome run(test_context &ctx, road way, const scan &s)
-{
-    const auto op = static_cast<kel_compare_t>(s.op);
-    if (s.range())
-        return take_road(ctx, way, kel_scan_range, kel_scan_range_post, kel_scan_range_emulate, kel_scan_range_general,
-                         s.flags, &s.src, &s.dst, op, &s.lower, &s.upper);
-    return take_road(ctx, way, kel_scan_value, kel_scan_value_post, kel_scan_value_emulate, kel_scan_value_general,
-                     s.flags, &s.src, &s.dst, op, &s.lower);
-}
-
 // ---- Random scans ---------------------------------------------------------------------------------------------------
-
-// Makes scans, whose destinations are placed later.
-class scan_maker : public source_maker
-{
-  public:
-    using source_maker::source_maker;
-
-    // lawful: within the widths and formats that validation accepts (of one version at least), though not always.
-    scan make(bool make_lawful)
-    {
-        static constexpr int missing_value[] = {4, 6}, missing_range[] = {20, 22, 24, 26, 28, 30};
-        lawful = make_lawful;
-        no_width = !lawful && random.one_in(40);
-        wide_elements = !lawful && !no_width && random.one_in(10);
-        scan s = {};
-        s.flags = draw_flags(KEL_ONES_INDEX);
-        if (!lawful && random.one_in(40))
-            s.op = random.one_in(2) ? random.pick(missing_range) : random.pick(missing_value);
-        else
-            s.op = random.one_in(2) ? random.pick(range_operators).op : random.pick(value_operators).op;
-        draw_format(s.src, KEL_RLE | KEL_VAR);
-        draw_lengths(s.src);
-        draw_some_alike(s.src);
-        s.lower = draw_value(s.src, wide_elements);
-        s.upper = draw_value(s.src, false);
-        draw_results(s.flags, s.dst);
-        return s;
-    }
-
-  private:
-    // Elements are random, or the heads of a few texts that differ in one place, so that many are equal.
-    void draw_some_alike(kel_vec_t &src)
-    {
-        const uint64_t typical = variable_width(src) ? random.between(1, 40) : std::max<uint64_t>(bits_of(src), 1);
-        element_bits texts[3] = {draw_bits()};
-        texts[1] = texts[0] ^ element_bits(1) << (typical - 1);
-        texts[2] = texts[0] ^ element_bits(random.between(0, 255)) << typical / 2;
-        const bool few = !random.one_in(3);
-        draw_elements(src, [&](uint64_t) { return few ? random.pick(texts) : draw_bits(); });
-    }
-
-    // A value next to an element of the data, often in its width.
-    kel_int_t draw_value(const kel_vec_t &src, bool wide)
-    {
-        const auto [position, bits] =
-            places.empty() ? std::pair<uint64_t, uint64_t>() : places[random.between(0, places.size() - 1)];
-        kel_int_t value = {};
-        value.format = bits % 8 || random.one_in(2) ? KEL_BITS : KEL_BYTES;
-        if (wide)
-            value = {KEL_BYTES, random.between<uint32_t>(17, 24), {}};
-        else if (bits && bits <= (lawful ? 128 : 192) && !no_width && !random.one_in(3))
-            value.elem_width = static_cast<uint32_t>(value.format & KEL_BITS ? bits : bits / 8);
-        else if (!no_width)
-            value.elem_width = draw_width(value.format & KEL_BITS);
-
-        const uint64_t width = no_width ? 8 : bits_of(value), size = round_up(width, 8) / 8;
-        std::string text = bit_reader{src.data, position}.bytes(bits);
-        const bool longer = size > text.size();
-        text.resize(size);
-        for (uint64_t i = 0; i < size; i++)
-            value.dword[2 - i / 8] |= uint64_t{static_cast<uint8_t>(text[size - 1 - i])} << i % 8 * 8;
-        if (longer && random.one_in(2))
-            value.dword[2] |= random.between(0, 255);
-        if (random.one_in(3))
-            value.dword[2] += random.one_in(2) ? 1 : UINT64_MAX;
-        if (random.one_in(20))
-            random.fill(value.dword, sizeof value.dword);
-
-        const bool garbage = random.one_in(8); // above the bytes of the value
-        for (uint64_t bit = random.one_in(2) ? width : 8 * size; bit < 192; bit++) {
-            uint64_t &word = value.dword[2 - bit / 64];
-            word &= ~(uint64_t{1} << bit % 64);
-            word |= uint64_t{garbage && bit >= 8 * size && random.one_in(2)} << bit % 64;
-        }
-        return value;
-    }
-};
 
 TEST_P(random_requests, agree_with_the_model)
 {
@@ -237,6 +149,32 @@ TEST(scan, more_elements_than_a_length_can_tell)
     s.src.elements = s.dst.elements = uint64_t{1} << 61;
     EXPECT_EQ(kel_scan_value(ctx, KEL_ONES_INDEX, &s.src, &s.dst, KEL_EQ, &s.lower).status, KEL_EOVERFLOW);
     EXPECT_EQ(ctx.messages(), std::vector<std::string>{"EOVERFLOW at element index 1"});
+}
+
+// Elements without a byte have no data to be read: the length is looked at first.
+TEST(scan, length_of_nothing)
+{
+    test_context ctx;
+    uint8_t lengths[8] = {};
+    const kel_vec_t src = {KEL_VAR, 1, nullptr, 0, 0, 0, 8, lengths, nullptr, 0};
+    const kel::column dst = kel::column::bytes(1, 4);
+    const kel_int_t value = kel::value("a");
+    EXPECT_EQ(kel_scan_value(ctx, KEL_ONES_INDEX, &src, dst, KEL_EQ, &value).status, KEL_EDATAFMT);
+    EXPECT_EQ(kel_extract(ctx, 0, &src, dst).status, KEL_EDATAFMT);
+}
+
+// An operator above its family names the kernel of another format, which is not to look for lengths where there are none.
+TEST(scan, operator_above_its_family)
+{
+    const options o = {2, arg | extra, errors};
+    test_context ctx(o.version, o.debug, o.log);
+    destination_area dst;
+    const guarded_buffer data(32);
+    scan s = {0,           plain_vector(KEL_BYTES, 2, 16, data.data), destination(2, 0), KEL_EQ_OR_EQ, bytes(16, 1),
+              bytes(16, 2)};
+    const outcome expected = call(s, o, emulation(s, o), true);
+    s.op += 32;
+    EXPECT_TRUE(check(ctx, o, calls, s, expected, dst));
 }
 
 TEST(scan_death, operator_beyond_the_table)
