@@ -51,7 +51,7 @@ fuzz: fuzz-tools
 	mkdir -p build/corpus
 	for fuzzer in $(FUZZERS); do \
 	    mkdir -p build/corpus/$$fuzzer && \
-	    build/fuzz/tests/$$fuzzer -max_total_time=$(SECONDS) -max_len=4096 -use_value_profile=1 \
+	    build/fuzz/tests/$$fuzzer -max_total_time=$(SECONDS) -max_len=4096 -len_control=0 -use_value_profile=1 \
 	        -artifact_prefix=build/corpus/$$fuzzer- build/corpus/$$fuzzer || exit 1; \
 	done
 

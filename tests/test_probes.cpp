@@ -101,6 +101,8 @@ TEST(probe, counters_of_a_call)
         {CALL(kel_nop(ctx, 0)), KEL_DEBUG_PERF},
         {CALL(s.value_post(open_queue(ctx, 1))), KEL_DEBUG_PERF},
         {CALL(s.range_post(open_queue(ctx, 1))), KEL_DEBUG_PERF},
+        {CALL(kel_copy_post(open_queue(ctx, 1), 0, s.in, s.out, 4, nullptr)), KEL_DEBUG_PERF},
+        {CALL(kel_fill_post(open_queue(ctx, 1), 0, 7, s.out, 4, 1, nullptr)), 0}, // goes through the call at once
     };
     for (const auto &[call, kept_by] : rows)
         for (const uint32_t version : {1u, 2u})
@@ -225,6 +227,52 @@ TEST(probe, shows_an_execution)
             EXPECT_EQ(fields(shown.events), fields(dirty));
             EXPECT_EQ(fields(ctx->events), fields(clean));
         }
+}
+
+TEST(probe, shows_the_arguments_of_each_operation)
+{
+    alignas(64) uint8_t in[64] = {5, 7, 5, 9}, more[64] = {0xa5, 0x3c}, out[128];
+    constexpr auto vec = [](uint64_t format, void *data) {
+        return kel_vec_t{format, 8, data, 1, 0, 0, 0, nullptr, nullptr, 0};
+    };
+    const kel_vec_t bytes = vec(KEL_BYTES, in), bits = vec(KEL_BITS, more), more_bits = vec(KEL_BITS, in), none = {};
+    const kel_vec_t list = vec(KEL_BYTES, out), mask = vec(KEL_BITS, out);
+    kel_vec_t map = bits;
+    map.elements = 256;
+    test_context ctx(2, KEL_DEBUG_PERF);
+    const auto &arg = shown.request.arg;
+    const struct {
+        kel_cmd_t cmd;
+        std::function<kel_result_t()> call;
+        kel_vec_t src, src2, dst;
+        std::function<bool()> rest;
+    } rows[] = {
+        {KEL_CMD_SELECT, [&] { return kel_select(ctx, 0, &bytes, &list, &bits); }, bytes, none, list,
+         [&] { return same(arg.select.mask, bits); }},
+        {KEL_CMD_EXTRACT, [&] { return kel_extract(ctx, 0, &bytes, &list); }, bytes, none, list, {}},
+        {KEL_CMD_TRANSLATE, [&] { return kel_translate(ctx, 0, &bytes, &mask, &map, 7); }, bytes, none, mask,
+         [&] { return same(arg.translate.bitmap, map) && arg.translate.val_width == 7; }},
+        {KEL_CMD_AND, [&] { return kel_and(ctx, 0, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
+        {KEL_CMD_OR, [&] { return kel_or(ctx, 0, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
+        {KEL_CMD_XOR, [&] { return kel_xor(ctx, 0, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
+        {KEL_CMD_COPY, [&] { return kel_copy(ctx, 0, in, out, 9); }, none, none, none,
+         [&] { return arg.copy.src == in && arg.copy.dst == out && arg.copy.count == 9; }},
+        {KEL_CMD_FILL, [&] { return kel_fill(ctx, 0, 77, out, 9, 2); }, none, none, none,
+         [&] {
+             return std::tie(arg.fill.val, arg.fill.count, arg.fill.val_width) == std::tuple(77, 9, 2) &&
+                    arg.fill.dst == out;
+         }},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.cmd);
+        kel_result_t result;
+        trace("kel-execute", [&] { result = row.call(); });
+        EXPECT_EQ(result.status, KEL_SUCCESS);
+        EXPECT_EQ(shown.request.cmd, row.cmd);
+        EXPECT_TRUE(same(shown.request.src, row.src) && same(shown.request.src2, row.src2));
+        EXPECT_TRUE(same(shown.request.dst, row.dst) && (!row.rest || row.rest()));
+        EXPECT_TRUE(same(shown.result, result));
+    }
 }
 
 // The command is extended with its sign.

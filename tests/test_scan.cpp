@@ -151,6 +151,33 @@ TEST(scan, more_elements_than_a_length_can_tell)
     EXPECT_EQ(ctx.messages(), std::vector<std::string>{"EOVERFLOW at element index 1"});
 }
 
+// Beside a value of more than 32 bytes elements are compared by bytes: by the 8 that hold them, with the first of the
+// value, and a tie goes to the widths.
+TEST(scan, value_beyond_32_bytes)
+{
+    test_context ctx(2, 0);
+    const uint8_t data[24] = {1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 3};
+    const kel_vec_t wide = plain_vector(KEL_BYTES, 3, 8, const_cast<uint8_t *>(data));
+    const kel_vec_t narrow = plain_vector(KEL_BYTES, 12, 2, const_cast<uint8_t *>(data));
+    const kel_int_t twos = {KEL_BYTES, 40, {0x0202020202020202, 0, 0}}, one = {KEL_BYTES, 40, {1, 0, 0}};
+    const struct {
+        const kel_vec_t &src;
+        kel_compare_t op;
+        const kel_int_t &value;
+        uint8_t matches;
+    } cases[] = {{wide, KEL_LT, twos, 0xc0},
+                 {wide, KEL_EQ, twos, 0},
+                 {wide, KEL_GT, twos, 0x20},
+                 {narrow, KEL_LE, one, 0xff},
+                 {narrow, KEL_GE, one, 0}};
+    for (const auto &c : cases) {
+        const kel::column dst = kel::column::bits(12, 1);
+        const kel_result_t result = kel_scan_value(ctx, 0, &c.src, dst, c.op, &c.value);
+        EXPECT_EQ(result.status, KEL_SUCCESS);
+        EXPECT_EQ(*static_cast<uint8_t *>(dst.vec.data), c.matches) << c.op;
+    }
+}
+
 // Elements without a byte have no data to be read: the length is looked at first.
 TEST(scan, length_of_nothing)
 {
@@ -163,7 +190,8 @@ TEST(scan, length_of_nothing)
     EXPECT_EQ(kel_extract(ctx, 0, &src, dst).status, KEL_EDATAFMT);
 }
 
-// An operator above its family names the kernel of another format, which is not to look for lengths where there are none.
+// An operator above its family names the kernel of another format, which is not to look for lengths where there are
+// none.
 TEST(scan, operator_above_its_family)
 {
     const options o = {2, arg | extra, errors};

@@ -1,5 +1,6 @@
 // Translates against the reference model, and the small cases whose bytes are known.
 
+#include "kel.hpp"
 #include "request_makers.h"
 
 using namespace model;
@@ -39,4 +40,29 @@ TEST(translate, known_cases)
     const std::string ones(128, 'f');
     check_translate(0, {0, 520, 2, elements}, five, {},
                     "status -5, 512 of 513, 64 bytes " + ones + "; EOVERFLOW at element index 513");
+}
+
+// Of codewords, which translate takes for elements where arguments are not validated, none behind the stream is looked
+// at.
+TEST(translate, compressed_source_under_extra_tests)
+{
+    test_context ctx(2, extra);
+    const guarded_buffer stream(1, 8), image(10, 16);
+    memcpy(image.data,
+           "\0\3\x12\x30"
+           "abcdef",
+           10);
+    kel_zip_t *codec = nullptr;
+    ASSERT_EQ(kel_zip_create_contig(ctx, image.data, 10, &codec), KEL_SUCCESS);
+    *stream.data = 0x84; // 2 0 1 0: "defabca"
+    kel_vec_t src = plain_vector(KEL_ZIP, 7, 1, stream.data);
+    src.codec = codec;
+    src.codewords = 4;
+    kel::column bitmap = kel::column::bits(256, 1), dst = kel::column::bits(7, 1);
+    kel_put_field(bitmap.vec.data, 'a', 1, 1);
+    EXPECT_EQ(kel_translate(ctx, 0, &src, dst, bitmap, 8).count, 2u);
+    EXPECT_EQ(*static_cast<uint8_t *>(dst.vec.data), 0x12);
+    bitmap.vec.elements = 0x84; // which the byte of the stream does not lie in, taken for an element
+    EXPECT_EQ(kel_translate(ctx, 0, &src, dst, bitmap, 8).status, KEL_EINVAL);
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
 }
