@@ -85,7 +85,7 @@ TEST(pack, values_that_do_not_fit_are_not_written)
     const int16_t negative[] = {-40, 87, -41};
     EXPECT_EQ(kel_pack(&vec, 0, 3, values, 4, 0), KEL_EDATASIZE);
     EXPECT_EQ(kel_pack(&vec, 0, 3, negative, 2, static_cast<uint64_t>(-40)), KEL_EDATASIZE);
-    for (const size_t width : {0, 3, 16})
+    for (const size_t width : {size_t{0}, size_t{3}, size_t{16}})
         EXPECT_EQ(kel_pack(&vec, 0, 2, values, width, 0), KEL_EINVAL);
     EXPECT_EQ(kel_pack(&vec, 8, 2, values, 4, 0), KEL_EINVAL);
     EXPECT_EQ(kel_pack(&vec, 10, 0, values, 4, 0), KEL_EINVAL);
@@ -127,7 +127,7 @@ TEST(pack, runs)
             std::vector<int16_t> values, back(3000);
             while (values.size() < back.size())
                 values.resize(std::min(values.size() + random_numbers.between(1, 600), back.size()),
-                              random_numbers.between<int16_t>(-9, 9));
+                              static_cast<int16_t>(random_numbers.between<int16_t>(0, 18) - 9));
             const kel::column runs = kel::column::bits(values.size(), 5), plain = kel::column::bytes(values.size(), 2);
             std::vector<uint8_t> aux(values.size());
             kel_vec_t vec = runs.vec;
