@@ -18,6 +18,7 @@
 #if KEL_VECTOR && defined(__x86_64__)
 #define KEL_HAVE_AVX2_UNITS 1
 #include <immintrin.h>
+#include <type_traits>
 
 #define KEL_AVX2 __attribute__((target("avx2,bmi2,popcnt")))
 
@@ -31,14 +32,57 @@ inline bool kel_have_avx2()
 
 // ---- Lanes ----------------------------------------------------------------------------------------------------------
 
-// What a width of lanes has its own instructions for. starts: the first bits of a piece's fields, each in its lane.
-// shift: by that many bits in each lane, as shifter() makes it ready. carry: the byte that follows a lane in the stream
-// is in its carry_byte; its upper bits, as many as the lane was shifted by, go to the lane's lower end.
+// What is alike in lanes of all widths, which are machine words of that type. shift: by that many bits in each lane, as
+// shifter() makes it ready. carry: the byte that follows a lane in the stream is in its carry_byte; its upper bits, as
+// many as the lane was shifted by, go to the lane's lower end.
+template <class Word>
+struct lane_words {
+    static constexpr unsigned carry_byte = 0;
+
+    KEL_AVX2 static __m256i all(uint64_t value)
+    {
+        return reinterpret_cast<__m256i>(words{} + static_cast<Word>(value));
+    }
+    KEL_AVX2 static __m256i minus(__m256i a, __m256i b)
+    {
+        return reinterpret_cast<__m256i>(reinterpret_cast<words>(a) - reinterpret_cast<words>(b));
+    }
+    KEL_AVX2 static __m256i greater(__m256i a, __m256i b) // as signed numbers
+    {
+        return reinterpret_cast<__m256i>(reinterpret_cast<signed_words>(a) > reinterpret_cast<signed_words>(b));
+    }
+    KEL_AVX2 static __m256i right(__m256i x, unsigned by)
+    {
+        return reinterpret_cast<__m256i>(reinterpret_cast<words>(x) >> static_cast<Word>(by));
+    }
+    KEL_AVX2 static __m256i left(__m256i x, unsigned by)
+    {
+        return reinterpret_cast<__m256i>(reinterpret_cast<words>(x) << static_cast<Word>(by));
+    }
+    KEL_AVX2 static __m128i shifter(__m128i by)
+    {
+        return by;
+    }
+    KEL_AVX2 static __m256i shift(__m256i x, __m256i by)
+    {
+        return reinterpret_cast<__m256i>(reinterpret_cast<words>(x) << reinterpret_cast<words>(by));
+    }
+    KEL_AVX2 static __m256i carry(__m256i x, __m256i by)
+    {
+        return right(shift(x, by), 8);
+    }
+
+  private:
+    typedef Word words __attribute__((vector_size(32)));
+    typedef std::make_signed_t<Word> signed_words __attribute__((vector_size(32)));
+};
+
+// starts: the first bits of a piece's fields, each in its lane.
 template <unsigned bits>
 struct lanes;
 
 template <>
-struct lanes<16> {
+struct lanes<16> : lane_words<uint16_t> { // there is no shift by lanes: a multiplication by powers of two
     static constexpr unsigned carry_byte = 1;
 
     KEL_AVX2 static __m128i starts(unsigned first, unsigned step)
@@ -47,7 +91,7 @@ struct lanes<16> {
         const __m128i steps = _mm_mullo_epi16(index, _mm_set1_epi16(static_cast<int16_t>(step)));
         return _mm_add_epi16(steps, _mm_set1_epi16(static_cast<int16_t>(first)));
     }
-    KEL_AVX2 static __m128i shifter(__m128i by) // there is no shift by lanes: a multiplication by powers of two
+    KEL_AVX2 static __m128i shifter(__m128i by)
     {
         const __m128i powers = _mm_setr_epi8(1, 2, 4, 8, 16, 32, 64, -128, 0, 0, 0, 0, 0, 0, 0, 0);
         return _mm_shuffle_epi8(powers, _mm_or_si128(by, _mm_set1_epi16(int16_t{8} << 8)));
@@ -60,110 +104,22 @@ struct lanes<16> {
     {
         return _mm256_mulhi_epu16(x, by);
     }
-    KEL_AVX2 static __m256i all(uint64_t value)
-    {
-        return _mm256_set1_epi16(static_cast<int16_t>(value));
-    }
-    KEL_AVX2 static __m256i minus(__m256i a, __m256i b)
-    {
-        return _mm256_sub_epi16(a, b);
-    }
-    KEL_AVX2 static __m256i greater(__m256i a, __m256i b)
-    {
-        return _mm256_cmpgt_epi16(a, b);
-    }
-    KEL_AVX2 static __m256i right(__m256i x, unsigned by)
-    {
-        return _mm256_srl_epi16(x, _mm_cvtsi32_si128(static_cast<int>(by)));
-    }
-    KEL_AVX2 static __m256i left(__m256i x, unsigned by)
-    {
-        return _mm256_sll_epi16(x, _mm_cvtsi32_si128(static_cast<int>(by)));
-    }
 };
 
 template <>
-struct lanes<32> {
-    static constexpr unsigned carry_byte = 0;
-
+struct lanes<32> : lane_words<uint32_t> {
     KEL_AVX2 static __m128i starts(unsigned first, unsigned step)
     {
         const __m128i steps = _mm_mullo_epi32(_mm_setr_epi32(0, 1, 2, 3), _mm_set1_epi32(static_cast<int>(step)));
         return _mm_add_epi32(steps, _mm_set1_epi32(static_cast<int>(first)));
     }
-    KEL_AVX2 static __m128i shifter(__m128i by)
-    {
-        return by;
-    }
-    KEL_AVX2 static __m256i shift(__m256i x, __m256i by)
-    {
-        return _mm256_sllv_epi32(x, by);
-    }
-    KEL_AVX2 static __m256i carry(__m256i x, __m256i by)
-    {
-        return _mm256_srli_epi32(_mm256_sllv_epi32(x, by), 8);
-    }
-    KEL_AVX2 static __m256i all(uint64_t value)
-    {
-        return _mm256_set1_epi32(static_cast<int32_t>(value));
-    }
-    KEL_AVX2 static __m256i minus(__m256i a, __m256i b)
-    {
-        return _mm256_sub_epi32(a, b);
-    }
-    KEL_AVX2 static __m256i greater(__m256i a, __m256i b)
-    {
-        return _mm256_cmpgt_epi32(a, b);
-    }
-    KEL_AVX2 static __m256i right(__m256i x, unsigned by)
-    {
-        return _mm256_srl_epi32(x, _mm_cvtsi32_si128(static_cast<int>(by)));
-    }
-    KEL_AVX2 static __m256i left(__m256i x, unsigned by)
-    {
-        return _mm256_sll_epi32(x, _mm_cvtsi32_si128(static_cast<int>(by)));
-    }
 };
 
 template <>
-struct lanes<64> {
-    static constexpr unsigned carry_byte = 0;
-
+struct lanes<64> : lane_words<uint64_t> {
     KEL_AVX2 static __m128i starts(unsigned first, unsigned step)
     {
         return _mm_set_epi64x(first + step, first);
-    }
-    KEL_AVX2 static __m128i shifter(__m128i by)
-    {
-        return by;
-    }
-    KEL_AVX2 static __m256i shift(__m256i x, __m256i by)
-    {
-        return _mm256_sllv_epi64(x, by);
-    }
-    KEL_AVX2 static __m256i carry(__m256i x, __m256i by)
-    {
-        return _mm256_srli_epi64(_mm256_sllv_epi64(x, by), 8);
-    }
-    KEL_AVX2 static __m256i all(uint64_t value)
-    {
-        return _mm256_set1_epi64x(static_cast<int64_t>(value));
-    }
-    KEL_AVX2 static __m256i minus(__m256i a, __m256i b)
-    {
-        return _mm256_sub_epi64(a, b);
-    }
-    KEL_AVX2 static __m256i greater(__m256i a, __m256i b)
-    {
-        return _mm256_cmpgt_epi64(a, b);
-    }
-    KEL_AVX2 static __m256i right(__m256i x, unsigned by)
-    {
-        return _mm256_srl_epi64(x, _mm_cvtsi32_si128(static_cast<int>(by)));
-    }
-    KEL_AVX2 static __m256i left(__m256i x, unsigned by)
-    {
-        return _mm256_sll_epi64(x, _mm_cvtsi32_si128(static_cast<int>(by)));
     }
 };
 
