@@ -7,7 +7,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-constinit thread_local unsigned kel_debug_calls, emulate_error_calls;
 std::atomic<unsigned> kel_debug_calls_of_all;
 lines_t syslog_lines;
 
