@@ -76,8 +76,9 @@ typedef enum kel_status KEL_INT32 {
     KEL_ENOMATCH = -17,  /**< no outstanding request has this user datum */
     KEL_EZIP = -18,      /**< a buffer could not be compressed */
     KEL_EPIPE = -19,     /**< not produced */
-    KEL_EDATASIZE = -20, /**< an element is too wide for its destination element */
-    KEL_ENOTIMPL = -21   /**< the operation has no implementation for these arguments */
+    KEL_EDATASIZE = -20, /**< a number does not fit in its element (kel_pack.h); of operations only with a
+                              destination that validation refuses */
+    KEL_ENOTIMPL = -21   /**< not produced */
 } kel_status_t;
 
 /** @} */
@@ -152,7 +153,8 @@ typedef struct kel_int {
     uint32_t
         elem_width;    /**< width of the value, in bits with KEL_BITS, else in bytes; the limits of a source element */
     uint64_t dword[3]; /**< the value, most significant word first: up to 8 bytes stand in dword[2], up to 16 in
-                            dword[1] and dword[2]. Words above the width are to be zero. */
+                            dword[1] and dword[2]. Bytes above the width are to be zero (tested
+                            by KEL_DEBUG_EXTRA). */
 } kel_int_t;
 
 /** @} */
@@ -241,6 +243,8 @@ typedef void (*kel_log_func_t)(kel_context_t *ctx, void *cb_data, uint32_t level
 
 /**
  * @defgroup requests Description of one request, as trace probes present it
+ *
+ * Only synchronous executions are presented.
  * @{
  */
 
@@ -264,12 +268,12 @@ typedef struct kel_request {
     uint8_t minor;      /**< 0 */
     kel_cmd_t cmd;      /**< the operation; selects the member of arg */
     kel_context_t *ctx; /**< the context */
-    kel_queue_t *queue; /**< the queue, or null */
+    kel_queue_t *queue; /**< null */
     uint64_t flags;     /**< request flags */
     kel_vec_t src;      /**< copy of the source, if the operation has one */
     kel_vec_t src2;     /**< copy of the second source */
     kel_vec_t dst;      /**< copy of the destination */
-    void *udata;        /**< the user datum of a posted request */
+    void *udata;        /**< null */
     union {
         struct {
             kel_compare_t op;
@@ -323,7 +327,8 @@ typedef struct kel_init_options {
     void *cb_data;          /**< handed back to both */
 } kel_init_options_t;
 
-/** Option bit of kel_thread_init: take memory from the callbacks of init_options. Bit 2 is accepted, without effect. */
+/** Option bit of kel_thread_init: take memory from the callbacks of init_options. The bit of value 2 is accepted,
+ * without effect. */
 #define KEL_ALLOC 1u
 
 /**
@@ -344,7 +349,9 @@ KEL_API kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t op
                                      const kel_init_options_t *init_options, kel_context_t **ctx);
 
 /**
- * Closes a context: releases all that it holds. The caller's vectors and buffers are not touched.
+ * Closes a context: releases all that it holds. The caller's vectors and buffers are not touched. Two small things stay
+ * for the life of the process, which a leak checker tells (functions allocate_context and badval): the library's copy of
+ * init_options, and the texts of values without a word that it has had to show.
  *
  * KEL_SUCCESS; KEL_ETHREAD: the calling thread does not own the context, which stays open.
  */
@@ -359,10 +366,11 @@ KEL_API kel_status_t kel_version(kel_context_t *ctx, uint32_t *value);
 
 /**
  * The limits and capabilities of the command set for the context's interface version, so that a client can size buffers
- * and choose formats. Widths in bytes or bits as the names say, alignments and lengths in bytes.
+ * and choose formats. Widths in bytes or bits as the names say, alignments and lengths in bytes. Limits that are called
+ * published are the coprocessor's; the library does not test them, and goes beyond.
  */
 typedef struct kel_props {
-    uint32_t ones_saturates;          /**< a capability word; see KEL_ONES_INDEX for what the library does */
+    uint32_t ones_saturates;          /**< published; here an index is not saturated, see kel_scan_value */
     uint32_t max_elem_bits;           /**< widest element that is not a whole number of bytes */
     uint32_t max_elem_bytes;          /**< widest element */
     uint32_t max_log_elem_bytes;      /**< its base-2 logarithm */
@@ -377,10 +385,10 @@ typedef struct kel_props {
     uint32_t large_elem_align;        /**< alignment of wide elements */
     uint32_t zip_constrained;         /**< 1: dictionaries obey the row rule */
     uint32_t zip_native;              /**< 1: codecs have the native form */
-    uint32_t max_native_bitmap;       /**< limit of a translate bitmap */
+    uint32_t max_native_bitmap;       /**< published limit of a translate bitmap, in elements */
     uint32_t max_zip_symbols;         /**< most symbols of a codec */
-    uint64_t max_src_len;             /**< limit of a source */
-    uint64_t max_dst_len;             /**< limit of a destination */
+    uint64_t max_src_len;             /**< published limit of a source */
+    uint64_t max_dst_len;             /**< published limit of a destination */
     uint64_t debug_options;           /**< the debug options that exist */
     uint64_t log_options;             /**< the log levels that exist */
     uint32_t max_zip_contig;          /**< largest contiguous codec image */
@@ -405,9 +413,10 @@ KEL_API kel_status_t kel_get_props(kel_context_t *ctx, kel_props_t *props);
  * environment's channel has just written to the same target.
  *
  * KEL_DEBUG_OPTIONS lists debug options ("arg", "extra", "sync", "perf", "all"). Not set, it stands for "arg"; empty,
- * it switches validation off. An unknown word of KEL_LOG_OPTIONS, and a bad KEL_LOG_FD, are told on standard error and
- * in the system log; the good words hold, but without a good descriptor their lines go nowhere. An unknown word of
- * KEL_DEBUG_OPTIONS switches validation off, which only a log line tells.
+ * it switches validation off. An unknown word of KEL_LOG_OPTIONS, and a KEL_LOG_FD that is not a number, are told on
+ * standard error and in the system log; the good words hold, but without a descriptor that is open their lines go
+ * nowhere. An unknown word of KEL_DEBUG_OPTIONS switches validation off, which only a log line tells. The tid of a line
+ * is the calling thread's pthread_self() as an int.
  *
  * options is a set of KEL_LOG_ bits. KEL_SUCCESS; KEL_EINVAL: a bit that does not exist, or a negative descriptor;
  * KEL_ETHREAD. After a failure nothing is changed.
@@ -445,7 +454,9 @@ KEL_API kel_status_t kel_set_debug(kel_context_t *ctx, uint64_t options);
  * a KEL_SERIAL request must be followed by a KEL_COND one, and the latter must follow either. A pipe flag says that
  * this request's output is an input of the next one, which must then name the same buffer. The rules are tested
  * (KEL_DEBUG_ARG) so that a chain is well-formed for a coprocessor; they change nothing in the execution, and a request
- * runs even if the one before it failed.
+ * runs even if the one before it failed. One trap: a queue whose last slot has been used, and which still holds outcomes,
+ * moves them to its front, and loses track of its last KEL_SERIAL and KEL_COND: the next post can then be refused, or
+ * let through, in error. Who posts chains polls the queue empty before each.
  *
  * Of every posted operation: KEL_SUCCESS: taken; KEL_EQFULL: no free slot; KEL_EINVAL, KEL_ETHREAD: refused by
  * validation, and not run.
@@ -554,6 +565,9 @@ KEL_API kel_status_t kel_scan_range_post(kel_queue_t *queue, uint64_t flags, con
  *
  * An element is rounded up to whole bytes and adapted to the width of dst: a narrower one is written with zero bytes
  * before it, or with KEL_PAD behind it; of a wider one the first bytes are kept.
+ *
+ * The destination is full with its last padded unit of 64 bytes: count may pass dst->elements by what that unit holds,
+ * and by one.
  *
  * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EOVERFLOW: the destination is full. After KEL_EOVERFLOW dst holds the
  * elements before the failing one, and count their number.
@@ -765,7 +779,7 @@ KEL_API kel_result_t kel_zip(kel_context_t *ctx, uint64_t options, const kel_vec
 KEL_API kel_result_t kel_encode(kel_context_t *ctx, const kel_vec_t *src, void *buf, size_t *buflen,
                                 const kel_zip_t *codec);
 
-/** Releases a codec, with the image if it is the codec's own. KEL_SUCCESS; KEL_ETHREAD: the codec stays. */
+/** Releases a codec, which must not be null, with the image if it is the codec's own. KEL_SUCCESS; KEL_ETHREAD: the codec stays. */
 KEL_API kel_status_t kel_zip_free(kel_context_t *ctx, kel_zip_t *codec);
 
 /** @} */

@@ -9,9 +9,14 @@
 #ifndef KEL_HPP
 #define KEL_HPP
 
+#if __cplusplus < 202002L
+#error "kel.hpp needs C++20; kel.h and kel_pack.h serve older standards"
+#endif
+
 #include <algorithm>
 #include <array>
 #include <concepts>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <kel.h>
@@ -42,16 +47,18 @@ constexpr const char *name(kel_status_t status) noexcept
  * @{
  */
 
-/** A unique_ptr that the calls of kel.h take as it is. Release it on the thread of its context. */
+/** A unique_ptr that the calls of kel.h take as it is. It is released on the thread of its context, and before that: a
+ * context is declared before the queues and codecs that it made. */
 template <class T, class Release>
 struct owner : std::unique_ptr<T, Release> {
     using std::unique_ptr<T, Release>::unique_ptr;
 
     /** What the calls of kel.h take. */
-    operator T *() const noexcept
+    operator T *() const &noexcept
     {
         return this->get();
     }
+    operator T *() const && = delete; /**< what it owns would be released at once */
 };
 
 /** Closes a context. */
@@ -90,8 +97,8 @@ struct free_codec {
 using codec = owner<kel_zip_t, free_codec>;
 
 /** Opens a context for the calling thread (kel_thread_init). Null after a failure, which status tells. */
-inline context open(uint32_t major = 2, const kel_init_options_t *allocator = nullptr,
-                    kel_status_t *status = nullptr) noexcept
+[[nodiscard]] inline context open(uint32_t major = 2, const kel_init_options_t *allocator = nullptr,
+                                  kel_status_t *status = nullptr) noexcept
 {
     kel_context_t *ctx = nullptr;
     const kel_status_t opened = kel_thread_init(major, 1, allocator ? KEL_ALLOC : 0, allocator, &ctx);
@@ -101,7 +108,7 @@ inline context open(uint32_t major = 2, const kel_init_options_t *allocator = nu
 }
 
 /** A queue for some requests (kel_queue_create). Null after a failure. */
-inline queue make_queue(kel_context_t *ctx, int requests) noexcept
+[[nodiscard]] inline queue make_queue(kel_context_t *ctx, int requests) noexcept
 {
     kel_queue_t *made = nullptr;
     kel_queue_create(ctx, requests, &made);
@@ -120,6 +127,9 @@ constexpr kel_int_t value(uint64_t number, uint32_t bits) noexcept
 {
     return {KEL_BITS, bits, {0, 0, number}};
 }
+
+/** A number needs a width. */
+kel_int_t value(std::nullptr_t) = delete;
 
 /** A text of 1 to 16 bytes to compare texts with; of a longer one the first 16 bytes, of an empty one a zero byte. */
 constexpr kel_int_t value(std::string_view text) noexcept
@@ -142,7 +152,8 @@ constexpr kel_int_t value(std::string_view text) noexcept
 
 /** Arrays of the host's integers: vectors, arrays, spans. */
 template <class Values>
-concept integers = std::ranges::contiguous_range<Values> && std::integral<std::ranges::range_value_t<Values>>;
+concept integers = std::ranges::contiguous_range<Values> && std::integral<std::ranges::range_value_t<Values>> &&
+    !std::same_as<std::ranges::range_value_t<Values>, bool>;
 
 /** A vector that owns its buffers. They are zeroed, with the alignment and the room of a destination, so that a column
  * serves as a source and as a destination. The calls of kel.h take a column as it is; the fields of vec may be changed.
@@ -156,7 +167,7 @@ class column
     /** Takes the buffers over; other is left without data. */
     column(column &&other) noexcept
         : vec(std::exchange(other.vec, {})), data(std::move(other.data)), aux(std::move(other.aux)),
-          text_size(std::exchange(other.text_size, 0))
+          room(std::exchange(other.room, {})), text_size(std::exchange(other.text_size, 0))
     {
     }
 
@@ -167,6 +178,7 @@ class column
         std::swap(vec, moved.vec);
         std::swap(data, moved.data);
         std::swap(aux, moved.aux);
+        std::swap(room, moved.room);
         std::swap(text_size, moved.text_size);
         return *this;
     }
@@ -187,6 +199,20 @@ class column
     static column runs(uint64_t elements, uint32_t width) noexcept
     {
         return {KEL_BITS | KEL_RLE | KEL_ADD_ONE, elements, width, 8, elements};
+    }
+
+    /** Room for the list of the matches among this many rows, the least entries that hold their indexes: 2 or 4 bytes. */
+    static column indexes(uint64_t rows) noexcept
+    {
+        return bytes(rows, rows <= 65536 ? 2 : 4);
+    }
+
+    /** Room for this many texts of up to width bytes, each in width bytes. See append. */
+    static column texts_of_width(uint64_t elements, uint32_t width) noexcept
+    {
+        column made = bytes(elements, width);
+        made.vec.elements = 0;
+        return made;
     }
 
     /** Room for this many texts of 1 to 16 bytes, of data_size bytes together. See append. */
@@ -221,7 +247,9 @@ class column
 
     /** Reads as many elements as values has, from number first on: kel_unpack. */
     template <integers Values>
-    kel_status_t unpack(Values &&values, std::ranges::range_value_t<Values> base = 0, uint64_t first = 0) const noexcept
+    requires std::ranges::output_range<Values, std::ranges::range_value_t<Values>>
+        kel_status_t unpack(Values &&values, std::ranges::range_value_t<Values> base = 0, uint64_t first = 0)
+    const noexcept
     {
         const std::span all(values);
         return kel_unpack(&vec, first, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base));
@@ -235,15 +263,21 @@ class column
         return kel_pack_runs(&vec, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base));
     }
 
-    /** Appends a text: kel_append_text. */
+    /** Appends a text: kel_append_text, and KEL_EOVERFLOW if there is no room for it. */
     kel_status_t append(std::string_view text) noexcept
     {
+        const uint64_t length = vec.format & KEL_VAR ? text.size() : vec.elem_width;
+        if (vec.elements >= room.elements || length > room.bytes - text_size)
+            return KEL_EOVERFLOW;
         return kel_append_text(&vec, &text_size, text.data(), text.size());
     }
 
-    /** The text in element number at of a column of bytes: kel_text_at. */
+    /** The text in element number at of a column of bytes: kel_text_at. It lives as long as the column; empty if there is
+     * no such element. */
     std::string_view text(uint64_t at) const noexcept
     {
+        if (at >= vec.elements || (vec.format & ~KEL_ADD_ONE) != KEL_BYTES)
+            return {};
         const char *first = nullptr;
         const size_t length = kel_text_at(&vec, at, &first);
         return {first, length};
@@ -273,7 +307,7 @@ class column
     };
     using block = std::unique_ptr<void, release>;
 
-    static block allocate(uint64_t elements, uint32_t width) noexcept
+    static block allocate(uint64_t elements, uint64_t width) noexcept
     {
         const uint64_t size = kel_destination_size(elements, width);
         block made(std::aligned_alloc(64, size));
@@ -290,11 +324,17 @@ class column
         if (data && (aux || !aux_width)) {
             vec.data = data.get();
             vec.aux_data = aux.get();
+            room = {elements, format & KEL_VAR ? data_elements : elements * width};
         }
     }
 
+    struct room_t {
+        uint64_t elements = 0, bytes = 0;
+    };
+
     block data;
     block aux;
+    room_t room;            /**< for texts */
     uint64_t text_size = 0; /**< bytes of all texts */
 };
 

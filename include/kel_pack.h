@@ -20,6 +20,8 @@
 
 #ifdef __cplusplus
 extern "C" {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wold-style-cast"
 #endif
 
 /**
@@ -27,10 +29,10 @@ extern "C" {
  * @{
  */
 
-/** Bits of an element of vec: its elem_width, whatever unit that has. */
-static inline uint32_t kel_element_bits(const kel_vec_t *vec)
+/** The width of an element of vec in bits, whatever unit its elem_width has. */
+static inline uint64_t kel_element_bits(const kel_vec_t *vec)
 {
-    return vec->format & KEL_BITS ? vec->elem_width : 8 * vec->elem_width;
+    return vec->format & KEL_BITS ? vec->elem_width : (uint64_t)8 * vec->elem_width;
 }
 
 /** The least width in bits that a source may have for elements from 0 to greatest: 1 to 24, or whole bytes. A context
@@ -41,16 +43,21 @@ static inline uint32_t kel_width_for(uint64_t greatest)
     return bits > 24 ? (bits + 7) / 8 * 8 : bits;
 }
 
-/** Bytes to allocate for a source, at a multiple of 8, whose elements start at bit 0: whole words of 8 bytes. */
-static inline uint64_t kel_source_size(uint64_t elements, uint32_t bits)
+/** Bytes to allocate for a source, at a multiple of 8, whose elements start at bit 0: whole words of 8 bytes. If its
+ * bits cannot be counted in 64 bits, a size that no allocator has. */
+static inline uint64_t kel_source_size(uint64_t elements, uint64_t bits)
 {
-    return (elements * bits + 63) / 64 * 8;
+    uint64_t length;
+    const int vast = __builtin_mul_overflow(elements, bits, &length) || length > UINT64_MAX - 63;
+    return vast ? UINT64_MAX / 64 * 64 : (length + 63) / 64 * 8;
 }
 
-/** Bytes to allocate for a destination, at a multiple of 64: its length rounded up to 64, and 64 bytes of room. */
-static inline uint64_t kel_destination_size(uint64_t elements, uint32_t bits)
+/** Bytes to allocate for a destination, at a multiple of 64: its length rounded up to 64, and 64 bytes of room. If its
+ * bits cannot be counted in 64 bits, a size that no allocator has. */
+static inline uint64_t kel_destination_size(uint64_t elements, uint64_t bits)
 {
-    return (elements * bits + 511) / 512 * 64 + 64;
+    const uint64_t source = kel_source_size(elements, bits);
+    return source > UINT64_MAX / 8 ? source : (source + 63) / 64 * 64 + 64;
 }
 
 /** @} */
@@ -153,7 +160,7 @@ KEL_PACK_INLINE void kel_pack_bytes(uint8_t *out, uint32_t bits, uint64_t count,
 KEL_PACK_INLINE kel_status_t kel_pack_values(const kel_vec_t *vec, uint64_t first, uint64_t count, const void *values,
                                              size_t value_width, uint64_t base)
 {
-    const uint32_t bits = kel_element_bits(vec);
+    const uint32_t bits = (uint32_t)kel_element_bits(vec);
     if (bits < 64 && kel_pack_union(values, value_width, count, base) >> bits)
         return KEL_EDATASIZE;
     uint64_t bit = vec->offset + first * bits, i = 0;
@@ -170,7 +177,7 @@ KEL_PACK_INLINE kel_status_t kel_pack_values(const kel_vec_t *vec, uint64_t firs
 KEL_PACK_INLINE kel_status_t kel_unpack_values(const kel_vec_t *vec, uint64_t first, uint64_t count, void *values,
                                                size_t value_width, uint64_t base)
 {
-    const uint32_t bits = kel_element_bits(vec);
+    const uint32_t bits = (uint32_t)kel_element_bits(vec);
     uint64_t bit = vec->offset + first * bits, i = 0;
     const uint64_t bytes = (bit + count * bits) / 8; /* whole ones, up to the end */
     const uint8_t *data = (const uint8_t *)vec->data;
@@ -190,9 +197,9 @@ KEL_PACK_INLINE kel_status_t kel_unpack_values(const kel_vec_t *vec, uint64_t fi
 /* Whether elements first to first + count - 1 of vec are integers of up to 64 bits. */
 static inline int kel_has_integers(const kel_vec_t *vec, uint64_t first, uint64_t count)
 {
-    const uint32_t bits = kel_element_bits(vec);
+    const uint64_t bits = kel_element_bits(vec);
     return !(vec->format & (KEL_VAR | KEL_ZIP)) && bits >= 1 && bits <= 64 && first <= vec->elements &&
-           count <= vec->elements - first;
+           count <= vec->elements - first && (vec->data || count == 0);
 }
 
 /** @endcond */
@@ -201,7 +208,7 @@ static inline int kel_has_integers(const kel_vec_t *vec, uint64_t first, uint64_
  * Packs count values into vec, from its element number first on. vec: KEL_BYTES or KEL_BITS, also with KEL_RLE (the
  * stored elements), of up to 64 bits.
  *
- * KEL_SUCCESS; KEL_EINVAL: another vector, elements that vec does not have, or a value_width that does not exist;
+ * KEL_SUCCESS; KEL_EINVAL: another vector, elements or data that vec does not have, or no such value_width;
  * KEL_EDATASIZE: an element is too narrow for its value. After a failure nothing has been written.
  */
 static inline kel_status_t kel_pack(const kel_vec_t *vec, uint64_t first, uint64_t count, const void *values,
@@ -320,14 +327,15 @@ static inline kel_status_t kel_pack_runs(kel_vec_t *vec, uint64_t count, const v
  * longest being the least of 16, what an aux element can stand for, and 15 without KEL_ADD_ONE; or KEL_BYTES, texts of
  * up to elem_width bytes, with zero bytes behind. The buffers must have room for one text more.
  *
- * KEL_SUCCESS; KEL_EINVAL: another vector; KEL_EDATASIZE: the text is too long, or has no byte in a KEL_VAR vector.
+ * KEL_SUCCESS; KEL_EINVAL: another vector, or one without data; KEL_EDATASIZE: the text is too long, or has no byte in a
+ * KEL_VAR vector.
  * After a failure nothing has been written or counted.
  */
 static inline kel_status_t kel_append_text(kel_vec_t *vec, uint64_t *size, const void *text, size_t length)
 {
     const uint64_t format = vec->format & ~KEL_ADD_ONE;
     size_t width = vec->elem_width;
-    if ((format != KEL_VAR || !kel_has_aux(vec)) && format != KEL_BYTES)
+    if (!vec->data || ((format != KEL_VAR || !kel_has_aux(vec)) && format != KEL_BYTES))
         return KEL_EINVAL;
     if (format == KEL_VAR) {
         const size_t longest = vec->format & KEL_ADD_ONE ? 16 : 15;
@@ -339,7 +347,8 @@ static inline kel_status_t kel_append_text(kel_vec_t *vec, uint64_t *size, const
         return KEL_EDATASIZE;
     }
     uint8_t *data = (uint8_t *)vec->data + *size;
-    memcpy(data, text, length);
+    if (length > 0)
+        memcpy(data, text, length);
     memset(data + length, 0, width - length);
     vec->elements++;
     *size += width;
@@ -362,6 +371,7 @@ static inline size_t kel_text_at(const kel_vec_t *vec, uint64_t at, const char *
 #undef KEL_PACK_INLINE
 
 #ifdef __cplusplus
+#pragma GCC diagnostic pop
 }
 #endif
 

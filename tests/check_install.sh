@@ -30,11 +30,18 @@ clients find_package -DCMAKE_PREFIX_PATH="$scratch/prefix"
 PKG_CONFIG_PATH=$(dirname "$(find "$scratch/prefix" -name kel.pc)")
 export PKG_CONFIG_PATH
 libdir=$(pkg-config --variable=libdir kel)
-# shellcheck disable=SC2046 # a list of flags
-${CC:-cc} -o "$scratch/by_pc_c" "$source/tests/client/client_c.c" $(pkg-config --cflags --libs kel)
-# shellcheck disable=SC2046
-${CXX:-c++} -std=c++20 -o "$scratch/by_pc_cpp" "$source/tests/client/client_cpp.cpp" $(pkg-config --cflags --libs kel)
-LD_LIBRARY_PATH=$libdir run pkg-config "$scratch/by_pc_c" "$scratch/by_pc_cpp"
+strict="-Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Werror"
+for compilers in "cc c++ -Wuseless-cast" "clang clang++"; do
+    # shellcheck disable=SC2086
+    set -- $compilers
+    command -v "$2" >/dev/null || continue
+    # shellcheck disable=SC2046,SC2086 # lists of flags
+    "$1" $strict -o "$scratch/by_pc_c" "$source/tests/client/client_c.c" $(pkg-config --cflags --libs kel)
+    # shellcheck disable=SC2046,SC2086
+    "$2" -std=c++20 $strict -Wold-style-cast ${3:-} -o "$scratch/by_pc_cpp" "$source/tests/client/client_cpp.cpp" \
+        $(pkg-config --cflags --libs kel)
+    LD_LIBRARY_PATH=$libdir run pkg-config "$scratch/by_pc_c" "$scratch/by_pc_cpp"
+done
 
 clients sources -DKEL_SOURCE="$source"
 built=$(cmake --build "$scratch/sources" --target help | grep -cE ' (test_|kel_bench|flights)' || true)

@@ -152,9 +152,9 @@ TEST(pack, runs)
 TEST(pack, texts)
 {
     const std::string texts[] = {"a", "sixteen letters!", std::string("\0b\0", 3), "fifteen letters"};
-    kel::column varied = kel::column::texts(5, 40), fixed = kel::column::bytes(4, 16),
+    kel::column varied = kel::column::texts(5, 70), fixed = kel::column::texts_of_width(5, 16),
                 plain = kel::column::bytes(4, 16);
-    fixed.vec.elements = 0;
+    const kel::context ctx = kel::open();
     for (const std::string &text : texts) {
         EXPECT_EQ(varied.append(text), KEL_SUCCESS);
         EXPECT_EQ(fixed.append(text), KEL_SUCCESS);
@@ -162,14 +162,22 @@ TEST(pack, texts)
             EXPECT_EQ(varied.append(bad), KEL_EDATASIZE);
         EXPECT_EQ(fixed.append("seventeen letters"), KEL_EDATASIZE);
     }
-    EXPECT_EQ(kel_extract(kel::open(), KEL_PAD, varied, plain).status, KEL_SUCCESS);
+    EXPECT_EQ(kel_extract(ctx, KEL_PAD, varied, plain).status, KEL_SUCCESS);
     for (uint64_t i = 0; i < 4; i++)
         for (const kel::column *column : {&fixed, &plain})
             EXPECT_EQ(column->text(i), i == 2 ? texts[2].substr(0, 2) : texts[i]);
     varied.vec.format = KEL_VAR; // lengths stand for themselves
     EXPECT_EQ(varied.append("sixteen letters!"), KEL_EDATASIZE);
-    EXPECT_EQ(varied.append("fifteen letters"), KEL_SUCCESS);
-    EXPECT_EQ(kel::column::bits(1, 8).append("a"), KEL_EINVAL);
+    EXPECT_EQ(fixed.text(4), "");
+    for (kel::column *column : {&varied, &fixed}) {
+        EXPECT_EQ(column->append("fifteen letters"), KEL_SUCCESS);
+        EXPECT_EQ(column->append("a"), KEL_EOVERFLOW);
+    }
+    kel::column short_of_bytes = kel::column::texts(2, 3), numbers = kel::column::bits(1, 8);
+    EXPECT_EQ(short_of_bytes.append("abcd"), KEL_EOVERFLOW);
+    EXPECT_EQ(short_of_bytes.append("abc"), KEL_SUCCESS);
+    numbers.vec.elements = 0;
+    EXPECT_EQ(numbers.append("a"), KEL_EINVAL);
 }
 
 TEST(owners, pass_what_they_own)
@@ -200,12 +208,19 @@ TEST(owners, pass_what_they_own)
     second = std::move(first);
     EXPECT_EQ(second.vec.data, data);
     EXPECT_FALSE(first); // NOLINT(bugprone-use-after-move): what is left is told
-    const kel::column vast = kel::column::bytes(uint64_t{1} << 60, 1);
-    const void *volatile vast_data = vast.vec.data; // seen from outside: a compiler may leave out what nobody sees
-    EXPECT_TRUE(!vast && vast_data == nullptr);
+    const auto has_memory = [](const kel::column &column) {
+        const void *volatile place = column.vec.data; // seen from outside: a compiler may leave out what nobody sees
+        return column && place != nullptr;
+    };
+    EXPECT_FALSE(has_memory(kel::column::bytes(uint64_t{1} << 50, 1)));
+    for (const uint32_t width : {8u, 1u << 29}) // whose bits cannot be counted in 64 bits, and in 32
+        EXPECT_FALSE(has_memory(kel::column::bytes(uint64_t{1} << 61, width)));
+    EXPECT_EQ(kel::column().pack(std::vector{1}), KEL_EINVAL);
+    EXPECT_EQ(kel::column().append("a"), KEL_EOVERFLOW);
 
     const kel_int_t text = kel::value("0123456789");
     kel_int_t made = {};
-    EXPECT_EQ(kel_int_create(kel::open(), "0123456789", 10, &made), KEL_SUCCESS);
+    const kel::context ctx = kel::open();
+    EXPECT_EQ(kel_int_create(ctx, "0123456789", 10, &made), KEL_SUCCESS);
     EXPECT_EQ(0, memcmp(&text, &made, sizeof made));
 }

@@ -96,10 +96,9 @@ void text_column_t::print_head()
 
 // A stream of codewords that is longer than the texts does not pay, so there is no need for more room.
 text_column_t::text_column_t(kel_context_t *ctx, const char *name, const std::vector<std::string> &texts)
-    : letters(kel::column::bytes(texts.size(), static_cast<uint32_t>(texts[0].size()))),
+    : letters(kel::column::texts_of_width(texts.size(), static_cast<uint32_t>(texts[0].size()))),
       codewords(kel::column::bytes(texts.size() * texts[0].size(), 1))
 {
-    letters.vec.elements = 0;
     for (const std::string &text : texts) {
         plain.push_back(text_number(text));
         check(letters.append(text), "append");
@@ -154,6 +153,6 @@ result_t::result_t(const column_t &source)
 
 int64_t result_t::value(size_t at) const
 {
-    const uint32_t width = kel_element_bits(&vec);
+    const auto width = static_cast<uint32_t>(kel_element_bits(&vec));
     return lowest + static_cast<int64_t>(kel_get_field(vec.data, at * width, width));
 }

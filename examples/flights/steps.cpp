@@ -52,7 +52,7 @@ void run_step(const step_t &step, found_t &found, const std::function<kel_result
     size_t packed = 0;
     for (const source_t &source : step.sources)
         packed += source.bytes;
-    printf("%-14s  %-26s  %-11s  %4" PRIu32 "  %8zu  %8zu  %6" PRIu64, step.call, step.what.c_str(), step.column,
+    printf("%-14s  %-26s  %-11s  %4" PRIu64 "  %8zu  %8zu  %6" PRIu64, step.call, step.what.c_str(), step.column,
            step.sources[0].width, packed, step.plain_bytes * rows, outcome.count);
     if (timed)
         printf("  %6.0f  %12.0f", best_rate(rows, call), best_rate(rows, [&] { loop(found); }));

@@ -19,7 +19,7 @@ struct source_t {
     source_t(const kel_vec_t *vec) : width(kel_element_bits(vec)), bytes(packed_bytes(*vec)) {}
     source_t(const text_column_t *column) : width(column->width_bits), bytes(column->packed_bytes) {}
 
-    uint32_t width; // bits
+    uint64_t width; // bits
     size_t bytes;
 };
 

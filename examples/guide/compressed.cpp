@@ -34,8 +34,7 @@ int main()
 {
     constexpr uint64_t rows = 5000;
     constexpr uint32_t width = 12;
-    kel::column plain = kel::column::bytes(rows, width);
-    plain.vec.elements = 0;
+    kel::column plain = kel::column::texts_of_width(rows, width);
     for (uint64_t i = 0; i < rows; i++)
         plain.append((i * i % 7 < 3 ? "GET /item/" : "PUT /cart/") + std::to_string(10 + i % 90));
 

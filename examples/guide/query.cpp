@@ -18,18 +18,21 @@ int main()
     const kel::context ctx = kel::open();
     if (!ctx)
         return 1;
-    kel_scan_value(ctx, 0, amount, large, KEL_GT, &limit);
-    kel_scan_value(ctx, 0, state, alive, KEL_NE, &cancelled);
-    const kel_result_t both = kel_and(ctx, 0, large, alive, wanted);
-    const kel_result_t selected = kel_select(ctx, 0, amount, sums, wanted);
-    if (selected.status != KEL_SUCCESS) {
-        std::cerr << "kel_select: " << kel::name(selected.status) << '\n';
-        return 1;
-    }
+    const kel_result_t results[] = {
+        kel_scan_value(ctx, 0, amount, large, KEL_GT, &limit),
+        kel_scan_value(ctx, 0, state, alive, KEL_NE, &cancelled),
+        kel_and(ctx, 0, large, alive, wanted),
+        kel_select(ctx, 0, amount, sums, wanted),
+    };
+    for (const kel_result_t &result : results)
+        if (result.status != KEL_SUCCESS) {
+            std::cerr << kel::name(result.status) << '\n';
+            return 1;
+        }
 
-    std::vector<uint32_t> found(selected.count);
+    std::vector<uint32_t> found(results[3].count);
     sums.unpack(found);
-    std::cout << amount.vec.elem_width << " bits an amount, " << both.count << " orders:";
+    std::cout << amount.vec.elem_width << " bits an amount, " << found.size() << " orders:";
     for (const uint32_t sum : found)
         std::cout << ' ' << sum;
     std::cout << '\n';

@@ -15,7 +15,7 @@ int main()
     for (const std::string_view city : cities)
         if (names.append(city) != KEL_SUCCESS)
             return 1;
-    const kel::column in_range = kel::column::bytes(rows, 4), padded = kel::column::bytes(rows, 16);
+    const kel::column in_range = kel::column::indexes(rows), padded = kel::column::bytes(rows, 16);
 
     const kel::context ctx = kel::open();
     if (!ctx)
