@@ -202,34 +202,7 @@ bool same(const Record &a, const Record &b)
 
 } // namespace
 
-TEST(probe, shows_an_execution)
-{
-    for (const uint32_t version : {1u, 2u})
-        for (const bool range : {false, true}) {
-            test_context ctx(version, KEL_DEBUG_PERF);
-            small_scan scan;
-            scan.flags = KEL_CACHE;
-            ctx->events = dirty;
-            kel_result_t result;
-            trace("kel-execute", [&] { result = range ? scan.range(ctx) : scan.value(ctx); });
-
-            const kel_cmd_t cmd = range ? KEL_CMD_SCAN_RANGE : KEL_CMD_SCAN_VALUE;
-            const kel_request_t &r = shown.request;
-            const auto &[op, lower, upper] = r.arg.scan_range; // the value of a value scan stands where lower does
-            EXPECT_EQ(shown.args[0], version << 24 | 1u << 16 | static_cast<uint64_t>(cmd));
-            EXPECT_EQ(std::tuple(r.major, r.minor, r.cmd, r.ctx, r.queue, r.flags, r.udata, op),
-                      std::tuple(version, 0, cmd, ctx.ctx, nullptr, KEL_CACHE, nullptr, range ? KEL_EQ_OR_EQ : KEL_EQ));
-            EXPECT_TRUE(same(r.src, scan.src) && same(r.src2, kel_vec_t{}) && same(r.dst, scan.dst));
-            EXPECT_TRUE(same(lower, scan.five) && (!range || same(upper, scan.seven)));
-            EXPECT_EQ(result.count, range ? 3u : 2u);
-            EXPECT_TRUE(same(shown.result, result));
-            EXPECT_EQ(at(shown.args[3]), &ctx->events);
-            EXPECT_EQ(fields(shown.events), fields(dirty));
-            EXPECT_EQ(fields(ctx->events), fields(clean));
-        }
-}
-
-TEST(probe, shows_the_arguments_of_each_operation)
+TEST(probe, shows_each_execution_with_its_arguments)
 {
     alignas(64) uint8_t in[64] = {5, 7, 5, 9}, more[64] = {0xa5, 0x3c}, out[128];
     constexpr auto vec = [](uint64_t format, void *data) {
@@ -239,7 +212,8 @@ TEST(probe, shows_the_arguments_of_each_operation)
     const kel_vec_t list = vec(KEL_BYTES, out), mask = vec(KEL_BITS, out);
     kel_vec_t map = bits;
     map.elements = 256;
-    test_context ctx(2, KEL_DEBUG_PERF);
+    const kel_int_t five = {KEL_BYTES, 1, {0, 0, 5}}, seven = {KEL_BYTES, 1, {0, 0, 7}};
+    kel_context_t *c = nullptr;
     const auto &arg = shown.request.arg;
     const struct {
         kel_cmd_t cmd;
@@ -247,32 +221,50 @@ TEST(probe, shows_the_arguments_of_each_operation)
         kel_vec_t src, src2, dst;
         std::function<bool()> rest;
     } rows[] = {
-        {KEL_CMD_SELECT, [&] { return kel_select(ctx, 0, &bytes, &list, &bits); }, bytes, none, list,
+        {KEL_CMD_SCAN_VALUE, [&] { return kel_scan_value(c, KEL_CACHE, &bytes, &mask, KEL_EQ, &five); }, bytes, none,
+         mask, [&] { return arg.scan_value.op == KEL_EQ && same(arg.scan_value.val, five); }},
+        {KEL_CMD_SCAN_RANGE, [&] { return kel_scan_range(c, KEL_CACHE, &bytes, &mask, KEL_EQ_OR_EQ, &five, &seven); },
+         bytes, none, mask,
+         [&] {
+             const auto &[op, lower, upper] = arg.scan_range;
+             return op == KEL_EQ_OR_EQ && same(lower, five) && same(upper, seven);
+         }},
+        {KEL_CMD_SELECT, [&] { return kel_select(c, KEL_CACHE, &bytes, &list, &bits); }, bytes, none, list,
          [&] { return same(arg.select.mask, bits); }},
-        {KEL_CMD_EXTRACT, [&] { return kel_extract(ctx, 0, &bytes, &list); }, bytes, none, list, {}},
-        {KEL_CMD_TRANSLATE, [&] { return kel_translate(ctx, 0, &bytes, &mask, &map, 7); }, bytes, none, mask,
+        {KEL_CMD_EXTRACT, [&] { return kel_extract(c, KEL_CACHE, &bytes, &list); }, bytes, none, list, {}},
+        {KEL_CMD_TRANSLATE, [&] { return kel_translate(c, KEL_CACHE, &bytes, &mask, &map, 7); }, bytes, none, mask,
          [&] { return same(arg.translate.bitmap, map) && arg.translate.val_width == 7; }},
-        {KEL_CMD_AND, [&] { return kel_and(ctx, 0, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
-        {KEL_CMD_OR, [&] { return kel_or(ctx, 0, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
-        {KEL_CMD_XOR, [&] { return kel_xor(ctx, 0, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
-        {KEL_CMD_COPY, [&] { return kel_copy(ctx, 0, in, out, 9); }, none, none, none,
+        {KEL_CMD_AND, [&] { return kel_and(c, KEL_CACHE, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
+        {KEL_CMD_OR, [&] { return kel_or(c, KEL_CACHE, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
+        {KEL_CMD_XOR, [&] { return kel_xor(c, KEL_CACHE, &bits, &more_bits, &mask); }, bits, more_bits, mask, {}},
+        {KEL_CMD_COPY, [&] { return kel_copy(c, KEL_CACHE, in, out, 9); }, none, none, none,
          [&] { return arg.copy.src == in && arg.copy.dst == out && arg.copy.count == 9; }},
-        {KEL_CMD_FILL, [&] { return kel_fill(ctx, 0, 77, out, 9, 2); }, none, none, none,
+        {KEL_CMD_FILL, [&] { return kel_fill(c, KEL_CACHE, 77, out, 9, 2); }, none, none, none,
          [&] {
              return std::tie(arg.fill.val, arg.fill.count, arg.fill.val_width) == std::tuple(77, 9, 2) &&
                     arg.fill.dst == out;
          }},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.cmd);
-        kel_result_t result;
-        trace("kel-execute", [&] { result = row.call(); });
-        EXPECT_EQ(result.status, KEL_SUCCESS);
-        EXPECT_EQ(shown.request.cmd, row.cmd);
-        EXPECT_TRUE(same(shown.request.src, row.src) && same(shown.request.src2, row.src2));
-        EXPECT_TRUE(same(shown.request.dst, row.dst) && (!row.rest || row.rest()));
-        EXPECT_TRUE(same(shown.result, result));
-    }
+    for (const uint32_t version : {1u, 2u})
+        for (const auto &row : rows) {
+            SCOPED_TRACE(testing::Message() << "version " << version << ", command " << row.cmd);
+            test_context ctx(version, KEL_DEBUG_PERF);
+            c = ctx;
+            c->events = dirty;
+            kel_result_t result;
+            trace("kel-execute", [&] { result = row.call(); });
+            const kel_request_t &r = shown.request;
+            EXPECT_EQ(shown.args[0], version << 24 | 1u << 16 | static_cast<uint64_t>(row.cmd));
+            EXPECT_EQ(std::tuple(r.major, r.minor, r.cmd, r.ctx, r.queue, r.flags, r.udata),
+                      std::tuple(version, 0, row.cmd, c, nullptr, KEL_CACHE, nullptr));
+            EXPECT_TRUE(same(r.src, row.src) && same(r.src2, row.src2) && same(r.dst, row.dst));
+            EXPECT_TRUE(!row.rest || row.rest());
+            EXPECT_EQ(result.status, KEL_SUCCESS);
+            EXPECT_TRUE(same(shown.result, result));
+            EXPECT_EQ(at(shown.args[3]), &c->events);
+            EXPECT_EQ(fields(shown.events), fields(dirty));
+            EXPECT_EQ(fields(c->events), fields(clean));
+        }
 }
 
 // The command is extended with its sign.
