@@ -52,7 +52,7 @@ static int copy_valid(kel_context_t *ctx, uint64_t flags, const void *src, kel_q
     constexpr const char *refusal = "kel_copy_post() cannot be a pipeline target for a source with pipe flags "
                                     "KEL_PIPE_AUX and KEL_PIPE_MASK";
     const pipe_target_t target = {nullptr, nullptr, src, KEL_PIPE_SRC, refusal};
-    return kel_validate([=](int log) {
+    return kel_validate([=](auto log) KEL_INLINED {
         int valid = flags_valid(ctx, flags, 0, 0, version, log);
         valid &= thread_valid(ctx, log);
         valid &= chain_valid(ctx, queue, flags, target, version, log);

@@ -46,6 +46,8 @@ inline unsigned kel_log2(unsigned bytes)
 // The class for the widest of the operands, in bytes.
 inline unsigned kel_class(uint64_t wide)
 {
+    if (wide >= 1 && wide <= 8) [[likely]]
+        return 8; // the usual one, at once
     if (wide > 32)
         return 0;
     unsigned bytes = static_cast<unsigned>((wide + 7) / 8 * 8);
@@ -81,8 +83,18 @@ void kel_kernel_failed(kel_context_t *ctx, kel_status_t status, uint64_t element
 
 // Finishes the destination: pads it, counts its bytes, and answers the kernel's status, or that of the padding if the
 // kernel has none of its own. aux: the writer beside it that is to be padded as well, or null.
-kel_status_t kel_finish_output(const kel_vec_t *dst, kel_output_t *out, const void *end, kel_output_t *aux,
-                               kel_status_t status, cca_t *cca);
+inline kel_status_t kel_finish_output(const kel_vec_t *dst, kel_output_t *out, const void *end, kel_output_t *aux,
+                                      kel_status_t status, cca_t *cca)
+{
+    const auto pad_status = static_cast<kel_status_t>(kelio_pad_output(out, end));
+    kelio_flush(out);
+    cca->output_sz = static_cast<uint32_t>(kelio_out_size(out, dst->data));
+    if (aux) {
+        kelio_pad_output(aux, kel_dst_end(dst->aux_data, kel_aux_bytes(dst)));
+        kelio_flush(aux);
+    }
+    return status != KEL_SUCCESS ? status : pad_status;
+}
 
 // ---- Adaptation of an element to the width of a destination element -------------------------------------------------
 //

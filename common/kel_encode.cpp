@@ -19,7 +19,7 @@ int source_valid(kel_context_t *ctx, const kel_vec_t *src, unsigned version, int
 
 int zip_valid(kel_context_t *ctx, uint64_t options, const kel_vec_t *src, unsigned version)
 {
-    return kel_validate([=](int log) {
+    return kel_validate([=](auto log) KEL_INLINED {
         const uint64_t bad = options & ~thorough;
         int valid = kel_test(log, bad == 0, ctx, "bad options 0x%lx", bad);
         valid &= source_valid(ctx, src, version, log);
@@ -29,7 +29,7 @@ int zip_valid(kel_context_t *ctx, uint64_t options, const kel_vec_t *src, unsign
 
 int encode_valid(kel_context_t *ctx, const kel_vec_t *src, unsigned version)
 {
-    return kel_validate([=](int log) { return source_valid(ctx, src, version, log); });
+    return kel_validate([=](auto log) KEL_INLINED { return source_valid(ctx, src, version, log); });
 }
 
 void log_ratio(kel_context_t *ctx, const char *what, uint64_t length, uint64_t compressed)

@@ -8,7 +8,7 @@ static int extract_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *sr
     constexpr const char *refusal =
         "kel_extract_post() cannot be a pipeline target for a source with pipe flags KEL_PIPE_MASK";
     const pipe_target_t target = {src, nullptr, nullptr, KEL_PIPE_SRC | KEL_PIPE_AUX, refusal};
-    return kel_validate([=](int log) {
+    return kel_validate([=](auto log) KEL_INLINED {
         int valid = thread_valid(ctx, log);
         valid &= flags_valid(ctx, flags, KEL_PAD, 0, version, log);
         valid &= chain_valid(ctx, queue, flags, target, version, log);

@@ -105,7 +105,7 @@ static int fill_valid(kel_context_t *ctx, uint64_t flags, uint32_t val_width, ke
     const bool width_ok = width == 1 || width == 2 || width == 4 || width == 8;
     if (!kel_test(1, width_ok, ctx, "Invalid val_width: %u", width))
         return 0;
-    return kel_validate([=](int log) {
+    return kel_validate([=](auto log) KEL_INLINED {
         int valid = thread_valid(ctx, log);
         valid &= flags_valid(ctx, flags, 0, 0, version, log);
         valid &= chain_valid(ctx, queue, flags, no_target, version, log);

@@ -7,17 +7,6 @@ void log_wrong_thread(kel_context_t *ctx)
                  static_cast<int>(ctx->thread->tid));
 }
 
-int thread_valid(kel_context_t *ctx, int do_log)
-{
-    if (kel_owner(ctx))
-        return 1;
-    if (do_log) {
-        log_wrong_thread(ctx);
-        kel_debug();
-    }
-    return 0;
-}
-
 bool bad_thread_return(kel_context_t *ctx)
 {
     return ctx->debug_options && !thread_valid(ctx, 1);

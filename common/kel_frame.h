@@ -31,6 +31,7 @@
 #include "kel_text.h"
 #include "kel_timers.h"
 #include "kel_vector.h"
+#include <type_traits>
 
 // Whether the calling thread owns the context.
 inline bool kel_owner(const kel_context_t *ctx)
@@ -42,20 +43,38 @@ inline bool kel_owner(const kel_context_t *ctx)
 void log_wrong_thread(kel_context_t *ctx);
 
 // The owner test as one test of a validator.
-int thread_valid(kel_context_t *ctx, int do_log);
+inline int thread_valid(kel_context_t *ctx, int do_log)
+{
+    if (kel_owner(ctx)) [[likely]]
+        return 1;
+    if (do_log) {
+        log_wrong_thread(ctx);
+        kel_debug();
+    }
+    return 0;
+}
 
 // The owner test of the calls that have no validator: any debug option arms it. True: return KEL_ETHREAD.
 bool bad_thread_return(kel_context_t *ctx);
 
 // Runs the tests of a validator. tests(do_log) makes all its tests in the order of their reports, each with do_log, and
 // answers 1 when none failed. The first pass is silent; only if something failed does a second one report. So every
-// fault of a call is reported, in a fixed order, and a good call pays for the comparisons alone.
+// fault of a call is reported, in a fixed order, and a good call pays for the comparisons alone: do_log is a constant of
+// each pass, and what is marked KEL_INLINED comes without its reports in the first.
+#define KEL_INLINED __attribute__((always_inline))
+
 template <class Tests>
-inline int kel_validate(const Tests &tests)
+__attribute__((noinline, cold)) void kel_report_faults(const Tests &tests)
 {
-    if (tests(0)) [[likely]]
+    tests(std::true_type());
+}
+
+template <class Tests>
+KEL_INLINED inline int kel_validate(const Tests &tests)
+{
+    if (tests(std::false_type())) [[likely]]
         return 1;
-    tests(1);
+    kel_report_faults(tests);
     return 0;
 }
 
@@ -88,13 +107,11 @@ kel_result_t exec(kel_context_t *ctx, uint64_t flags, const typename Op::args &a
     return {status, 0, cca.retval};
 }
 
-// Presents an execution to trace probes, if the operation has one and KEL_DEBUG_PERF asks for it.
+// Presents an execution to trace probes, if the operation has one.
 template <class Op>
 void kel_probe(kel_context_t *ctx, uint64_t flags, const typename Op::args &args, kel_result_t result)
 {
     if constexpr (requires(kel_request_t request) { Op::request(args, &request); }) {
-        if (!(ctx->debug_options & KEL_DEBUG_PERF))
-            return;
         kel_request_t request = {};
         request.major = static_cast<uint8_t>(ctx->api_version);
         request.ctx = ctx;
@@ -123,7 +140,8 @@ kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args 
     kel_result_t result = {refused, 0, 0};
     if (!refused) {
         result = exec<Op>(ctx, flags, args);
-        kel_probe<Op>(ctx, flags, args, result);
+        if (ctx->debug_options & KEL_DEBUG_PERF) [[unlikely]]
+            kel_probe<Op>(ctx, flags, args, result);
     }
     if (ctx->log.options & KEL_LOG_RETURN)
         log_return<Op>(ctx, args, Op::return_format, kel_status_str(result.status), static_cast<long>(result.count));

@@ -30,7 +30,7 @@ static int logical_pipe_valid(const kel_queue_t *queue, uint64_t flags, unsigned
 static int logical_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
                          const kel_vec_t *dst, kel_queue_t *queue, unsigned version)
 {
-    return kel_validate([=](int log) {
+    return kel_validate([=](auto log) KEL_INLINED {
         const auto misalignment = static_cast<unsigned>(reinterpret_cast<uintptr_t>(dst->data) % kel_dst_align);
         const bool same_elements = src1->elements == src2->elements;
         int valid = thread_valid(ctx, log);

@@ -6,7 +6,7 @@ static constexpr pipe_target_t no_target = {nullptr, nullptr, nullptr, 0, "kel_n
 
 static int nop_valid(kel_context_t *ctx, uint64_t flags, kel_queue_t *queue, unsigned version)
 {
-    return kel_validate([=](int do_log) {
+    return kel_validate([=](auto do_log) KEL_INLINED {
         int valid = flags_valid(ctx, flags, 0, KEL_CACHE | KEL_NOWAIT, version, do_log);
         valid &= chain_valid(ctx, queue, flags, no_target, version, do_log);
         return valid;

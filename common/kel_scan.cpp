@@ -7,7 +7,7 @@
 
 static int kel_int_create_valid(kel_context_t *ctx, size_t len)
 {
-    return kel_validate([=](int do_log) {
+    return kel_validate([=](auto do_log) KEL_INLINED {
         int valid =
             kel_test(do_log, len >= 1 && len <= kel_max_int_bytes, ctx, "Invalid len %ld", static_cast<long>(len));
         valid &= thread_valid(ctx, do_log);
@@ -65,7 +65,8 @@ static constexpr uint32_t range_ops =
     1u << KEL_EQ_OR_EQ | 1u << KEL_GE_AND_LE | 1u << KEL_NE_AND_NE | 1u << KEL_LT_OR_GT | 1u << KEL_GE_AND_LT |
     1u << KEL_LT_OR_GE | 1u << KEL_GT_AND_LE | 1u << KEL_LE_OR_GT | 1u << KEL_GT_AND_LT | 1u << KEL_LE_OR_GE;
 
-static int val_shape_valid(kel_context_t *ctx, const kel_int_t *val, const char *name, unsigned version, int log)
+KEL_INLINED static inline int val_shape_valid(kel_context_t *ctx, const kel_int_t *val, const char *name,
+                                              unsigned version, int log)
 {
     char fmt[kel_fmt_text_size];
     int valid = kel_test(log, val->format <= KEL_BITS, ctx, "Invalid %s format: %s; must be KEL_BITS or KEL_BYTES",
@@ -76,28 +77,36 @@ static int val_shape_valid(kel_context_t *ctx, const kel_int_t *val, const char 
     return valid;
 }
 
-// upper is null for a scan with one value.
-static int scan_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst, kel_compare_t op,
-                      const kel_int_t *val, const kel_int_t *upper, kel_queue_t *queue, unsigned version)
+// The arguments of the scans. upper is null for a scan with one value.
+struct scan_args {
+    const kel_vec_t *src;
+    const kel_vec_t *dst;
+    kel_compare_t op;
+    const kel_int_t *val;
+    const kel_int_t *upper;
+};
+
+static int scan_valid(kel_context_t *ctx, uint64_t flags, const scan_args &a, kel_queue_t *queue, unsigned version)
 {
     constexpr const char *refusal =
         "kel_scan_{value/range}_post() cannot be a pipeline target for a source with pipe flags KEL_PIPE_MASK";
-    const pipe_target_t target = {src, nullptr, nullptr, KEL_PIPE_SRC | KEL_PIPE_AUX, refusal};
-    return kel_validate([=](int log) {
-        const uint32_t ops = upper ? range_ops : value_ops;
-        const unsigned op_bit = static_cast<uint32_t>(op) % 32; // kept: an operator is tested modulo 32
+    const pipe_target_t target = {a.src, nullptr, nullptr, KEL_PIPE_SRC | KEL_PIPE_AUX, refusal};
+    return kel_validate([=, &a](auto log) KEL_INLINED {
+        const uint32_t ops = a.upper ? range_ops : value_ops;
+        const unsigned op_bit = static_cast<uint32_t>(a.op) % 32; // kept: an operator is tested modulo 32
 
-        int valid = src_valid(ctx, src, KEL_VAR, 0, "src", version, log);
-        valid &= dst_ones_valid(ctx, flags, dst, version, log);
+        int valid = src_valid(ctx, a.src, KEL_VAR, 0, "src", version, log);
+        valid &= dst_ones_valid(ctx, flags, a.dst, version, log);
         valid &= thread_valid(ctx, log);
-        valid &= kel_test(log, ops >> op_bit & 1, ctx, "Invalid op %s", scan_op_str(ctx, op, nullptr, 0));
-        valid &= kel_test(log, dst->elements >= src->elements, ctx, "dst elements %ld is less than src elements %ld",
-                          static_cast<long>(dst->elements), static_cast<long>(src->elements));
+        valid &= kel_test(log, ops >> op_bit & 1, ctx, "Invalid op %s", scan_op_str(ctx, a.op, nullptr, 0));
+        valid &=
+            kel_test(log, a.dst->elements >= a.src->elements, ctx, "dst elements %ld is less than src elements %ld",
+                     static_cast<long>(a.dst->elements), static_cast<long>(a.src->elements));
         valid &= flags_valid(ctx, flags, KEL_ONES_INDEX, 0, version, log);
         valid &= chain_valid(ctx, queue, flags, target, version, log);
-        if (upper)
-            valid &= val_shape_valid(ctx, upper, "upper", version, log);
-        valid &= val_shape_valid(ctx, val, upper ? "lower" : "val", version, log);
+        if (a.upper)
+            valid &= val_shape_valid(ctx, a.upper, "upper", version, log);
+        valid &= val_shape_valid(ctx, a.val, a.upper ? "lower" : "val", version, log);
         return valid;
     });
 }
@@ -110,38 +119,31 @@ static int val_content_valid(kel_context_t *ctx, const kel_int_t *val, const cha
                     bit_byte_fmt_str(val->format & KEL_BITS));
 }
 
-static int scan_valid_extra(kel_context_t *ctx, uint64_t, const kel_vec_t *src, const kel_vec_t *dst,
-                            const kel_int_t *val, const kel_int_t *upper)
+static int scan_valid_extra(kel_context_t *ctx, const scan_args &a)
 {
-    int valid = aux_valid_extra(ctx, src, dst, ctx->api_version);
-    valid &= kel_test(1, !vec_overlap(src, dst), ctx, "Invalid src or dst: src data and dst data overlap");
-    valid &= kel_test(1, !aux_overlap(src, dst), ctx, "Invalid src or dst: src aux_data and dst data overlap");
-    valid &= val_content_valid(ctx, val, upper ? "lower" : "val");
-    if (upper)
-        valid &= val_content_valid(ctx, upper, "upper");
+    int valid = aux_valid_extra(ctx, a.src, a.dst, ctx->api_version);
+    valid &= kel_test(1, !vec_overlap(a.src, a.dst), ctx, "Invalid src or dst: src data and dst data overlap");
+    valid &= kel_test(1, !aux_overlap(a.src, a.dst), ctx, "Invalid src or dst: src aux_data and dst data overlap");
+    valid &= val_content_valid(ctx, a.val, a.upper ? "lower" : "val");
+    if (a.upper)
+        valid &= val_content_valid(ctx, a.upper, "upper");
     return valid;
 }
 
 // ---- The two operations ---------------------------------------------------------------------------------------------
 
-// What the two scans have in common. upper is null for a scan with one value.
+// What the two scans have in common.
 struct scan_op {
-    struct args {
-        const kel_vec_t *src;
-        const kel_vec_t *dst;
-        kel_compare_t op;
-        const kel_int_t *val;
-        const kel_int_t *upper;
-    };
+    using args = scan_args;
 
     static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
     {
-        return scan_valid(ctx, flags, a.src, a.dst, a.op, a.val, a.upper, queue, version);
+        return scan_valid(ctx, flags, a, queue, version);
     }
 
-    static int valid_extra(kel_context_t *ctx, uint64_t flags, const args &a)
+    static int valid_extra(kel_context_t *ctx, uint64_t, const args &a)
     {
-        return scan_valid_extra(ctx, flags, a.src, a.dst, a.val, a.upper);
+        return scan_valid_extra(ctx, a);
     }
 
     static const kel_vec_t *diagnosed(const args &a)

@@ -8,7 +8,7 @@ static int select_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src
     constexpr const char *refusal =
         "kel_select_post() cannot be a pipeline target for a source with pipe flags KEL_PIPE_AUX";
     const pipe_target_t target = {src, mask, nullptr, KEL_PIPE_SRC | KEL_PIPE_MASK, refusal};
-    return kel_validate([=](int log) {
+    return kel_validate([=](auto log) KEL_INLINED {
         const uint64_t mask_format = mask->format & ~KEL_BITS;
         char fmt[kel_fmt_text_size];
         int valid = thread_valid(ctx, log);

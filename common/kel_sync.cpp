@@ -3,16 +3,6 @@
 // The queue's indexes are reset only when the next request is stored, so that the rules see through a drained queue:
 // after all has been polled, a serial request still demands its conditional successor.
 #include "kel_sync.h"
-#include "kel_frame.h"
-#include "kel_limits.h"
-
-int sync_flags_valid_nopost(kel_context_t *ctx, uint64_t flags, unsigned version, int do_log)
-{
-    const uint64_t bad = flags & kel_sync_flags(version);
-    char text[kel_sync_flags_text_size];
-    return kel_test(do_log, bad == 0, ctx, "Synchronization flags must not be set for non-post functions: flags = %s\n",
-                    flags_str(ctx, bad, text, sizeof text));
-}
 
 int sync_flags_valid_post0(kel_queue_t *queue, uint64_t flags, int do_log)
 {
@@ -82,14 +72,12 @@ int pipe_flags_valid(kel_context_t *, kel_queue_t *queue, uint64_t flags, const 
     return pipe_flags_valid_post0(queue, flags, src, mask, src_buffer, do_log);
 }
 
-int chain_valid(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, const pipe_target_t &target, unsigned version,
-                int do_log)
+int chain_valid_post(kel_context_t *ctx, kel_queue_t *queue, uint64_t flags, const pipe_target_t &target,
+                     unsigned version, int do_log)
 {
+    const auto last = static_cast<uint64_t>(queue->last_pipe_flags);
     int valid = sync_flags_valid(ctx, queue, flags, version, do_log);
     valid &= pipe_flags_valid(ctx, queue, flags, target.src, target.mask, target.src_buffer, version, do_log);
-    if (queue) {
-        const auto last = static_cast<uint64_t>(queue->last_pipe_flags);
-        valid &= kel_test(do_log, !(last & ~target.follows), ctx, "%s", target.refusal);
-    }
+    valid &= kel_test(do_log, !(last & ~target.follows), ctx, "%s", target.refusal);
     return valid;
 }

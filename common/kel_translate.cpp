@@ -34,7 +34,7 @@ static int translate_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *
     constexpr const char *refusal =
         "kel_translate_post() cannot be a pipeline target for a source with pipe flags KEL_PIPE_MASK";
     const pipe_target_t target = {src, bitmap, nullptr, KEL_PIPE_SRC | KEL_PIPE_AUX, refusal};
-    return kel_validate([=](int log) {
+    return kel_validate([=](auto log) KEL_INLINED {
         const uint64_t width = kel_width_bits(src);
         int valid = thread_valid(ctx, log);
         valid &= flags_valid(ctx, flags, KEL_ONES_INDEX | KEL_INVERT, 0, version, log);
