@@ -3,8 +3,8 @@
 // A sink takes one stored element with its run (put), or the outcome of up to 64 elements as a mask word, the first
 // element on top (put_block), or the outcome of as many elements with their runs (put_runs, which counts the matches).
 // It refuses a block whenever the elements have to be written one by one to come out right: near the end of the
-// destination, and where an index does not fit in an entry. full() is the test that comes before every element; it looks at stored words only, so that a
-// destination may run over by what the writer still holds.
+// destination, and where an index does not fit in an entry. full() is the test that comes before every element; it
+// looks at stored words only, so that a destination may run over by what the writer still holds.
 #pragma once
 
 #include "kel_block.h"

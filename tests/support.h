@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-// The calling thread's calls of the two failure hooks since its last reset_hooks; the test programs put their own in the
-// library's place.
+// The calling thread's calls of the two failure hooks since its last reset_hooks; the test programs put their own in
+// the library's place.
 inline constinit thread_local unsigned kel_debug_calls = 0, emulate_error_calls = 0;
 extern std::atomic<unsigned> kel_debug_calls_of_all; // threads, those that have ended included; never reset
 void reset_hooks();
