@@ -59,8 +59,8 @@ bool bad_thread_return(kel_context_t *ctx);
 
 // Runs the tests of a validator. tests(do_log) makes all its tests in the order of their reports, each with do_log, and
 // answers 1 when none failed. The first pass is silent; only if something failed does a second one report. So every
-// fault of a call is reported, in a fixed order, and a good call pays for the comparisons alone: do_log is a constant of
-// each pass, and what is marked KEL_INLINED comes without its reports in the first.
+// fault of a call is reported, in a fixed order, and a good call pays for the comparisons alone: do_log is a constant
+// of each pass, and what is marked KEL_INLINED comes without its reports in the first.
 #define KEL_INLINED __attribute__((always_inline))
 
 template <class Tests>

@@ -350,8 +350,8 @@ KEL_API kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t op
 
 /**
  * Closes a context: releases all that it holds. The caller's vectors and buffers are not touched. Two small things stay
- * for the life of the process, which a leak checker tells (functions allocate_context and badval): the library's copy of
- * init_options, and the texts of values without a word that it has had to show.
+ * for the life of the process, which a leak checker tells (functions allocate_context and badval): the library's copy
+ * of init_options, and the texts of values without a word that it has had to show.
  *
  * KEL_SUCCESS; KEL_ETHREAD: the calling thread does not own the context, which stays open.
  */
@@ -454,8 +454,8 @@ KEL_API kel_status_t kel_set_debug(kel_context_t *ctx, uint64_t options);
  * a KEL_SERIAL request must be followed by a KEL_COND one, and the latter must follow either. A pipe flag says that
  * this request's output is an input of the next one, which must then name the same buffer. The rules are tested
  * (KEL_DEBUG_ARG) so that a chain is well-formed for a coprocessor; they change nothing in the execution, and a request
- * runs even if the one before it failed. One trap: a queue whose last slot has been used, and which still holds outcomes,
- * moves them to its front, and loses track of its last KEL_SERIAL and KEL_COND: the next post can then be refused, or
+ * runs even if the one before it failed. One trap: a queue whose last slot has been used, and which still holds
+ * outcomes, moves them to its front, and loses track of its last KEL_SERIAL and KEL_COND: the next post can then be refused, or
  * let through, in error. Who posts chains polls the queue empty before each.
  *
  * Of every posted operation: KEL_SUCCESS: taken; KEL_EQFULL: no free slot; KEL_EINVAL, KEL_ETHREAD: refused by
@@ -779,7 +779,11 @@ KEL_API kel_result_t kel_zip(kel_context_t *ctx, uint64_t options, const kel_vec
 KEL_API kel_result_t kel_encode(kel_context_t *ctx, const kel_vec_t *src, void *buf, size_t *buflen,
                                 const kel_zip_t *codec);
 
-/** Releases a codec, which must not be null, with the image if it is the codec's own. KEL_SUCCESS; KEL_ETHREAD: the codec stays. */
+/**
+ * Releases a codec, which must not be null, with the image if it is the codec's own.
+ *
+ * KEL_SUCCESS; KEL_ETHREAD: the codec stays.
+ */
 KEL_API kel_status_t kel_zip_free(kel_context_t *ctx, kel_zip_t *codec);
 
 /** @} */

@@ -201,7 +201,7 @@ class column
         return {KEL_BITS | KEL_RLE | KEL_ADD_ONE, elements, width, 8, elements};
     }
 
-    /** Room for the list of the matches among this many rows, the least entries that hold their indexes: 2 or 4 bytes. */
+    /** Room for the list of the matches among this many rows, with entries of 2 bytes if they suffice, else of 4. */
     static column indexes(uint64_t rows) noexcept
     {
         return bytes(rows, rows <= 65536 ? 2 : 4);
@@ -272,8 +272,8 @@ class column
         return kel_append_text(&vec, &text_size, text.data(), text.size());
     }
 
-    /** The text in element number at of a column of bytes: kel_text_at. It lives as long as the column; empty if there is
-     * no such element. */
+    /** The text in element number at of a column of bytes: kel_text_at. It lives as long as the column; empty if there
+     * is no such element. */
     std::string_view text(uint64_t at) const noexcept
     {
         if (at >= vec.elements || (vec.format & ~KEL_ADD_ONE) != KEL_BYTES)

@@ -327,8 +327,8 @@ static inline kel_status_t kel_pack_runs(kel_vec_t *vec, uint64_t count, const v
  * longest being the least of 16, what an aux element can stand for, and 15 without KEL_ADD_ONE; or KEL_BYTES, texts of
  * up to elem_width bytes, with zero bytes behind. The buffers must have room for one text more.
  *
- * KEL_SUCCESS; KEL_EINVAL: another vector, or one without data; KEL_EDATASIZE: the text is too long, or has no byte in a
- * KEL_VAR vector.
+ * KEL_SUCCESS; KEL_EINVAL: another vector, or one without data; KEL_EDATASIZE: the text is too long, or has no byte in
+ * a KEL_VAR vector.
  * After a failure nothing has been written or counted.
  */
 static inline kel_status_t kel_append_text(kel_vec_t *vec, uint64_t *size, const void *text, size_t length)

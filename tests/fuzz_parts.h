@@ -1,5 +1,5 @@
-// What the fuzz target of requests draws from its input: flags, values, a codec and vectors with their buffers. A buffer
-// is a block of its own, no longer than the public header says that it has to be.
+// What the fuzz target of requests draws from its input: flags, values, a codec and vectors with their buffers. A
+// buffer is a block of its own, no longer than the public header says that it has to be.
 #pragma once
 
 #include "kel.h"
@@ -217,8 +217,8 @@ class request_parts
                 any<uint64_t>()};
     }
 
-    // A new stream of these bits, or the output of the last request, if that is to be fed. It ends with the aligned word
-    // that holds its last bit, or with its last byte.
+    // A new stream of these bits, or the output of the last request, if that is to be fed. It ends with the aligned
+    // word that holds its last bit, or with its last byte.
     buffer_ptr add_stream(uint64_t pipe, uint64_t bits, uint64_t lead, bool &fed, uint64_t unit = 8)
     {
         const uint64_t bytes = (bits + 7) / 8;
