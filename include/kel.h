@@ -455,8 +455,8 @@ KEL_API kel_status_t kel_set_debug(kel_context_t *ctx, uint64_t options);
  * this request's output is an input of the next one, which must then name the same buffer. The rules are tested
  * (KEL_DEBUG_ARG) so that a chain is well-formed for a coprocessor; they change nothing in the execution, and a request
  * runs even if the one before it failed. One trap: a queue whose last slot has been used, and which still holds
- * outcomes, moves them to its front, and loses track of its last KEL_SERIAL and KEL_COND: the next post can then be refused, or
- * let through, in error. Who posts chains polls the queue empty before each.
+ * outcomes, moves them to its front, and loses track of its last KEL_SERIAL and KEL_COND: the next post can then be
+ * refused, or let through, in error. Who posts a chain polls the queue empty before it, and takes one that holds it all.
  *
  * Of every posted operation: KEL_SUCCESS: taken; KEL_EQFULL: no free slot; KEL_EINVAL, KEL_ETHREAD: refused by
  * validation, and not run.
