@@ -243,6 +243,28 @@ TEST(expansion, agrees_with_the_model)
     }
 }
 
+// Whatever an image and a stream hold, nothing outside of them is touched, and every expansion ends.
+TEST(expansion, of_damaged_data_stays_inside)
+{
+    const guarded_buffer area(size_t{1} << 16, 1);
+    stream_maker streams(2);
+    random_source &random = streams.random;
+    test_context ctx(2, 0, 0);
+    for (unsigned turn = 0; turn < 4000; turn++) {
+        dictionary from = dictionary::draw(random, random.one_in(2));
+        const source s = streams.make(from, true);
+        for (uint64_t scribbles = random.between(0, 20); scribbles > 0; scribbles--)
+            from.image->data[random.between(0, from.codec.dict_sz - 1)] = random.between<uint8_t>(0, 255);
+        if (random.one_in(4))
+            from.codec.nsyms = random.between<uint16_t>(1, 1u << from.code_width);
+        if (s.zipped.codewords == 0) // as many are read then as there are decoded bytes
+            continue;
+        const uint64_t room = random.one_in(2) ? s.wanted + 8 : random.between(0, s.wanted + 20);
+        const kel_status_t status = kel_unzip(ctx, &s.zipped, &from.codec, area.data + area.size - room, room);
+        ASSERT_TRUE(status == KEL_SUCCESS || status == KEL_EDATAFMT || status == KEL_EOVERFLOW) << status;
+    }
+}
+
 TEST(expansion, known_bytes)
 {
     test_context ctx(2, 0);
