@@ -40,10 +40,10 @@ void give(void *block, uint64_t size, void *live)
     free(block);
 }
 
-class session : request_parts
+class client : request_parts
 {
   public:
-    session(FuzzedDataProvider &data, uint32_t major) : request_parts(data, major)
+    client(FuzzedDataProvider &data, uint32_t major) : request_parts(data, major)
     {
         const kel_init_options_t allocator = {take, give, &live_bytes};
         require(kel_thread_init(version, 1, KEL_ALLOC, &allocator, &ctx) == KEL_SUCCESS);
@@ -58,7 +58,7 @@ class session : request_parts
             make_codec();
     }
 
-    ~session()
+    ~client()
     {
         if (codec)
             require(kel_zip_free(ctx, codec) == KEL_SUCCESS);
@@ -67,9 +67,9 @@ class session : request_parts
 
     void step()
     {
-        constexpr void (session::*plain[])() = {&session::select,  &session::extract,    &session::translate,
-                                                &session::logical, &session::copy,       &session::fill,
-                                                &session::nop,     &session::int_create, &session::poll};
+        constexpr void (client::*plain[])() = {&client::select,  &client::extract,    &client::translate,
+                                               &client::logical, &client::copy,       &client::fill,
+                                               &client::nop,     &client::int_create, &client::poll};
         form = one_in(4) ? twisted : one_in(8) ? hopeless : lawful;
         posted = one_in(2);
         silent = false;
@@ -291,7 +291,7 @@ extern "C" int __lsan_is_turned_off(void)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzedDataProvider input(data, size);
-    session requests(input, input.ConsumeIntegralInRange(1u, 2u));
+    client requests(input, input.ConsumeIntegralInRange(1u, 2u));
     for (unsigned n = 0; n == 0 || (n < 30 && input.remaining_bytes() > 0); n++)
         requests.step();
     return 0;
