@@ -1,8 +1,8 @@
 // A soak test: threads with contexts of their own make random requests against the models, and train codecs and use
 // them, while allocations fail at random.
 //
-//   soak MINUTES        a line a minute, and at the first difference the seed of the round that it was in
-//   soak MINUTES SEED   that round alone
+//   soak MINUTES               a line a minute, and at the first difference the seed of the round that it was in
+//   soak MINUTES SEED ROUNDS   the rounds of this seed and the seeds that follow it: with one round, that one alone
 #include "request_makers.h"
 #include <atomic>
 #include <chrono>
@@ -16,7 +16,7 @@ using std::chrono::steady_clock;
 namespace
 {
 
-std::atomic<uint64_t> requests_done, failures_injected;
+std::atomic<uint64_t> requests_done, failures_injected, next_seed;
 std::atomic<bool> failed;
 
 // What a thread keeps from round to round: its makers, which own the sources' memory.
@@ -216,17 +216,17 @@ bool passes(uint64_t seed, workplace &place)
     const std::lock_guard lock(telling);
     for (int i = 0; i < differences.size(); i++)
         fprintf(stderr, "%s\n", differences.GetTestPartResult(i).message());
-    fprintf(stderr, "The same round again: soak 1 %lu\n", seed);
+    fprintf(stderr, "The same round again: soak 1 %lu 1\n", seed);
     failed = true;
     return false;
 }
 
-void soak(steady_clock::time_point end, uint64_t seed)
+// Takes the rounds in turn, up to the end and to the last seed.
+void soak(steady_clock::time_point end, uint64_t first, uint64_t rounds)
 {
     const auto place = std::make_unique<workplace>();
-    random_source seeds(seed);
-    while (!failed && steady_clock::now() < end)
-        passes(seeds.word(), *place);
+    for (uint64_t seed; !failed && steady_clock::now() < end && (seed = next_seed++) - first < rounds;)
+        passes(seed, *place);
 }
 
 } // namespace
@@ -237,18 +237,17 @@ extern "C" void syslog(int, const char *, ...) {}
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    if (argc > 2)
-        return passes(strtoull(argv[2], nullptr, 0), *std::make_unique<workplace>()) ? 0 : 1;
-    const auto start = steady_clock::now();
     const std::chrono::duration<double, std::ratio<60>> minutes(argc > 1 ? atof(argv[1]) : 1);
-    const auto end = start + std::chrono::duration_cast<steady_clock::duration>(minutes);
-    std::vector<std::thread> threads(std::max(8u, 2 * std::thread::hardware_concurrency()));
-    std::random_device device;
+    const uint64_t first = argc > 2 ? strtoull(argv[2], nullptr, 0) : uint64_t{std::random_device()()} << 32;
+    const uint64_t rounds = argc > 3 ? strtoull(argv[3], nullptr, 0) : UINT64_MAX;
+    const auto start = steady_clock::now(), end = start + std::chrono::duration_cast<steady_clock::duration>(minutes);
+    next_seed = first;
+    std::vector<std::thread> threads(std::min<uint64_t>(std::max(8u, 2 * std::thread::hardware_concurrency()), rounds));
     for (std::thread &thread : threads)
-        thread = std::thread(soak, end, uint64_t{device()} << 32 | device());
-    for (auto line = start; line < end && !failed;) {
+        thread = std::thread(soak, end, first, rounds);
+    for (auto line = start; line < end && !failed && next_seed - first < rounds;) {
         line = std::min<steady_clock::time_point>(line + std::chrono::minutes(1), end);
-        while (!failed && steady_clock::now() < line)
+        while (!failed && next_seed - first < rounds && steady_clock::now() < line)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         printf("%lu requests, %lu allocations failed\n", requests_done.load(), failures_injected.load());
         fflush(stdout);
