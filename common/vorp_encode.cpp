@@ -435,8 +435,8 @@ namespace
 
 constexpr uint64_t random_access_limit = 33554432; // bytes of a source, so that places in the table fit
 
-// Writes codewords one behind the other, the first bit on top, over bits that are zero. Kept: room is tested for the
-// first of a codeword's two bytes alone.
+// Writes codewords one behind the other, the first bit on top, into bytes that are zero. Kept: room is tested for the
+// first of a codeword's two bytes alone. The second may lie behind the room, in a byte that holds anything.
 struct code_writer {
     uint8_t *buf;
     uint64_t capacity; // bytes
@@ -452,7 +452,7 @@ struct code_writer {
             const unsigned placed = code << (16 - width - bit);
             to[0] = static_cast<uint8_t>(to[0] | placed >> 8);
             if (bit + width > 8)
-                to[1] = static_cast<uint8_t>(to[1] | placed);
+                to[1] = static_cast<uint8_t>(placed);
         } else {
             overflow = true;
         }
@@ -481,24 +481,23 @@ uint64_t vorp_parse_fixed(const uint8_t *src, uint64_t srclen, uint8_t *buf, uin
                           uint64_t *count)
 {
     vorp_check(width <= widest_code, "vorp_parse_fixed: unexpected fixed-width length: %u\n", width);
-    *overflow = 0;
     const uint64_t table_bytes = start_random_access(srclen, config, buf);
     code_writer writer = {buf, buflen, width, table_bytes};
     const vorp_matcher matcher(dict->trie);
-    uint64_t codewords = 0;
-    for (uint64_t position = 0; position < srclen; codewords++) {
+    uint64_t position = 0, codewords = 0;
+    for (; position < srclen; codewords++) {
         const vorp_match_t match = matcher.longest(src + position, srclen - position);
-        if (match.length == 0) {
-            *count = codewords;
-            return 0;
-        }
+        if (match.length == 0)
+            break;
         writer.put(dict->nodes[match.id].code);
         position += match.length;
     }
     *overflow = writer.overflow;
+    *count = codewords;
+    if (position < srclen)
+        return 0;
     // Kept: the table counts twice, and a last, partial byte only if a codeword would have ended in it.
     *outlen = writer.at + table_bytes + (writer.bit + width < 8);
-    *count = codewords;
     return codewords;
 }
 

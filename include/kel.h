@@ -749,8 +749,8 @@ KEL_API kel_status_t kel_zip_get_contig(kel_context_t *ctx, const kel_zip_t *cod
  * KEL_ZIP vector that is otherwise like src, but for offset (0), codec (*codec) and codewords (count). *buflen is the
  * capacity of buf in bytes, and becomes the stream's length, which may leave out a last, partial byte, and may come out
  * one above the capacity: buf is to have two bytes behind its capacity, and a stream is stored with one byte behind its
- * length. buf is cleared first, also by calls that fail later. Equal sources give equal codecs and streams. Takes about
- * 4 MB of temporary memory from the context's allocator.
+ * length. buf is cleared first, as far as its capacity, also by calls that fail later. Equal sources give equal codecs
+ * and streams. Takes about 4 MB of temporary memory from the context's allocator.
  *
  * options: 0, or 1 for thorough training, which parses the whole source several times; either may do better. 0 cannot
  * compress sources below 20,000 bytes. src: any format but KEL_ZIP, in bytes from the start of data, offset 0. The
@@ -759,22 +759,23 @@ KEL_API kel_status_t kel_zip_get_contig(kel_context_t *ctx, const kel_zip_t *cod
  * KEL_SUCCESS; KEL_EINVAL: as validation says, or a KEL_VAR source without a byte: *codec is untouched; KEL_EZIP: the
  * source is not compressible (so is one of 8 bytes or less; *codec is null), or stream and codec together are larger
  * than it (*buflen is the stream's length): there is no codec, whatever *codec says; KEL_EOVERFLOW: buf is too small,
- * *buflen is what is needed; the codec has been made all the same, and is the caller's; KEL_ENOMEM: *codec is null.
- * Otherwise *buflen stays after a failure. count is the number of codewords, 0 after a failure. Training resets the
- * process's random sequence (srand48): threads that train at the same time disturb one another's choice of samples, and
- * may get other codecs, as good ones.
+ * *buflen is the stream's length, and a capacity of one byte more is sure to suffice; the codec has been made all the
+ * same, and is the caller's; KEL_ENOMEM: *codec is null. Otherwise *buflen stays after a failure. count is the number
+ * of codewords, 0 after a failure. Training resets the process's random sequence (srand48): threads that train at the
+ * same time disturb one another's choice of samples, and may get other codecs, as good ones.
  */
 KEL_API kel_result_t kel_zip(kel_context_t *ctx, uint64_t options, const kel_vec_t *src, void *buf, size_t *buflen,
                              kel_zip_t **codec);
 
 /**
- * Compresses the elements of src with a codec that there is already, by the longest symbol at each place. buf, *buflen,
- * count and temporary memory as above; a KEL_VAR source is taken by its elem_width, too.
+ * Compresses the elements of src with a codec that there is already, by the longest symbol at each place. A KEL_VAR
+ * source must declare the sum of its lengths as elements, and 1 as elem_width: as bytes it has elements times
+ * elem_width, whatever its lengths say. buf, *buflen, count and temporary memory as above.
  *
  * KEL_SUCCESS; KEL_EINVAL: as validation says; KEL_EDATAFMT: the codec has more than 1024 symbols, or symbols behind
  * its image; KEL_EZIP: at some place no symbol goes on with the source, or there is no byte to encode, or stream and
  * codec together are larger than the source (*buflen is the stream's length then); KEL_EOVERFLOW: buf is too small,
- * *buflen is what is needed; KEL_ENOMEM.
+ * *buflen as above; KEL_ENOMEM.
  */
 KEL_API kel_result_t kel_encode(kel_context_t *ctx, const kel_vec_t *src, void *buf, size_t *buflen,
                                 const kel_zip_t *codec);

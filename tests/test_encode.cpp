@@ -92,11 +92,13 @@ bool round_trip(test_context &ctx, uint64_t options, const bytes_t &source)
     EXPECT_EQ(expand(ctx, stream, codec, result.count, source.size()), source);
     EXPECT_LE(length + kel_zip_size(ctx, codec), source.size());
 
-    bytes_t again(stream.size());
-    size_t again_length = length + 1; // a last, partial byte may not be counted
+    // With no more room than told, but for a last codeword that starts in a byte which is not counted.
+    const uint64_t last_start = (result.count - 1) * zip_code_width(codec->nsyms) / 8;
+    size_t again_length = std::max(length, last_start + 1);
+    bytes_t again(again_length + 2, 0xA5);
     const kel_result_t encoded = kel_encode(ctx, &src, again.data(), &again_length, codec);
     EXPECT_TRUE(encoded.status == KEL_SUCCESS && encoded.count == result.count && again_length == length);
-    EXPECT_TRUE(std::equal(stream.begin(), stream.begin() + static_cast<ptrdiff_t>(length), again.begin()));
+    EXPECT_EQ(expand(ctx, again, codec, result.count, source.size()), source);
     EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
     return true;
 }
@@ -165,14 +167,15 @@ static void compare_training(const bytes_t &source, int level, uint64_t capacity
 {
     const training_model::result expected = training_model::trainer(source, level, met).run(capacity);
     bytes_t dictionary(vorp_dict_out_bytes, 0xCD);
-    bytes_t stream(capacity + 1, 0xEE);
-    stream[capacity] = 0;
+    bytes_t stream(capacity + 1, 0xFF);
     uint64_t length = 99, codewords = 99;
     const int outcome = vorp_kel_zip(source.data(), source.size(), stream.data(), capacity, &length, nullptr, nullptr,
                                      no_log, nullptr, static_cast<vorp_level_t>(level), dictionary.data(), &codewords);
     EXPECT_EQ(outcome, expected.outcome);
     EXPECT_EQ(length, expected.length);
     EXPECT_EQ(codewords, expected.codewords.value_or(99));
+    if (stream[capacity] == 0xFF) // no codeword has come so far
+        stream[capacity] = 0;
     EXPECT_EQ(stream, expected.stream);
     const auto written = dictionary.begin() + static_cast<ptrdiff_t>(expected.dictionary.size());
     EXPECT_EQ(bytes_t(dictionary.begin(), written), expected.dictionary);
@@ -429,6 +432,48 @@ TEST(training, damaged_codecs)
                                           " symbols passes its image of " + std::to_string(codec->dict_sz) + " bytes"});
         EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
     }
+}
+
+// Texts are trained on by their lengths, and encoded as the bytes that their vector declares.
+TEST(training, texts)
+{
+    test_context ctx;
+    const bytes_t source(24000, 'x'), lengths(source.size() / 8, 8);
+    bytes_t trained(source.size(), 0xA5), encoded = trained;
+    size_t length = source.size() - 2, again = length;
+    kel_vec_t src = byte_vec(source, KEL_VAR);
+    src.elements = lengths.size(), src.elem_width = 0, src.aux_width = 8;
+    src.aux_data = const_cast<uint8_t *>(lengths.data());
+    kel_zip_t *codec = nullptr;
+    const kel_result_t result = kel_zip(ctx, 1, &src, trained.data(), &length, &codec);
+    ASSERT_EQ(result.status, KEL_SUCCESS);
+    EXPECT_EQ(kel_encode(ctx, &src, encoded.data(), &again, codec).status, KEL_EZIP); // nothing is declared
+    src.elements = source.size(), src.elem_width = 1;
+    EXPECT_EQ(kel_encode(ctx, &src, encoded.data(), &again, codec).count, result.count);
+    EXPECT_EQ(std::tuple(again, encoded), std::tuple(length, trained));
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+}
+
+// A parse that breaks off tells all the same that it had no room.
+TEST(training, overflow_before_an_unknown_byte)
+{
+    vorp_log_t silent = {no_log, nullptr};
+    vorp_config_t config;
+    vorp_config_init(&config, VORP1, &silent);
+    vorp_mempool_t pool;
+    ASSERT_EQ(vorp_mempool_init(&config, &pool, vorp_pool_bytes, nullptr, nullptr, nullptr), 0);
+    vorp_dict_t dict;
+    const uint8_t widths[] = {0x11}, source[] = {'a', 'b', 'a', 'b', 'b', 'b', 'b', 'b', 'a', '?'};
+    make_vorp_dict(2, widths, source, nullptr, &pool, &dict);
+    for (const uint64_t capacity : {0, 1, 2}) {
+        uint8_t stream[3] = {};
+        uint64_t length = 99, count = 99;
+        int overflow = 99;
+        EXPECT_EQ(vorp_parse_fixed(source, 10, stream, capacity, &length, 1, &dict, &config, &overflow, &count), 0u);
+        EXPECT_EQ(std::tuple(overflow, length, count), std::tuple(capacity < 2, 99u, 9u));
+        EXPECT_EQ(stream[0], capacity == 0 ? 0 : 0b01011111);
+    }
+    free_vorp_dict(&dict);
 }
 
 TEST(training, lines)
