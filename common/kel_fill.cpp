@@ -56,7 +56,7 @@ void fill_unaligned(kel_context_t *ctx, void *dst, uint64_t pattern, uint64_t co
     put_top_bytes(to + (count - head) / 8 * 8, pattern, (count - head) % 8);
 }
 
-void memsetx(uint64_t *dst, uint64_t pattern, int n)
+void memsetx(uint64_t *dst, uint64_t pattern, int64_t n)
 {
     if (n > 0)
         put_words(reinterpret_cast<uint8_t *>(dst), pattern, static_cast<uint64_t>(n));
@@ -73,7 +73,7 @@ static uint64_t *aligned_words(void *dst, const char *function)
 
 uint64_t kel_fill_emulate(kel_context_t *, uint64_t, uint64_t pattern, void *dst, uint64_t count, uint32_t)
 {
-    memsetx(aligned_words(dst, __func__), pattern, static_cast<int>(count / 8));
+    memsetx(aligned_words(dst, __func__), pattern, static_cast<int64_t>(count / 8));
     return count & ~uint64_t{7};
 }
 
@@ -90,9 +90,9 @@ static void fill(kel_context_t *ctx, uint64_t val, void *dst, uint64_t count, ui
 
     auto *to = static_cast<uint8_t *>(dst) + first;
     const uint64_t at_word = advance_pattern(pattern, kel_distance_to(8, dst));
-    const int n = static_cast<int>((total - first) / 8); // kept: words are counted in 32 bits
-    memsetx(aligned_words(to, __func__), at_word, n);
-    const uint64_t filled = first + 8 * static_cast<uint64_t>(n);
+    const uint64_t words = (total - first) / 8;
+    memsetx(aligned_words(to, __func__), at_word, static_cast<int64_t>(words));
+    const uint64_t filled = first + 8 * words;
     fill_unaligned(ctx, static_cast<uint8_t *>(dst) + filled, at_word, total - filled);
 }
 

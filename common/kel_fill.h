@@ -10,7 +10,7 @@ uint64_t fill_value(uint64_t val, unsigned val_width);
 void fill_unaligned(kel_context_t *ctx, void *dst, uint64_t pattern, uint64_t count);
 
 // Writes the pattern to n words of 8 bytes at an aligned address; nothing if n is not positive.
-void memsetx(uint64_t *dst, uint64_t pattern, int n);
+void memsetx(uint64_t *dst, uint64_t pattern, int64_t n);
 
 // A fill of whole words. Answers the bytes written; an address that is not a multiple of 8 ends the program.
 uint64_t kel_fill_emulate(kel_context_t *ctx, uint64_t flags, uint64_t pattern, void *dst, uint64_t count,

@@ -600,8 +600,9 @@ KEL_API kel_result_t kel_extract(kel_context_t *ctx, uint64_t flags, const kel_v
  * (version 2), up to 2 to the 24th elements. val_width: the low bits of an element that make up its value, at most the
  * element's width; the lookup uses the whole element. KEL_DEBUG_EXTRA tests that val_width is not 0, that the bits
  * above it are zero, that every value lies in the bitmap, and that dst overlaps neither of the others; without it an
- * element past the bitmap reads what lies there. Of the bitmap the aligned 4 bytes around the bit of each element are
- * read, and its first 4; for elements of up to 8 bits all bytes.
+ * element past the bitmap reads what lies there. Those tests of elements take their number in 32 bits: of 2 to the 32nd
+ * elements they look at none, of one more at the first. Of the bitmap the aligned 4 bytes around the bit of each
+ * element are read, and its first 4; for elements of up to 8 bits all bytes that such elements can select a bit of.
  * flags: KEL_ONES_INDEX, KEL_INVERT, KEL_CACHE, KEL_NOWAIT.
  *
  * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD; KEL_EDATAFMT: a run of 0; KEL_EOVERFLOW: the destination is full. After the
@@ -649,8 +650,8 @@ KEL_API kel_result_t kel_copy(kel_context_t *ctx, uint64_t flags, const void *sr
  * a val_width of 4, bits of val above 32 spoil every second value. Nothing else is written; count of the result is 0.
  * flags: KEL_CACHE, KEL_NOWAIT.
  *
- * Validation looks at the low 8 bits of val_width alone: 257 passes, and fills 257 bytes of val for each value. A fill
- * of 2 GiB or more is to be made of several. KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD.
+ * Validation looks at the low 8 bits of val_width alone: 257 passes, and fills 257 bytes of val for each value.
+ * KEL_SUCCESS; KEL_EINVAL; KEL_ETHREAD.
  */
 KEL_API kel_result_t kel_fill(kel_context_t *ctx, uint64_t flags, uint64_t val, void *dst, uint64_t count,
                               uint32_t val_width);

@@ -84,15 +84,15 @@ KEL_AVX2 void interval_blocks(const uint8_t *data, const fields_t &fields, const
 // ---- Bitmaps --------------------------------------------------------------------------------------------------------
 
 // A bitmap of up to 256 bits stands in two registers: a byte of it is picked by an element's upper bits, and from that
-// a bit by its lower ones. Only its own bytes are read, so blocks with an element behind them are left to portable
-// code, which reads what lies there.
+// a bit by its lower ones. Only its own bytes are read, and of those the ones that elements of this width can select a
+// bit of; so blocks with an element behind them are left to portable code, which reads what lies there.
 KEL_AVX2 void small_bitmap_blocks(const uint8_t *data, const fields_t &fields, const bitmap_t &bitmap, uint64_t *masks,
                                   size_t n)
 {
     using loader_t = field_loader<16, true, for_packing>;
     const loader_t loader(fields);
     alignas(32) uint8_t bytes[32] = {};
-    const size_t size = std::min<uint64_t>((bitmap.bits + 7) / 8, sizeof bytes);
+    const size_t size = (std::min(bitmap.bits, uint64_t{1} << fields.width) + 7) / 8;
     memcpy(bytes, bitmap.data, size);
     const __m256i low = _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(bytes)));
     const __m256i high = _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(bytes + 16)));

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace
 {
@@ -187,6 +190,28 @@ TEST(fill, writers)
     EXPECT_EQ(ctx.messages(),
               lines_t{"fill, dstv(" + pointer_text(bytes + 3) + "), val(0xa1a2a3a4a5a6a7a8), count(4)\n"});
     EXPECT_DEATH(kel_fill_emulate(ctx, 0, 0, bytes + 1, 8, 8), "257.*\\(uintptr_t\\)dst & 0x7\\) == 0");
+}
+
+// Counts are not cut: a fill of 16 GiB goes up from its start, over what there is of its destination, and faults there.
+TEST(fill, sixteen_gigabytes)
+{
+    constexpr uint64_t size = uint64_t{1} << 34, present = uint64_t{1} << 16;
+    test_context ctx(2, 0);
+    auto *const memory =
+        static_cast<uint8_t *>(mmap(nullptr, 3 * size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    ASSERT_NE(memory, MAP_FAILED);
+    static uint8_t *start;
+    start = memory + size;
+    ASSERT_EQ(mprotect(start, present, PROT_READ | PROT_WRITE), 0);
+    struct sigaction action = {};
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = [](int, siginfo_t *fault, void *) {
+        const bool full = std::all_of(start, start + present, [](uint8_t byte) { return byte == 7; });
+        _exit(fault->si_addr == start + present && full ? 0 : 1);
+    };
+    EXPECT_EXIT((sigaction(SIGSEGV, &action, nullptr), kel_fill(ctx, 0, 7, start, size, 1)), testing::ExitedWithCode(0),
+                "");
+    munmap(memory, 3 * size);
 }
 
 // A posted fill is validated twice, and what the inner call says is lost.

@@ -102,7 +102,7 @@ TEST_F(vector_kernels, intervals)
     }
 }
 
-// Bitmaps end at the page that faults, but for the rest of a word; some say that they end before.
+// Bitmaps end at the page that faults, but for the rest of a word; some say that they end before, or far behind it.
 TEST_F(vector_kernels, bitmaps)
 {
     for (unsigned width = 1; width <= 20; width++) {
@@ -112,7 +112,7 @@ TEST_F(vector_kernels, bitmaps)
         for (unsigned i = 0; i < 5000; i++) {
             request_t request = any_request(1);
             request.fields = source.fields(width, request.fields.offset, request.blocks, random.one_in(2));
-            const uint64_t told = random.one_in(2) ? bits : random.between(1, bits);
+            const uint64_t told = random.one_in(2) ? bits : random.one_in(2) ? random.between(1, bits) : 1u << 24;
             ASSERT_NO_FATAL_FAILURE(compare_masks(request, bitmap_t{bytes.data, told, random.one_in(2)}));
         }
     }
