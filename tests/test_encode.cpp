@@ -1,4 +1,4 @@
-// Training and encoding from outside: what is compressed comes back, and every status and line.
+// Training and encoding: what is compressed comes back, every status and line, and the pool and the sort under them.
 
 #include "kel_zip.h"
 #include "support.h"
@@ -13,249 +13,127 @@ namespace
 
 using bytes_t = std::vector<uint8_t>;
 
-kel_vec_t byte_vec(const bytes_t &bytes, uint64_t format = KEL_BYTES)
+// A source, what it is compressed to, and the codec.
+struct coder {
+    coder(test_context &context, const bytes_t &source, uint64_t format = KEL_BYTES)
+        : ctx(context),
+          data(source), src{format, source.size(), const_cast<uint8_t *>(data.data()), 1, 0, 0, 0, nullptr, nullptr, 0}
+    {
+    }
+
+    kel_result_t zip(uint64_t options, size_t room)
+    {
+        make_room(room);
+        return kel_zip(ctx, options, &src, stream.data(), &length, &codec);
+    }
+
+    kel_result_t encode(size_t room)
+    {
+        make_room(room);
+        return kel_encode(ctx, &src, stream.data(), &length, codec);
+    }
+
+    void make_room(size_t room) // and something behind it
+    {
+        stream.assign(room / 8 * 8 + 16, 0xee);
+        length = room;
+    }
+
+    // What the stream gives back, by the public call.
+    bytes_t expanded(uint64_t codewords) const
+    {
+        kel_vec_t packed = src, dst = src;
+        packed.format |= KEL_ZIP;
+        packed.data = const_cast<uint8_t *>(stream.data());
+        packed.codec = codec;
+        packed.codewords = codewords;
+        const guarded_buffer out(data.size() / 64 * 64 + 128, 64);
+        dst.data = out.data;
+        EXPECT_EQ(kel_extract(ctx, 0, &packed, &dst).status, KEL_SUCCESS);
+        return {out.data, out.data + data.size()};
+    }
+
+    void free()
+    {
+        EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+    }
+
+    test_context &ctx;
+    const bytes_t data;
+    kel_vec_t src;
+    bytes_t stream;
+    size_t length = 0;
+    kel_zip_t *codec = static_cast<kel_zip_t *>(at(0x40));
+};
+
+// ---- Sources --------------------------------------------------------------------------------------------------------
+
+// Words of one length or of several, out of an alphabet.
+std::vector<std::string> draw_words(random_source &random, uint64_t words, uint64_t shortest, uint64_t longest,
+                                    uint64_t low, uint64_t high)
 {
-    kel_vec_t vec = {};
-    vec.format = format;
-    vec.elements = bytes.size();
-    vec.elem_width = 1;
-    vec.data = const_cast<uint8_t *>(bytes.data());
-    return vec;
+    std::vector<std::string> list(words);
+    for (std::string &word : list)
+        for (uint64_t letters = random.between(shortest, longest); letters > 0; letters--)
+            word += static_cast<char>(random.between(low, high));
+    return list;
 }
 
-// Texts of few or many words, lines, numbers, runs, records, noise.
+// Pieces one after the other, the last one cut.
+template <class Piece>
+bytes_t made_of(uint64_t size, const Piece &piece)
+{
+    std::string text;
+    while (text.size() < size)
+        text += piece(text.size());
+    return {text.begin(), text.begin() + static_cast<ptrdiff_t>(size)};
+}
+
+// Texts of few or many words, lines, numbers, runs, noise.
 bytes_t any_source(random_source &random, uint64_t size)
 {
-    bytes_t bytes;
     const uint64_t kind = random.between(0, 5);
-    std::vector<std::string> words(random.one_in(2) ? random.between(2, 60) : random.between(60, 3000));
-    for (std::string &word : words)
-        for (uint64_t letters = random.between(1, 12); letters > 0; letters--)
-            word += static_cast<char>(kind == 0 ? random.between('a', 'h') : random.between(' ', 'z'));
-    while (bytes.size() < size) {
-        std::string piece;
+    const auto words = draw_words(random, random.one_in(2) ? random.between(2, 60) : random.between(60, 3000), 1, 12,
+                                  kind == 0 ? 'a' : ' ', kind == 0 ? 'h' : 'z');
+    return made_of(size, [&](uint64_t place) -> std::string {
         switch (kind) {
         case 0:
         case 1:
-            piece = words[random.between(0, random.between(0, words.size() - 1))] + ' ';
-            break;
+            return words[random.between(0, random.between(0, words.size() - 1))] + ' ';
         case 2:
-            piece = "id=" + std::to_string(random.between(0, 99999)) + " " + words[bytes.size() % words.size()] + "\n";
-            break;
+            return "id=" + std::to_string(random.between(0, 99999)) + " " + words[place % words.size()] + "\n";
         case 3: {
             const uint64_t number = random.between(0, uint64_t{1} << random.between(1, 20));
-            for (unsigned shift = 32; shift > 0; shift -= 8)
-                piece += static_cast<char>(number >> (shift - 8));
-            break;
+            return {0, static_cast<char>(number >> 16), static_cast<char>(number >> 8), static_cast<char>(number)};
         }
         case 4:
-            piece = std::string(random.between(1, 300), static_cast<char>(random.between(0, 3)));
-            break;
+            return std::string(random.between(1, 300), static_cast<char>(random.between(0, 3)));
         default:
-            piece = random.one_in(20) ? std::string(1, static_cast<char>(random.word())) : words[0];
+            return random.one_in(20) ? std::string(1, static_cast<char>(random.word())) : words[0];
         }
-        bytes.insert(bytes.end(), piece.begin(), piece.end());
-    }
-    bytes.resize(size);
-    return bytes;
+    });
 }
 
-// What a codec and a stream give back, by the public call.
-bytes_t expand(kel_context_t *ctx, const bytes_t &stream, kel_zip_t *codec, uint64_t codewords, uint64_t size)
+// Few words: under thorough training the row rule shortens their dictionaries, below powers of two as well.
+bytes_t few_words(random_source &random)
 {
-    std::vector<uint64_t> aligned((size + 63) / 64 * 8 + 24);
-    auto *out = reinterpret_cast<uint8_t *>((reinterpret_cast<uintptr_t>(aligned.data()) + 63) & ~uintptr_t{63});
-    kel_vec_t packed = byte_vec(stream, KEL_ZIP);
-    packed.elements = size;
-    packed.codec = codec;
-    packed.codewords = codewords;
-    kel_vec_t dst = byte_vec({});
-    dst.elements = size;
-    dst.data = out;
-    EXPECT_EQ(kel_extract(ctx, 0, &packed, &dst).status, KEL_SUCCESS);
-    return {out, out + size};
-}
-
-// Compresses, and compares what comes back, also from a second encoding; true if the source was compressible.
-bool round_trip(test_context &ctx, uint64_t options, const bytes_t &source)
-{
-    const kel_vec_t src = byte_vec(source);
-    bytes_t stream(2 * source.size() + 16);
-    size_t length = stream.size() - 1;
-    kel_zip_t *codec = nullptr;
-    const kel_result_t result = kel_zip(ctx, options, &src, stream.data(), &length, &codec);
-    if (result.status != KEL_SUCCESS) {
-        EXPECT_EQ(result.status, KEL_EZIP);
-        EXPECT_EQ(result.count, 0u);
-        return false;
-    }
-    EXPECT_EQ(expand(ctx, stream, codec, result.count, source.size()), source);
-    EXPECT_LE(length + kel_zip_size(ctx, codec), source.size());
-
-    // With no more room than told, but for a last codeword that starts in a byte which is not counted.
-    const uint64_t last_start = (result.count - 1) * zip_code_width(codec->nsyms) / 8;
-    size_t again_length = std::max(length, last_start + 1);
-    bytes_t again(again_length + 2, 0xA5);
-    const kel_result_t encoded = kel_encode(ctx, &src, again.data(), &again_length, codec);
-    EXPECT_TRUE(encoded.status == KEL_SUCCESS && encoded.count == result.count && again_length == length);
-    EXPECT_EQ(expand(ctx, again, codec, result.count, source.size()), source);
-    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
-    return true;
-}
-
-} // namespace
-
-TEST(training, round_trips)
-{
-    random_source random(61);
-    unsigned compressed = 0;
-    for (const uint32_t version : {1u, 2u}) {
-        test_context ctx(version, KEL_DEBUG_ARG, 0);
-        for (unsigned i = 0; i < 1050; i++) {
-            const uint64_t size = random.one_in(4)     ? random.between(9, 100)
-                                  : random.one_in(3)   ? random.between(100, 1500)
-                                  : random.one_in(150) ? random.between(100000, 4000000)
-                                  : random.one_in(3)   ? random.between(15000, 30000)
-                                                       : random.between(1500, 8000);
-            compressed += round_trip(ctx, random.between(0, 1), any_source(random, size));
-            ASSERT_FALSE(testing::Test::HasFailure()) << "case " << i;
-        }
-    }
-    EXPECT_GT(compressed, 500u);
-}
-
-// Texts of few words under thorough training: the row rule shortens their dictionaries, below powers of two as well.
-TEST(training, shortened_dictionaries)
-{
-    random_source random(62);
-    test_context ctx(2, KEL_DEBUG_ARG, 0);
-    for (unsigned i = 0; i < 300; i++) {
-        bytes_t source;
-        std::vector<std::string> words(random.between(20, 90));
-        for (std::string &word : words)
-            for (uint64_t letters = random.between(3, 9); letters > 0; letters--)
-                word += static_cast<char>(random.between('a', 'z'));
-        while (source.size() < random.between(20000, 60000)) {
-            const std::string &word = random.pick({words[0], words[1], words[random.between(0, words.size() - 1)]});
-            source.insert(source.end(), word.begin(), word.end());
-        }
-        EXPECT_TRUE(round_trip(ctx, 1, source)) << "case " << i;
-        ASSERT_FALSE(testing::Test::HasFailure()) << "case " << i;
-    }
-}
-
-static void no_log(void *, const char *, ...) {}
-
-// What the pool has served when the table stands.
-static uint64_t pool_used(const bytes_t &source, vorp_level_t level)
-{
-    vorp_log_t silent = {no_log, nullptr};
-    vorp_config_t config;
-    vorp_config_init(&config, level, &silent);
-    vorp_adjust_dictionary_size(source.size(), &config);
-    vorp_mempool_t pool;
-    EXPECT_EQ(vorp_mempool_init(&config, &pool, vorp_pool_bytes, nullptr, nullptr, nullptr), 0);
-    auto *table = pool_objects<vorp_table_t>(&pool, 1, "table_create");
-    vorp_dict_t *dict = nullptr;
-    vorp_table_create(source.data(), source.size(), &config, table, &pool, &dict);
-    const uint64_t used = pool.used[0];
-    vorp_mempool_release(&pool);
-    return used;
-}
-
-static void compare_training(const bytes_t &source, int level, uint64_t capacity, training_model::coverage &met)
-{
-    const training_model::result expected = training_model::trainer(source, level, met).run(capacity);
-    bytes_t dictionary(vorp_dict_out_bytes, 0xCD);
-    bytes_t stream(capacity + 1, 0xFF);
-    uint64_t length = 99, codewords = 99;
-    const int outcome = vorp_kel_zip(source.data(), source.size(), stream.data(), capacity, &length, nullptr, nullptr,
-                                     no_log, nullptr, static_cast<vorp_level_t>(level), dictionary.data(), &codewords);
-    EXPECT_EQ(outcome, expected.outcome);
-    EXPECT_EQ(length, expected.length);
-    EXPECT_EQ(codewords, expected.codewords.value_or(99));
-    if (stream[capacity] == 0xFF) // no codeword has come so far
-        stream[capacity] = 0;
-    EXPECT_EQ(stream, expected.stream);
-    const auto written = dictionary.begin() + static_cast<ptrdiff_t>(expected.dictionary.size());
-    EXPECT_EQ(bytes_t(dictionary.begin(), written), expected.dictionary);
-    EXPECT_TRUE(std::all_of(written, dictionary.end(), [](uint8_t byte) { return byte == 0xCD; }));
-    if (outcome >= 0) {
-        EXPECT_EQ(pool_used(source, static_cast<vorp_level_t>(level)), expected.pool_used);
-    }
+    const auto words = draw_words(random, random.between(20, 90), 3, 9, 'a', 'z');
+    return made_of(random.between(20000, 60000), [&](uint64_t) {
+        return random.pick({words[0], words[1], words[random.between(0, words.size() - 1)]});
+    });
 }
 
 // Words of one length, one after the other: all their parts are frequent, and the dictionary is full.
-static bytes_t dense_words(uint64_t seed, uint64_t words, uint64_t letters, uint64_t alphabet, uint64_t size)
+bytes_t dense_words(uint64_t seed, uint64_t words, uint64_t letters, uint64_t alphabet, uint64_t size)
 {
     random_source random(seed);
-    bytes_t list(words * letters), bytes;
-    for (uint8_t &letter : list)
-        letter = random.between<uint8_t>(1, alphabet);
-    while (bytes.size() < size) {
-        const auto word = list.begin() + static_cast<ptrdiff_t>(letters * random.between(0, words - 1));
-        bytes.insert(bytes.end(), word, word + static_cast<ptrdiff_t>(letters));
-    }
-    return bytes;
-}
-
-// The format's own encoder, with random access: the table's first entry, and its length counted twice. The dictionary's
-// section then has the distance of each symbol from its offset's own place.
-static void compare_random_access(const bytes_t &source)
-{
-    training_model::coverage met;
-    const training_model::result expected = training_model::trainer(source, VORP2, met).run(source.size());
-    constexpr int16_t interval = 64;
-    const uint64_t entries = (source.size() + interval - 1) / interval;
-    std::vector<uint64_t> in(source.size() / 8 + 1), out(entries + source.size() / 8 + 1);
-    memcpy(in.data(), source.data(), source.size());
-    vorp_log_t silent = {no_log, nullptr};
-    uint64_t length = 0;
-    EXPECT_EQ(vorp_encode(&silent, 0, in.data(), source.size(), out.data(), &length, 8 * out.size(), VORP2, nullptr,
-                          nullptr, nullptr, 1, interval),
-              0);
-    EXPECT_EQ(length, expected.length + 2 * 8 * entries);
-    EXPECT_EQ(kel_load_be<uint64_t>(out.data()), entries << 42);
-    EXPECT_TRUE(std::all_of(out.begin() + 1, out.begin() + static_cast<ptrdiff_t>(entries), [](auto w) { return !w; }));
-    EXPECT_EQ(memcmp(out.data() + entries, expected.stream.data(), expected.length), 0);
-}
-
-static void compare_offsets()
-{
-    std::vector<vorp_table_entry_t> entries;
-    bytes_t symbols = {'a', 'b', 'b', 'c', 'd', 'd', 'd', 'e'};
-    for (const auto &[place, length] : {std::pair{0, 1}, {1, 2}, {3, 1}, {4, 3}, {7, 1}})
-        entries.push_back({symbols.data() + place, static_cast<uint8_t>(length), 0});
-    vorp_log_t silent = {no_log, nullptr};
-    vorp_config_t config;
-    vorp_config_init(&config, VORP1, &silent);
-    config.ra_interval = 8;
-    vorp_table_t table = {};
-    table.entries = entries.data();
-    table.entry_count = 5;
-    bytes_t out(100);
-    out.resize(vorp_copy_dict_to_output_fixed(&table, &config, out.data()));
-    EXPECT_EQ(hex(out.data(), out.size()), "0005"
-                                           "121310"
-                                           "000a"
-                                           "0009"
-                                           "0009"
-                                           "0008"
-                                           "0009"
-                                           "6162626364646465");
-}
-
-TEST(training, random_access)
-{
-    random_source random(66);
-    for (const uint64_t size : {3000u, 25000u})
-        compare_random_access(dense_words(random.word(), 30, 5, 26, size));
-    compare_offsets();
+    const auto list = draw_words(random, words, letters, letters, 1, alphabet);
+    return made_of(size, [&](uint64_t) { return list[random.between(0, words - 1)]; });
 }
 
 // A source that knows where training looks: as many n-grams of 2 bytes as can be are drawn twice each, and then triples
 // of 3 bytes.
-static bytes_t drawn_twice(uint64_t triples)
+bytes_t drawn_twice(uint64_t triples)
 {
     constexpr uint64_t base = 2048;
     bytes_t bytes(2100000, ' ');
@@ -269,41 +147,149 @@ static bytes_t drawn_twice(uint64_t triples)
     return bytes;
 }
 
+// ---- Training and parsing -------------------------------------------------------------------------------------------
+
+void no_log(void *, const char *, ...) {}
+vorp_log_t silent = {no_log, nullptr};
+
+vorp_config_t configured(vorp_level_t level, vorp_log_t *log = &silent)
+{
+    vorp_config_t config;
+    vorp_config_init(&config, level, log);
+    return config;
+}
+
+// What the pool has served when the table stands.
+uint64_t pool_used(const bytes_t &source, vorp_level_t level)
+{
+    vorp_config_t config = configured(level);
+    vorp_adjust_dictionary_size(source.size(), &config);
+    vorp_mempool_t pool;
+    EXPECT_EQ(vorp_mempool_init(&config, &pool, vorp_pool_bytes, nullptr, nullptr, nullptr), 0);
+    vorp_dict_t *dict = nullptr;
+    vorp_table_create(source.data(), source.size(), &config, pool_objects<vorp_table_t>(&pool, 1, ""), &pool, &dict);
+    const uint64_t used = pool.used[0];
+    vorp_mempool_release(&pool);
+    return used;
+}
+
+void compare_training(const bytes_t &source, vorp_level_t level, uint64_t capacity, training_model::coverage &met)
+{
+    const training_model::result expected = training_model::trainer(source, level, met).run(capacity);
+    bytes_t dictionary(vorp_dict_out_bytes, 0xcd), stream(capacity + 1, 0xff), written = expected.dictionary;
+    written.resize(dictionary.size(), 0xcd);
+    uint64_t length = 99, codewords = 99;
+    const int outcome = vorp_kel_zip(source.data(), source.size(), stream.data(), capacity, &length, nullptr, nullptr,
+                                     no_log, nullptr, level, dictionary.data(), &codewords);
+    EXPECT_EQ(std::tuple(outcome, length, codewords),
+              std::tuple(expected.outcome, expected.length, expected.codewords.value_or(99)));
+    if (stream[capacity] == 0xff) // no codeword has come so far
+        stream[capacity] = 0;
+    EXPECT_TRUE(stream == expected.stream && dictionary == written);
+    if (outcome >= 0) {
+        EXPECT_EQ(pool_used(source, level), expected.pool_used);
+    }
+}
+
+// Compresses, and compares what comes back, also from a second encoding; true if the source was compressible.
+bool round_trip(test_context &ctx, uint64_t options, const bytes_t &source)
+{
+    coder c(ctx, source);
+    const kel_result_t result = c.zip(options, 2 * source.size() + 15);
+    if (result.status != KEL_SUCCESS) {
+        EXPECT_TRUE(result.status == KEL_EZIP && result.count == 0);
+        return false;
+    }
+    const size_t length = c.length;
+    EXPECT_EQ(c.expanded(result.count), source);
+    EXPECT_LE(length + kel_zip_size(ctx, c.codec), source.size());
+    // With no more room than told, but for a last codeword that starts in a byte which is not counted.
+    const kel_result_t encoded =
+        c.encode(std::max(length, (result.count - 1) * zip_code_width(c.codec->nsyms) / 8 + 1));
+    EXPECT_TRUE(encoded.status == KEL_SUCCESS && encoded.count == result.count && c.length == length);
+    EXPECT_EQ(c.expanded(result.count), source);
+    c.free();
+    return true;
+}
+
 TEST(training, like_a_second_formulation)
 {
     random_source random(65);
     training_model::coverage met;
-    test_context ctx(2, KEL_DEBUG_ARG, 0);
-    for (unsigned i = 0; i < 400; i++) {
+    test_context contexts[] = {test_context(1, KEL_DEBUG_ARG, 0), test_context(2, KEL_DEBUG_ARG, 0)};
+    const auto check = [&](const bytes_t &source, vorp_level_t level, uint64_t capacity) {
+        compare_training(source, level, capacity, met);
+        if (level >= VORP3)
+            met["compressed"] += round_trip(contexts[random.between(0, 1)], level == VORP4, source);
+    };
+    for (unsigned i = 0; i < 500 && !HasFailure(); i++) {
         const uint64_t size = random.one_in(3)    ? random.between(1, 200)
                               : random.one_in(3)  ? random.between(19990, 20010)
-                              : random.one_in(20) ? random.between(20000, 400000)
+                              : random.one_in(30) ? random.between(20000, 400000)
                                                   : random.between(200, 30000);
         const uint64_t capacity = random.one_in(4) ? random.between(0, size) : 2 * size + 16;
-        compare_training(any_source(random, size), random.between<int>(VORP1, VORP4), capacity, met);
-        ASSERT_FALSE(testing::Test::HasFailure()) << "case " << i;
+        check(any_source(random, size), random.pick({VORP1, VORP2, VORP3, VORP3, VORP4, VORP4}), capacity);
     }
-    for (unsigned i = 0; i < 24; i++) {
-        const bytes_t source = dense_words(i, random.between(60, 900), random.between(6, 8), random.between(40, 250),
-                                           random.between(30000, 150000));
-        const uint64_t options = random.between(0, 1);
-        compare_training(source, options ? VORP4 : VORP3, source.size(), met);
-        round_trip(ctx, options, source);
-        ASSERT_FALSE(testing::Test::HasFailure()) << "dense case " << i;
-    }
+    for (unsigned i = 0; i < 60 && !HasFailure(); i++)
+        check(few_words(random), VORP4, 100000);
+    for (unsigned i = 0; i < 24 && !HasFailure(); i++)
+        check(dense_words(i, random.between(60, 900), random.between(6, 8), random.between(40, 250),
+                          random.between(30000, 150000)),
+              random.pick({VORP3, VORP4}), 150000);
     for (const auto &[words, alphabet] : {std::pair{1500u, 20u}, {6000u, 20u}, {1500u, 250u}})
-        compare_training(dense_words(1, words, 8, alphabet, 2100000), VORP3, 2100000, met);
+        check(dense_words(1, words, 8, alphabet, 2100000), VORP3, 2100000);
     for (const uint64_t triples : {1500u, 6144u}) // nodes suffice if they are used again; they do not
-        compare_training(drawn_twice(triples), VORP3, 2100000, met);
-    EXPECT_GT(met.cut_rounds, 20u);
-    EXPECT_GT(met.power_lost, 0u);
-    EXPECT_GT(met.last_columns, 0u);
-    EXPECT_GT(met.not_worth, 20u);
-    EXPECT_GT(met.no_nodes, 0u);
-    EXPECT_GT(met.exhausted, met.no_nodes); // the others have no memory left
-    EXPECT_GT(met.reused, 0u);
-    EXPECT_GT(met.reuse_full, 0u);
+        check(drawn_twice(triples), VORP3, 2100000);
+    for (const auto &[what, least] : training_model::coverage{{"cut rounds", 20},
+                                                              {"power lost", 1},
+                                                              {"last columns", 1},
+                                                              {"not worth", 20},
+                                                              {"no nodes", 1},
+                                                              {"exhausted", met["no nodes"] + 1}, // no memory left
+                                                              {"reused", 1},
+                                                              {"reuse full", 1},
+                                                              {"compressed", 100}})
+        EXPECT_GE(met[what], least) << what;
 }
+
+// The format's own encoder, with random access: the table's first entry, and its length counted twice.
+TEST(training, random_access)
+{
+    for (const uint64_t size : {3000u, 25000u}) {
+        const bytes_t source = dense_words(size, 30, 5, 26, size);
+        training_model::coverage met;
+        const training_model::result expected = training_model::trainer(source, VORP2, met).run(size);
+        constexpr int16_t interval = 64;
+        const uint64_t entries = (size + interval - 1) / interval;
+        std::vector<uint64_t> in(size / 8 + 1), out(entries + size / 8 + 1), table(entries);
+        memcpy(in.data(), source.data(), size);
+        kel_store_be(table.data(), entries << 42);
+        uint64_t length = 0;
+        EXPECT_EQ(vorp_encode(&silent, 0, in.data(), size, out.data(), &length, 8 * out.size(), VORP2, nullptr, nullptr,
+                              nullptr, 1, interval),
+                  0);
+        EXPECT_EQ(length, expected.length + 2 * 8 * entries);
+        EXPECT_TRUE(std::equal(table.begin(), table.end(), out.begin()));
+        EXPECT_EQ(memcmp(out.data() + entries, expected.stream.data(), expected.length), 0);
+    }
+}
+
+// The dictionary's section then has the distance of each symbol from its offset's own place.
+TEST(training, offsets)
+{
+    uint8_t symbols[] = {'a', 'b', 'b', 'c', 'd', 'd', 'd', 'e'}, out[100];
+    vorp_table_entry_t entries[] = {
+        {symbols, 1, 0}, {symbols + 1, 2, 0}, {symbols + 3, 1, 0}, {symbols + 4, 3, 0}, {symbols + 7, 1, 0}};
+    vorp_config_t config = configured(VORP1);
+    config.ra_interval = 8;
+    vorp_table_t table = {};
+    table.entries = entries;
+    table.entry_count = 5;
+    EXPECT_EQ(hex(out, vorp_copy_dict_to_output_fixed(&table, &config, out)),
+              "0005121310000a00090009000800096162626364646465");
+}
+
+// ---- Statuses and lines ---------------------------------------------------------------------------------------------
 
 TEST(training, memory)
 {
@@ -311,22 +297,17 @@ TEST(training, memory)
     const bytes_t source = any_source(random, 30000);
     for (size_t misaligned = 0; misaligned < 8; misaligned++)
         for (size_t failing = 0; failing < 4; failing++) { // pool, record, image
-            block_store store;
-            store.misaligned = misaligned;
+            block_store store = {.misaligned = misaligned};
             const kel_init_options_t options = store.options();
             test_context ctx(2, KEL_DEBUG_ARG, 0, &options);
             const size_t live = store.live.size();
+            coder c(ctx, source);
             store.failing = failing == 0 ? 0 : store.requests.size() + failing;
-            bytes_t stream(source.size() + 1);
-            size_t length = source.size();
-            kel_zip_t *codec = nullptr;
-            const kel_vec_t src = byte_vec(source);
-            const kel_result_t result = kel_zip(ctx, 1, &src, stream.data(), &length, &codec);
-            ASSERT_EQ(result.status, failing == 0 ? KEL_SUCCESS : KEL_ENOMEM);
+            ASSERT_EQ(c.zip(1, source.size()).status, failing == 0 ? KEL_SUCCESS : KEL_ENOMEM);
             if (failing == 0) {
                 store.failing = store.requests.size() + 1;
-                EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).status, KEL_ENOMEM);
-                EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+                EXPECT_EQ(c.encode(source.size()).status, KEL_ENOMEM);
+                c.free();
             }
             EXPECT_EQ(store.live.size(), live);
         }
@@ -335,102 +316,79 @@ TEST(training, memory)
 TEST(training, overflow_and_retry)
 {
     random_source random(64);
-    const bytes_t source = any_source(random, 25000);
-    const kel_vec_t src = byte_vec(source);
     test_context ctx;
-    bytes_t stream(source.size());
-    size_t needed = source.size() - 1;
-    kel_zip_t *codec = nullptr;
-    const uint64_t count = kel_zip(ctx, 1, &src, stream.data(), &needed, &codec).count;
-    ASSERT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
-    size_t length = needed - 2;
-    kel_result_t result = kel_zip(ctx, 1, &src, stream.data(), &length, &codec);
-    EXPECT_TRUE(result.status == KEL_EOVERFLOW && result.count == 0 && length == needed && codec != nullptr);
-    const std::string size = std::to_string(needed);
-    EXPECT_EQ(ctx.messages(), lines_t{"Compression buffer overflow. buffer size = " + size + ", needed = " + size});
-    length = needed - 2;
-    EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).status, KEL_EOVERFLOW);
-    EXPECT_EQ(ctx.messages(), lines_t{"Compression buffer overflow. buffer size = " + std::to_string(needed - 2) +
-                                      ", needed = " + size});
-    result = kel_encode(ctx, &src, stream.data(), &length, codec);
-    EXPECT_TRUE(result.status == KEL_SUCCESS && result.count == count && length == needed);
-    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+    coder c(ctx, any_source(random, 25000));
+    const uint64_t count = c.zip(1, 24999).count;
+    const size_t needed = c.length;
+    c.free();
+    const auto report = [&](size_t room) {
+        return lines_t{"Compression buffer overflow. buffer size = " + std::to_string(room) +
+                       ", needed = " + std::to_string(needed)};
+    };
+    const kel_result_t cut = c.zip(1, needed - 2);
+    EXPECT_TRUE(cut.status == KEL_EOVERFLOW && cut.count == 0 && c.length == needed && c.codec != nullptr);
+    EXPECT_EQ(ctx.messages(), report(needed));
+    EXPECT_EQ(c.encode(needed - 2).status, KEL_EOVERFLOW);
+    EXPECT_EQ(ctx.messages(), report(needed - 2));
+    const kel_result_t whole = c.encode(needed);
+    EXPECT_TRUE(whole.status == KEL_SUCCESS && whole.count == count && c.length == needed);
+    c.free();
 }
 
 TEST(training, refusals)
 {
     test_context ctx(1);
-    bytes_t source(9000, 'x');
-    bytes_t stream(20000);
-    size_t length = 10000;
-    auto *const untouched = static_cast<kel_zip_t *>(at(0x40));
-    kel_zip_t *codec = untouched;
-    const auto train = [&](uint64_t options, const kel_vec_t &src) {
-        length = 10000;
-        return kel_zip(ctx, options, &src, stream.data(), &length, &codec).status;
+    const auto refused = [&](coder &c, kel_status_t status, const lines_t &lines) {
+        EXPECT_EQ(c.zip(0, 10000).status, status);
+        EXPECT_EQ(ctx.messages(), lines);
     };
-    kel_vec_t src = byte_vec(source, KEL_ZIP | KEL_BITS);
-    src.elem_width = 17;
-    EXPECT_EQ(train(6, src), KEL_EINVAL);
-    EXPECT_EQ(ctx.messages(),
-              (lines_t{"bad options 0x6", "Invalid src elem_width 17 bits; must be 1-16 bits or 1-16 bytes",
-                       "Invalid src format: zip"}));
-    EXPECT_EQ(codec, untouched);
-    length = 10000;
-    EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, nullptr).status, KEL_EINVAL);
-    EXPECT_EQ(ctx.messages(),
-              (lines_t{"Invalid src elem_width 17 bits; must be 1-16 bits or 1-16 bytes", "Invalid src format: zip"}));
-    src = byte_vec({}, KEL_VAR);
-    src.aux_width = 8;
-    EXPECT_EQ(train(0, src), KEL_EINVAL);
-    EXPECT_EQ(ctx.messages(), lines_t{});
-    EXPECT_EQ(codec, untouched);
+    const bytes_t same(9000, 'x');
+    const std::string wide = "Invalid src elem_width 17 bits; must be 1-16 bits or 1-16 bytes";
+    coder bad(ctx, same, KEL_ZIP | KEL_BITS), nothing(ctx, {}, KEL_VAR), small(ctx, bytes_t(8, 'x')), known(ctx, same);
+    bad.src.elem_width = 17;
+    refused(bad, KEL_EINVAL, {wide, "Invalid src format: zip"});
+    EXPECT_EQ(bad.encode(10000).status, KEL_EINVAL);
+    EXPECT_EQ(ctx.messages(), (lines_t{wide, "Invalid src format: zip"}));
+    EXPECT_EQ(known.zip(6, 10000).status, KEL_EINVAL);
+    EXPECT_EQ(ctx.messages(), lines_t{"bad options 0x6"});
+    nothing.src.aux_width = 8;
+    refused(nothing, KEL_EINVAL, {});
+    EXPECT_TRUE(bad.codec == at(0x40) && known.codec == at(0x40) && nothing.codec == at(0x40));
 
     ctx->log.options |= KEL_LOG_PERF;
-    src = byte_vec(bytes_t(8, 'x'));
-    const lines_t exhausted = {"Too many candidate symbols; temp space limit exceeded.  Data is not compressible."};
-    EXPECT_EQ(train(0, byte_vec(bytes_t(8, 'x'))), KEL_EZIP);
-    EXPECT_EQ(ctx.messages(), exhausted);
-    EXPECT_EQ(codec, nullptr);
+    refused(small, KEL_EZIP, {"Too many candidate symbols; temp space limit exceeded.  Data is not compressible."});
+    EXPECT_EQ(small.codec, nullptr);
     ctx->log.options = KEL_LOG_ERROR;
-    EXPECT_EQ(train(0, byte_vec(source)), KEL_EZIP); // all single bytes fill the dictionary of a small source
+    EXPECT_EQ(known.zip(0, 10000).status, KEL_EZIP); // all single bytes fill the dictionary of a small source
     EXPECT_EQ(ctx.messages().at(0).substr(0, 37), "Negative compression. dst + codec len");
 
-    // A codec that lacks a byte.
-    const uint8_t widths[] = {0x10};
-    ASSERT_EQ(kel_zip_create(ctx, 1, widths, source.data(), &codec), KEL_SUCCESS);
-    source[5000] = 'y';
-    length = 10000;
-    src = byte_vec(source);
-    EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).status, KEL_EZIP);
+    const uint8_t width = 0x10, other = 'y'; // of a codec that lacks a byte
+    ASSERT_EQ(kel_zip_create(ctx, 1, &width, &other, &known.codec), KEL_SUCCESS);
+    EXPECT_EQ(known.encode(10000).status, KEL_EZIP);
     EXPECT_EQ(ctx.messages(), lines_t{"Some bytes in src cannot be encoded with codec"});
-    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
-
+    known.free();
     ctx.disown();
-    EXPECT_EQ(train(0, src), KEL_EINVAL);
-    EXPECT_EQ(ctx.messages(), lines_t{test_context::wrong_thread()});
+    refused(known, KEL_EINVAL, {test_context::wrong_thread()});
 }
 
 // Codecs that validation has not tested: too many symbols, and symbols behind the image.
 TEST(training, damaged_codecs)
 {
     test_context ctx(2, 0);
-    bytes_t source(9000, 'x'), stream(20000);
-    size_t length = 10000;
-    const kel_vec_t src = byte_vec(source);
-    kel_zip_t *codec = nullptr;
-    for (const unsigned nsyms : {5000u, 200u}) {
-        bytes_t image(nsyms > 1024 ? 45000 : 1024, 0x88);
-        kel_store_be(image.data(), static_cast<uint16_t>(nsyms));
-        const guarded_buffer aligned(image.size(), 16);
-        memcpy(aligned.data, image.data(), image.size());
-        ASSERT_EQ(nsyms > 1024 ? kel_zip_create(ctx, 5000, image.data(), image.data(), &codec)
-                               : kel_zip_create_contig(ctx, aligned.data, aligned.size, &codec),
+    coder c(ctx, bytes_t(9000, 'x'));
+    for (const uint16_t nsyms : {uint16_t{5000}, uint16_t{200}}) {
+        const bool many = nsyms > 1024;
+        const guarded_buffer image(many ? 45056 : 1024, 16);
+        memset(image.data, 0x88, image.size);
+        kel_store_be(image.data, nsyms);
+        ASSERT_EQ(many ? kel_zip_create(ctx, nsyms, image.data, image.data, &c.codec)
+                       : kel_zip_create_contig(ctx, image.data, image.size, &c.codec),
                   KEL_SUCCESS);
-        EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).status, KEL_EDATAFMT);
-        EXPECT_EQ(ctx.messages(), lines_t{"EDATAFMT: codec of " + std::to_string(nsyms) +
-                                          " symbols passes its image of " + std::to_string(codec->dict_sz) + " bytes"});
-        EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+        EXPECT_EQ(c.encode(10000).status, KEL_EDATAFMT);
+        EXPECT_EQ(ctx.messages(),
+                  lines_t{"EDATAFMT: codec of " + std::to_string(nsyms) + " symbols passes its image of " +
+                          std::to_string(c.codec->dict_sz) + " bytes"});
+        c.free();
     }
 }
 
@@ -438,28 +396,25 @@ TEST(training, damaged_codecs)
 TEST(training, texts)
 {
     test_context ctx;
-    const bytes_t source(24000, 'x'), lengths(source.size() / 8, 8);
-    bytes_t trained(source.size(), 0xA5), encoded = trained;
-    size_t length = source.size() - 2, again = length;
-    kel_vec_t src = byte_vec(source, KEL_VAR);
-    src.elements = lengths.size(), src.elem_width = 0, src.aux_width = 8;
-    src.aux_data = const_cast<uint8_t *>(lengths.data());
-    kel_zip_t *codec = nullptr;
-    const kel_result_t result = kel_zip(ctx, 1, &src, trained.data(), &length, &codec);
-    ASSERT_EQ(result.status, KEL_SUCCESS);
-    EXPECT_EQ(kel_encode(ctx, &src, encoded.data(), &again, codec).status, KEL_EZIP); // nothing is declared
-    src.elements = source.size(), src.elem_width = 1;
-    EXPECT_EQ(kel_encode(ctx, &src, encoded.data(), &again, codec).count, result.count);
-    EXPECT_EQ(std::tuple(again, encoded), std::tuple(length, trained));
-    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+    coder c(ctx, bytes_t(24000, 'x'), KEL_VAR);
+    bytes_t lengths(3000, 8);
+    c.src.elements = lengths.size(), c.src.elem_width = 0, c.src.aux_width = 8;
+    c.src.aux_data = lengths.data();
+    const kel_result_t trained = c.zip(1, 23998);
+    ASSERT_EQ(trained.status, KEL_SUCCESS);
+    const size_t length = c.length;
+    const bytes_t stream = c.stream;
+    EXPECT_EQ(c.encode(23998).status, KEL_EZIP); // nothing is declared
+    c.src.elements = c.data.size(), c.src.elem_width = 1;
+    EXPECT_EQ(c.encode(23998).count, trained.count);
+    EXPECT_EQ(std::tuple(c.length, c.stream), std::tuple(length, stream));
+    c.free();
 }
 
 // A parse that breaks off tells all the same that it had no room.
 TEST(training, overflow_before_an_unknown_byte)
 {
-    vorp_log_t silent = {no_log, nullptr};
-    vorp_config_t config;
-    vorp_config_init(&config, VORP1, &silent);
+    const vorp_config_t config = configured(VORP1);
     vorp_mempool_t pool;
     ASSERT_EQ(vorp_mempool_init(&config, &pool, vorp_pool_bytes, nullptr, nullptr, nullptr), 0);
     vorp_dict_t dict;
@@ -479,37 +434,120 @@ TEST(training, overflow_before_an_unknown_byte)
 TEST(training, lines)
 {
     test_context ctx(2, KEL_DEBUG_ARG, KEL_LOG_ENTRY | KEL_LOG_RETURN | KEL_LOG_PERF | KEL_LOG_VERBOSE);
-    bytes_t source;
-    for (unsigned i = 0; i < 4000; i++)
-        for (const char c : {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'})
-            source.push_back(static_cast<uint8_t>(c));
-    bytes_t stream(source.size());
-    size_t length = stream.size() - 1;
-    const kel_vec_t src = byte_vec(source);
-    kel_zip_t *codec = nullptr;
-    const kel_result_t result = kel_zip(ctx, 1, &src, stream.data(), &length, &codec);
-    ASSERT_EQ(result.status, KEL_SUCCESS);
-    EXPECT_EQ(result.count, 4000u);
-    const std::string vec =
-        "data=" + pointer_text(source.data()) + ", elements=32000, width=1, offset=0,\n      fmt=bytes";
+    coder c(ctx, made_of(32000, [](uint64_t) { return "abcdefgh"; }));
+    ASSERT_EQ(c.zip(1, 31999).count, 4000u);
+    const lines_t trained = ctx.messages();
+    const size_t length = c.length;
+    EXPECT_EQ(c.encode(31999).count, 4000u);
     const auto ratio = [&](const char *what, uint64_t bytes) {
         char text[80];
         snprintf(text, sizeof text, "compression ratio %s codec = %.2lf", what, 32000.0 / static_cast<double>(bytes));
         return std::string(text);
     };
-    const std::string ratios[] = {ratio("excluding", length), ratio("including", length + kel_zip_size(ctx, codec))};
-    const std::string buf = "  buf=" + pointer_text(stream.data()) + ", *buflen=31999, ";
-    const std::string outcome = "{SUCCESS, count=4000}";
-    const std::string returned = ", *buflen=" + std::to_string(length) + ", and " + outcome;
-    EXPECT_EQ(ctx.messages(), (lines_t{"kel_zip(): ctx=" + pointer_text(ctx.ctx) + ", options=0x1,\n  src = " + vec +
-                                           "\n" + buf + "&codec=" + pointer_text(&codec),
-                                       "Created codec with " + std::to_string(codec->nsyms) + " symbols", ratios[0],
-                                       ratios[1], "kel_zip() returns codec=" + pointer_text(codec) + returned}));
-    length = stream.size() - 1;
-    EXPECT_EQ(kel_encode(ctx, &src, stream.data(), &length, codec).count, 4000u);
-    EXPECT_EQ(ctx.messages(), (lines_t{"kel_encode(): ctx=" + pointer_text(ctx.ctx) + ",\n  src = " + vec + "\n" + buf +
-                                           "codec=" + pointer_text(codec),
-                                       ratios[0], ratios[1],
-                                       "kel_encode() returns *buflen=" + std::to_string(length) + " and " + outcome}));
-    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+    const std::string context = "(): ctx=" + pointer_text(ctx.ctx), codec = "codec=" + pointer_text(c.codec);
+    const std::string args =
+        ",\n  src = data=" + pointer_text(c.data.data()) +
+        ", elements=32000, width=1, offset=0,\n      fmt=bytes\n  buf=" + pointer_text(c.stream.data()) +
+        ", *buflen=31999, ";
+    const std::string outcome = "{SUCCESS, count=4000}", returned = " *buflen=" + std::to_string(length);
+    const std::string ratios[] = {ratio("excluding", length), ratio("including", length + kel_zip_size(ctx, c.codec))};
+    EXPECT_EQ(trained, (lines_t{"kel_zip" + context + ", options=0x1" + args + "&codec=" + pointer_text(&c.codec),
+                                "Created codec with " + std::to_string(c.codec->nsyms) + " symbols", ratios[0],
+                                ratios[1], "kel_zip() returns " + codec + "," + returned + ", and " + outcome}));
+    EXPECT_EQ(ctx.messages(), (lines_t{"kel_encode" + context + args + codec, ratios[0], ratios[1],
+                                       "kel_encode() returns" + returned + " and " + outcome}));
+    c.free();
 }
+
+// ---- Under the encoder ----------------------------------------------------------------------------------------------
+
+// Draws blocks until the pool is exhausted. Those of bytes follow one behind the other.
+void draw_all(vorp_mempool_t &pool, uint64_t *used)
+{
+    random_source random(1);
+    auto *base = static_cast<uint8_t *>(pool.chunks[0]);
+    *used = pool.used[0];
+    memset(pool.raw[0], 0x5a, pool.chunk_size);
+    while (setjmp(pool.recover) == 0) {
+        const uint64_t size = random.between(0, 200);
+        const bool zero = random.one_in(2), align = !random.one_in(4);
+        auto *block = static_cast<uint8_t *>(vorp_mempool_getmemory(&pool, size, zero, align, ""));
+        *used = align ? *used / 16 * 16 + 16 : *used;
+        ASSERT_EQ(block, base + *used);
+        ASSERT_EQ(std::count(block, block + size, zero ? 0 : 0x5a), size);
+        ASSERT_EQ(pool.used[0], *used += align ? size / 16 * 16 + 16 : size);
+    }
+}
+
+// A client's block at any address holds words in every request; an exhausted pool comes back and is released whole.
+TEST(vorp_pool, recovery)
+{
+    for (size_t misaligned = 0; misaligned < 8; misaligned++) {
+        block_store store = {.misaligned = misaligned};
+        const kel_init_options_t options = store.options();
+        test_context ctx(2, 0, KEL_LOG_VERBOSE, &options);
+        const size_t blocks = store.live.size();
+        vorp_log_t log = {kel_log_func, ctx.ctx};
+        const vorp_config_t config = configured(VORP4, &log);
+        vorp_mempool_t pool;
+        uint64_t used = 0;
+        ASSERT_EQ(vorp_mempool_init(&config, &pool, 5000, kel_alloc_func, kel_free_func, ctx.ctx), 0);
+        EXPECT_EQ(store.requests.back(), 5008u + 8 + 16); // with the words of the callback and of the context
+        EXPECT_EQ(pool.chunks[0], at(reinterpret_cast<uintptr_t>(pool.raw[0]) / 8 * 8));
+        draw_all(pool, &used);
+        EXPECT_GT(used + 224, pool.chunk_size);
+        EXPECT_LE(used, pool.chunk_size);
+        EXPECT_EQ(ctx.messages(), lines_t{"VORP running out of memory! recovering..."});
+        vorp_mempool_release(&pool);
+        EXPECT_EQ(store.live.size(), blocks);
+        store.failing = store.requests.size() + 1;
+        EXPECT_EQ(vorp_mempool_init(&config, &pool, 5000, kel_alloc_func, kel_free_func, ctx.ctx), -1);
+    }
+}
+
+TEST(vorp_log, loses_its_last_character)
+{
+    test_context ctx(2, 0, KEL_LOG_VERBOSE);
+    kel_log_func(ctx, "x");
+    kel_log_func(ctx, "%d of %s\n", 3, "five");
+    EXPECT_EQ(ctx.lines.at(0).level, uint32_t{KEL_LOG_VERBOSE});
+    EXPECT_EQ(ctx.messages(), (lines_t{"", "3 of five"}));
+    ctx->log.options = KEL_LOG_ERROR;
+    kel_log_func(ctx, "off\n");
+    EXPECT_EQ(ctx.messages(), lines_t{});
+}
+
+using element_t = std::array<uint8_t, 16>; // key, number
+using trace_t = std::vector<std::array<uint8_t, 4>>;
+
+int64_t compare(void *trace, const void *a, const void *b)
+{
+    const auto *left = static_cast<const uint8_t *>(a), *right = static_cast<const uint8_t *>(b);
+    static_cast<trace_t *>(trace)->push_back({left[0], left[1], right[0], right[1]});
+    return int64_t{0x7f00000000000000} | static_cast<uint32_t>(left[0] - right[0]);
+}
+
+// The same comparisons in the same order; elements are swapped as words and as bytes.
+TEST(lsrsrx, like_a_second_formulation)
+{
+    random_source random(4);
+    for (unsigned turn = 0; turn < 450; turn++) {
+        const size_t size = random.pick({3u, 8u, 16u}), n = turn / 3;
+        const unsigned keys = random.pick({1u, 6u, 256u});
+        const guarded_buffer data(n * size, 1);
+        std::vector<element_t> model(n);
+        for (size_t i = 0; i < n; i++) {
+            model[i] = {random.between<uint8_t>(0, keys - 1), static_cast<uint8_t>(i)};
+            memcpy(data.data + i * size, &model[i], size);
+        }
+        trace_t trace, expected;
+        lsrsrx(data.data, n, size, compare, &trace);
+        training_model::heap_sort(model.data(), n, [&](auto &a, auto &b) { return compare(&expected, &a, &b); });
+        ASSERT_EQ(trace, expected);
+        for (size_t i = 0; i < n; i++)
+            ASSERT_EQ(memcmp(data.data + i * size, &model[i], size), 0);
+        ASSERT_TRUE(std::is_sorted(model.begin(), model.end(), [](auto &a, auto &b) { return a[0] < b[0]; }));
+    }
+}
+
+} // namespace

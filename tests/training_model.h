@@ -7,8 +7,6 @@
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -23,103 +21,23 @@ struct exhausted {
 };
 
 // What the sources of a test have met, so that a test can tell that it has met everything.
-struct coverage {
-    unsigned cut_rounds = 0, power_lost = 0, no_nodes = 0, exhausted = 0, not_worth = 0, reused = 0, reuse_full = 0,
-             last_columns = 0;
-};
-
-struct pool {
-    uint64_t used = 0;
-
-    void take(uint64_t size)
-    {
-        constexpr uint64_t capacity = 4000000 + 16;
-        used = used / 16 * 16 + 16;
-        const uint64_t taken = size / 16 * 16 + 16;
-        if (used + taken > capacity)
-            throw exhausted{};
-        used += taken;
-    }
-};
-
-// Symbols by their bytes. Nodes stay once they are made, and only they use the pool.
-class symbol_set
-{
-  public:
-    explicit symbol_set(pool &from) : memory(from)
-    {
-        memory.take(272);
-        memory.take(257 * 64);
-        memory.take(2048);
-        children[""] = {256, true, true};
-        for (unsigned byte = 0; byte < 256; byte++)
-            ids[std::string(1, static_cast<char>(byte))] = byte;
-        for (const auto &[symbol, id] : ids)
-            children[symbol];
-    }
-
-    void insert(const std::string &symbol, uint64_t id)
-    {
-        size_t known = 1;
-        while (known < symbol.size() && children.contains(symbol.substr(0, known + 1)))
-            known++;
-        if (known < symbol.size())
-            memory.take(64 * (symbol.size() - known));
-        for (; known < symbol.size(); known++) {
-            node &parent = children[symbol.substr(0, known)];
-            if (!parent.has_offsets)
-                memory.take(16);
-            parent.has_offsets = true;
-            if (parent.count == 2 && !parent.has_list) {
-                memory.take(2048);
-                parent.has_list = true;
-            }
-            parent.count++;
-            children[symbol.substr(0, known + 1)];
-        }
-        ids[symbol] = id;
-    }
-
-    void erase(const std::string &symbol)
-    {
-        ids.erase(symbol);
-    }
-
-    // The longest symbol at text's start.
-    std::pair<uint64_t, std::string> longest(const std::string &text) const
-    {
-        for (size_t length = std::min<size_t>(text.size(), 8); length > 0; length--)
-            if (const auto found = ids.find(text.substr(0, length)); found != ids.end())
-                return {found->second, found->first};
-        abort();
-    }
-
-  private:
-    struct node {
-        unsigned count = 0;
-        bool has_offsets = false, has_list = false;
-    };
-
-    pool &memory;
-    std::unordered_map<std::string, node> children;
-    std::unordered_map<std::string, uint64_t> ids;
-};
+using coverage = std::map<std::string, unsigned>;
 
 // A heap sort with a's places counted from 1: siftings up, then the top exchanged with the end and sifted down.
-template <class T>
-void heap_sort(T *a, uint64_t count, const std::function<int64_t(T, T)> &compare)
+template <class T, class Compare>
+void heap_sort(T *a, uint64_t count, const Compare &compare)
 {
-    const auto order = [&](uint64_t x, uint64_t y) { return static_cast<int32_t>(compare(a[x - 1], a[y - 1])); };
+    const auto above = [&](uint64_t x, uint64_t y) { return static_cast<int32_t>(compare(a[x - 1], a[y - 1])) > 0; };
     const auto exchange = [&](uint64_t x, uint64_t y) { std::swap(a[x - 1], a[y - 1]); };
     for (uint64_t last = 2; last <= count; last++)
-        for (uint64_t place = last; place > 1 && order(place, place / 2) > 0; place /= 2)
+        for (uint64_t place = last; place > 1 && above(place, place / 2); place /= 2)
             exchange(place, place / 2);
     for (uint64_t end = count; end > 1;) {
         exchange(1, end--);
         for (uint64_t parent = 1, child = 2; child <= end; parent = child, child *= 2) {
-            if (child < end && order(child, child + 1) <= 0)
+            if (child < end && !above(child, child + 1))
                 child++;
-            if (order(child, parent) <= 0)
+            if (!above(child, parent))
                 break;
             exchange(child, parent);
         }
@@ -145,14 +63,11 @@ class trainer
 {
   public:
     trainer(const std::vector<uint8_t> &source, int level, coverage &seen)
-        : text(source.begin(), source.end()), met(seen), refined(level % 2 == 0), by_rows(level > 2)
+        : text(source.begin(), source.end()), met(seen), refined(level % 2 == 0), by_rows(level > 2),
+          most_entries(text.size() < 20000 ? 256 : 1024), most_bytes(text.size() < 20000 ? 2048
+                                                                     : by_rows           ? 3584
+                                                                                         : 8192)
     {
-        if (text.size() < 20000) {
-            most_entries = 256;
-            most_bytes = 2048;
-        } else if (by_rows) {
-            most_bytes = 3584;
-        }
     }
 
     result run(uint64_t capacity)
@@ -164,18 +79,17 @@ class trainer
         try {
             build();
             finish();
-            out.pool_used = memory.used;
+            out.pool_used = used;
         } catch (const exhausted &) {
-            met.exhausted++;
+            met["exhausted"]++;
             return out;
         }
-        const unsigned width = code_bits(entries);
-        if (width == 0) { // one symbol or none: two to the width, of which the low byte is first
+        if (const unsigned width = code_bits(entries)) {
+            write_dictionary(out);
+            write_stream(out, width, capacity);
+        } else { // one symbol or none: two to the width, of which the low byte is first
             out.dictionary = {1, 0};
-            return out;
         }
-        write_dictionary(out);
-        write_stream(out, width, capacity);
         return out;
     }
 
@@ -184,30 +98,75 @@ class trainer
         std::string bytes;
         uint64_t frequency = 0;
     };
+    using indexes_t = std::vector<uint64_t>; // of nodes
 
-    std::string gram(uint64_t position, unsigned length) const
+    void take(uint64_t size)
     {
-        return text.substr(position, length);
+        constexpr uint64_t capacity = 4000000 + 16;
+        used = used / 16 * 16 + 16;
+        const uint64_t taken = size / 16 * 16 + 16;
+        if (used + taken > capacity)
+            throw exhausted{};
+        used += taken;
     }
+
+    // ---- Symbols by their bytes: the nodes of the trie stay once they are made, and only they use the pool ----------
+
+    void insert(uint64_t index)
+    {
+        const std::string &bytes = nodes[index].bytes;
+        size_t known = 1;
+        while (known < bytes.size() && children.contains(bytes.substr(0, known + 1)))
+            known++;
+        if (known < bytes.size())
+            take(64 * (bytes.size() - known));
+        for (; known < bytes.size(); known++) {
+            const unsigned siblings = children[bytes.substr(0, known)]++;
+            if (siblings == 0 || siblings == 2)
+                take(siblings == 0 ? 16 : 2048);
+            children[bytes.substr(0, known + 1)];
+        }
+        symbols[bytes] = index;
+        total_bytes += bytes.size();
+    }
+
+    void erase(uint64_t index)
+    {
+        symbols.erase(nodes[index].bytes);
+        total_bytes -= nodes[index].bytes.size();
+    }
+
+    // The text cut into the longest symbols.
+    template <class Visit>
+    void parse(const Visit &visit) const
+    {
+        for (size_t at = 0, length; at < text.size(); at += length) {
+            auto found = symbols.end();
+            for (length = 9; found == symbols.end();)
+                found = symbols.find(text.substr(at, --length));
+            length = found->first.size();
+            visit(found->second);
+        }
+    }
+
+    // ---- Training ---------------------------------------------------------------------------------------------------
 
     void build()
     {
-        memory.take(32);
+        take(32);
         const auto thousandth = static_cast<uint64_t>(static_cast<double>(text.size()) * 0.001);
         const uint64_t base = std::max<uint64_t>(std::min<uint64_t>(thousandth, 2048), refined ? 1000 : 300);
         for (const uint64_t size : {uint64_t{40}, uint64_t{262144}, uint64_t{48}, uint64_t{2048},
-                                    8 * std::max<uint64_t>(7 * base, 8192), uint64_t{256}, uint64_t{120}})
-            memory.take(size);
-        symbols.emplace(memory);
-        memory.take(16384);
-        memory.take(16384);
-        nodes.resize(256);
+                                    8 * std::max<uint64_t>(7 * base, 8192), uint64_t{256}, uint64_t{120}, uint64_t{272},
+                                    uint64_t{257 * 64}, uint64_t{2048}, uint64_t{16384}, uint64_t{16384}, 56 * base})
+            take(size);
         for (unsigned byte = 0; byte < 256; byte++) {
-            nodes[byte].bytes = static_cast<char>(byte);
+            nodes.push_back({std::string(1, static_cast<char>(byte))});
+            children[nodes[byte].bytes];
+            insert(byte);
             single.push_back(byte);
         }
         srand48(0);
-        memory.take(56 * base);
         for (unsigned length = 2; length <= 8; length++) {
             enter(candidates(base, length), length);
             if (refined)
@@ -217,80 +176,79 @@ class trainer
     }
 
     // Those of length bytes that were drawn twice or more: buckets in their order, the newest of a bucket first.
-    std::vector<uint64_t> candidates(uint64_t base, unsigned length)
+    indexes_t candidates(uint64_t base, unsigned length)
     {
-        struct drawn {
-            std::string bytes;
-            uint64_t frequency;
-        };
         const uint64_t samples = base * (9 - length);
-        std::vector<std::vector<drawn>> buckets(samples / 4);
-        memory.take(24);
-        memory.take(8 * buckets.size());
+        std::vector<std::vector<symbol>> buckets(samples / 4);
+        take(24);
+        take(8 * buckets.size());
         for (uint64_t sample = 0; sample < samples; sample++) {
-            const std::string bytes = gram(static_cast<uint64_t>(lrand48()) % (text.size() - 8), length);
+            const std::string bytes = text.substr(static_cast<uint64_t>(lrand48()) % (text.size() - 8), length);
             uint64_t hash = 5381;
             for (const char byte : bytes)
                 hash = hash * 33 + static_cast<uint8_t>(byte);
             auto &bucket = buckets[hash % buckets.size()];
-            const auto known = std::find_if(bucket.begin(), bucket.end(), [&](auto &d) { return d.bytes == bytes; });
-            if (known != bucket.end()) {
-                known->frequency++;
-            } else {
-                memory.take(32);
-                bucket.insert(bucket.begin(), {bytes, 1});
+            auto known = std::find_if(bucket.begin(), bucket.end(), [&](auto &drawn) { return drawn.bytes == bytes; });
+            if (known == bucket.end()) {
+                take(32);
+                known = bucket.insert(bucket.begin(), {bytes});
             }
+            known->frequency++;
         }
-        std::vector<uint64_t> list;
+        indexes_t list;
         for (const auto &bucket : buckets)
-            for (const drawn &item : bucket)
-                if (item.frequency > 1) {
+            for (const symbol &drawn : bucket)
+                if (drawn.frequency > 1) {
                     list.push_back(new_node());
-                    nodes[list.back()] = {item.bytes, item.frequency};
+                    nodes[list.back()] = drawn;
                 }
         return list;
     }
 
     uint64_t new_node()
     {
-        if (!unused.empty()) {
-            met.reused++;
-            const uint64_t index = unused.back();
-            unused.pop_back();
-            return index;
+        if (unused.empty()) {
+            if (nodes.size() == 8192) {
+                met["no nodes"]++;
+                throw exhausted{};
+            }
+            nodes.emplace_back();
+            return nodes.size() - 1;
         }
-        if (nodes.size() == 8192) {
-            met.no_nodes++;
-            throw exhausted{};
-        }
-        nodes.emplace_back();
-        return nodes.size() - 1;
+        met["reused"]++;
+        const uint64_t index = unused.back();
+        unused.pop_back();
+        return index;
     }
 
-    void give_back(uint64_t index)
+    void give_back(indexes_t &list)
     {
         if (unused.size() < 2048)
-            unused.push_back(index);
+            unused.push_back(list.back());
         else
-            met.reuse_full++;
+            met["reuse full"]++;
+        list.pop_back();
     }
 
-    void enter(std::vector<uint64_t> list, unsigned length)
+    void enter(indexes_t list, unsigned length)
     {
-        heap_sort<uint64_t>(list.data(), list.size(), [&](uint64_t a, uint64_t b) {
-            return static_cast<int64_t>(nodes[a].frequency - nodes[b].frequency);
-        });
-        const double share = 1.0 - (length - 2) * 0.125;
-        auto most = static_cast<uint64_t>(static_cast<double>(most_entries) * share);
+        sort_by_frequency(list, 1);
+        auto most = static_cast<uint64_t>(static_cast<double>(most_entries) * (1.0 - (length - 2) * 0.125));
         if (!refined)
             most = static_cast<uint64_t>(static_cast<double>(most) * 2.0 / 7.0);
         for (; most > 0 && !list.empty(); most--, list.pop_back()) {
             longer.push_back(list.back());
-            symbols->insert(nodes[list.back()].bytes, list.back());
-            total_bytes += length;
+            insert(list.back());
         }
-        for (; !list.empty(); list.pop_back())
-            give_back(list.back());
+        while (!list.empty())
+            give_back(list);
+    }
+
+    void sort_by_frequency(indexes_t &list, int64_t sign) const
+    {
+        heap_sort(list.data(), list.size(), [&](uint64_t a, uint64_t b) {
+            return sign * static_cast<int64_t>(nodes[a].frequency - nodes[b].frequency);
+        });
     }
 
     uint64_t count() const
@@ -300,39 +258,25 @@ class trainer
 
     void drop_last()
     {
-        give_back(longer.back());
-        symbols->erase(nodes[longer.back()].bytes);
-        total_bytes -= nodes[longer.back()].bytes.size();
-        longer.pop_back();
-    }
-
-    void count_frequencies()
-    {
-        for (const auto *list : {&single, &longer})
-            for (const uint64_t index : *list)
-                nodes[index].frequency = 0;
-        tokens = 0;
-        for (size_t at = 0; at < text.size(); tokens++) {
-            const auto [index, bytes] = symbols->longest(text.substr(at, 8));
-            nodes[index].frequency++;
-            at += bytes.size();
-        }
+        erase(longer.back());
+        give_back(longer);
     }
 
     void resize()
     {
-        if (refined)
-            count_frequencies();
-        heap_sort<uint64_t>(longer.data(), longer.size(), [&](uint64_t a, uint64_t b) {
-            return static_cast<int64_t>(nodes[b].frequency - nodes[a].frequency);
-        });
+        if (refined) {
+            for (symbol &node : nodes)
+                node.frequency = 0;
+            tokens = 0;
+            parse([&](uint64_t index) { nodes[index].frequency++, tokens++; });
+        }
+        sort_by_frequency(longer, -1);
         if (refined && !singles_cut) {
             const std::set<uint8_t> present(text.begin(), text.end());
             for (unsigned byte = 0; byte < 256; byte++)
                 if (!present.contains(static_cast<uint8_t>(byte))) {
                     std::erase(single, byte);
-                    symbols->erase(nodes[byte].bytes);
-                    total_bytes--;
+                    erase(byte);
                 }
             singles_cut = true;
         }
@@ -344,56 +288,55 @@ class trainer
             drop_last();
     }
 
+    // ---- The table --------------------------------------------------------------------------------------------------
+
     // The symbols by their codewords; none if they cannot pay. Those that the row rule takes out leave empty entries,
     // unless the others need less bits.
     void finish()
     {
-        memory.take(8 * count());
-        memory.take(8 * count());
-        uint64_t estimate = count() / 2 + total_bytes;
-        if (refined)
-            estimate += code_bits(count()) * tokens / 8 + 1;
-        if (estimate > text.size()) {
-            met.not_worth++;
+        take(8 * count());
+        take(8 * count());
+        const uint64_t stream = refined ? code_bits(count()) * tokens / 8 + 1 : 0;
+        if (count() / 2 + total_bytes + stream > text.size()) {
+            met["not worth"]++;
             return;
         }
-        memory.take(16 * count());
-        for (const auto *list : {&single, &longer})
-            listed.insert(listed.end(), list->begin(), list->end());
+        take(16 * count());
+        listed = single;
+        listed.insert(listed.end(), longer.begin(), longer.end());
         entries = listed.size();
         if (by_rows)
             obey_rows();
         if (code_bits(listed.size()) < code_bits(entries)) {
-            met.power_lost++;
+            met["power lost"]++;
             entries = listed.size();
         }
-        for (const uint64_t index : listed)
-            memory.take(nodes[index].bytes.size());
+        for (size_t i = 0; i < listed.size(); i++)
+            take(length_of(i));
+    }
+
+    uint64_t length_of(size_t entry) const
+    {
+        return entry < listed.size() ? nodes[listed[entry]].bytes.size() : 0;
     }
 
     void obey_rows()
     {
-        const std::function<int64_t(uint64_t, uint64_t)> ascending = [&](uint64_t a, uint64_t b) {
-            return static_cast<int64_t>(nodes[a].bytes.size()) - static_cast<int64_t>(nodes[b].bytes.size());
-        };
-        const std::function<int64_t(uint64_t, uint64_t)> descending = [&](uint64_t a, uint64_t b) {
-            return -ascending(a, b);
-        };
-        for (unsigned over = 0;; met.cut_rounds++) {
+        for (unsigned over = 0;; met["cut rounds"]++) {
+            const auto ascending = [&](uint64_t a, uint64_t b) {
+                return nodes[a].bytes.size() - nodes[b].bytes.size();
+            };
             heap_sort(listed.data(), listed.size(), ascending);
             for (; over > 0; over--) {
-                symbols->erase(nodes[listed.back()].bytes);
+                erase(listed.back());
                 listed.pop_back();
             }
-            met.last_columns += listed.size() > 768;
-            if (listed.size() > 768)
-                heap_sort(listed.data() + 768, listed.size() - 768, descending);
-            for (size_t row = 0; row < 256; row++) {
-                size_t sum = 0;
-                for (size_t i = row; i < listed.size(); i += 256)
-                    sum += nodes[listed[i]].bytes.size();
-                over += sum > 14;
+            if (listed.size() > 768) {
+                met["last columns"]++;
+                heap_sort(listed.data() + 768, listed.size() - 768, [&](auto a, auto b) { return ascending(b, a); });
             }
+            for (size_t row = 0; row < 256; row++)
+                over += length_of(row) + length_of(row + 256) + length_of(row + 512) + length_of(row + 768) > 14;
             if (over == 0)
                 return;
         }
@@ -402,9 +345,8 @@ class trainer
     void write_dictionary(result &out) const
     {
         out.dictionary = {static_cast<uint8_t>(entries >> 8), static_cast<uint8_t>(entries)};
-        const auto length = [&](size_t i) { return i < listed.size() ? nodes[listed[i]].bytes.size() : 0; };
         for (size_t i = 0; i < entries; i += 2)
-            out.dictionary.push_back(static_cast<uint8_t>(length(i) << 4 | length(i + 1)));
+            out.dictionary.push_back(static_cast<uint8_t>(length_of(i) << 4 | length_of(i + 1)));
         for (const uint64_t index : listed)
             out.dictionary.insert(out.dictionary.end(), nodes[index].bytes.begin(), nodes[index].bytes.end());
     }
@@ -412,36 +354,35 @@ class trainer
     // A codeword is written if its first byte has a place; the one behind it is taken for granted.
     void write_stream(result &out, unsigned width, uint64_t capacity) const
     {
-        std::map<std::string, uint64_t> codes;
-        for (size_t i = 0; i < listed.size(); i++)
-            codes[nodes[listed[i]].bytes] = i;
-        uint64_t bits = 0, codewords = 0;
-        bool overflow = false;
-        for (size_t at = 0; at < text.size(); codewords++, bits += width) {
-            const auto [index, bytes] = symbols->longest(text.substr(at, 8));
-            at += bytes.size();
-            if (bits / 8 >= capacity) {
-                overflow = true;
-                continue;
+        std::map<uint64_t, uint64_t> codes;
+        for (const uint64_t index : listed)
+            codes.emplace(index, codes.size());
+        uint64_t bits = 0;
+        out.outcome = 0;
+        parse([&](uint64_t index) {
+            const uint64_t place = bits / 8, both = codes.at(index) << (16 - width - bits % 8);
+            bits += width;
+            if (place >= capacity) {
+                out.outcome = 1;
+                return;
             }
-            const uint64_t both = codes.at(bytes) << (16 - width - bits % 8);
-            out.stream[bits / 8] |= static_cast<uint8_t>(both >> 8);
-            out.stream[bits / 8 + 1] |= static_cast<uint8_t>(both);
-        }
-        out.outcome = overflow;
-        out.codewords = codewords;
+            out.stream[place] |= static_cast<uint8_t>(both >> 8);
+            out.stream[place + 1] |= static_cast<uint8_t>(both);
+        });
+        out.codewords = bits / width;
         out.length = bits / 8 + (bits % 8 + width < 8);
     }
 
     const std::string text;
     coverage &met;
     const bool refined, by_rows;
-    uint64_t most_entries = 1024, most_bytes = 8192;
-    pool memory;
-    std::optional<symbol_set> symbols;
+    const uint64_t most_entries, most_bytes;
+    uint64_t used = 0; // of the pool
+    std::unordered_map<std::string, unsigned> children;
+    std::unordered_map<std::string, uint64_t> symbols;
     std::vector<symbol> nodes;
-    std::vector<uint64_t> single, longer, unused, listed;
-    uint64_t total_bytes = 256, tokens = 0, entries = 0;
+    indexes_t single, longer, unused, listed;
+    uint64_t total_bytes = 0, tokens = 0, entries = 0;
     bool singles_cut = false;
 };
 
