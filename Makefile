@@ -44,7 +44,7 @@ coverage: coverage-tools
 
 # The fuzzers, each for some seconds.
 SECONDS := 60
-FUZZERS := fuzz_request fuzz_zip fuzz_encode fuzz_stream
+FUZZERS := fuzz_request fuzz_zip fuzz_encode
 fuzz: fuzz-tools
 	cmake --preset fuzz $(CMAKE_FLAGS)
 	cmake --build build/fuzz -j $(JOBS) --target $(FUZZERS)

@@ -68,17 +68,6 @@ struct coder {
 
 // ---- Sources --------------------------------------------------------------------------------------------------------
 
-// Words of one length or of several, out of an alphabet.
-std::vector<std::string> draw_words(random_source &random, uint64_t words, uint64_t shortest, uint64_t longest,
-                                    uint64_t low, uint64_t high)
-{
-    std::vector<std::string> list(words);
-    for (std::string &word : list)
-        for (uint64_t letters = random.between(shortest, longest); letters > 0; letters--)
-            word += static_cast<char>(random.between(low, high));
-    return list;
-}
-
 // Pieces one after the other, the last one cut.
 template <class Piece>
 bytes_t made_of(uint64_t size, const Piece &piece)
@@ -89,46 +78,49 @@ bytes_t made_of(uint64_t size, const Piece &piece)
     return {text.begin(), text.begin() + static_cast<ptrdiff_t>(size)};
 }
 
+struct words_t {
+    uint64_t count, shortest, longest, low, high; // letters from low to high
+
+    std::vector<std::string> draw(random_source &random) const
+    {
+        std::vector<std::string> words(count);
+        for (std::string &word : words)
+            for (uint64_t letters = random.between(shortest, longest); letters > 0; letters--)
+                word += static_cast<char>(random.between(low, high));
+        return words;
+    }
+
+    // One after the other: all parts of words of one length are frequent, and the dictionary is full. Under thorough
+    // training the row rule shortens the dictionaries of few words, below powers of two as well.
+    bytes_t text(random_source &random, uint64_t size) const
+    {
+        const auto words = draw(random);
+        return made_of(size, [&](uint64_t) { return words[random.between(0, words.size() - 1)]; });
+    }
+};
+
 // Texts of few or many words, lines, numbers, runs, noise.
 bytes_t any_source(random_source &random, uint64_t size)
 {
-    const uint64_t kind = random.between(0, 5);
-    const auto words = draw_words(random, random.one_in(2) ? random.between(2, 60) : random.between(60, 3000), 1, 12,
-                                  kind == 0 ? 'a' : ' ', kind == 0 ? 'h' : 'z');
+    const uint64_t kind = random.between(0, 5), count = random.between(2, random.one_in(2) ? 60 : 3000);
+    const auto words =
+        words_t{count, 1, 12, kind == 0 ? 'a' : uint64_t{' '}, kind == 0 ? 'h' : uint64_t{'z'}}.draw(random);
     return made_of(size, [&](uint64_t place) -> std::string {
+        const uint64_t number = random.between(0, uint64_t{1} << random.between(1, 20));
         switch (kind) {
         case 0:
         case 1:
-            return words[random.between(0, random.between(0, words.size() - 1))] + ' ';
+            return words[random.between(0, random.between(0, count - 1))] + ' ';
         case 2:
-            return "id=" + std::to_string(random.between(0, 99999)) + " " + words[place % words.size()] + "\n";
-        case 3: {
-            const uint64_t number = random.between(0, uint64_t{1} << random.between(1, 20));
+            return "id=" + std::to_string(random.between(0, 99999)) + " " + words[place % count] + "\n";
+        case 3:
             return {0, static_cast<char>(number >> 16), static_cast<char>(number >> 8), static_cast<char>(number)};
-        }
         case 4:
             return std::string(random.between(1, 300), static_cast<char>(random.between(0, 3)));
         default:
-            return random.one_in(20) ? std::string(1, static_cast<char>(random.word())) : words[0];
+            return random.one_in(20) ? std::string(1, static_cast<char>(number)) : words[0];
         }
     });
-}
-
-// Few words: under thorough training the row rule shortens their dictionaries, below powers of two as well.
-bytes_t few_words(random_source &random)
-{
-    const auto words = draw_words(random, random.between(20, 90), 3, 9, 'a', 'z');
-    return made_of(random.between(20000, 60000), [&](uint64_t) {
-        return random.pick({words[0], words[1], words[random.between(0, words.size() - 1)]});
-    });
-}
-
-// Words of one length, one after the other: all their parts are frequent, and the dictionary is full.
-bytes_t dense_words(uint64_t seed, uint64_t words, uint64_t letters, uint64_t alphabet, uint64_t size)
-{
-    random_source random(seed);
-    const auto list = draw_words(random, words, letters, letters, 1, alphabet);
-    return made_of(size, [&](uint64_t) { return list[random.between(0, words - 1)]; });
 }
 
 // A source that knows where training looks: as many n-grams of 2 bytes as can be are drawn twice each, and then triples
@@ -231,13 +223,15 @@ TEST(training, like_a_second_formulation)
         check(any_source(random, size), random.pick({VORP1, VORP2, VORP3, VORP3, VORP4, VORP4}), capacity);
     }
     for (unsigned i = 0; i < 60 && !HasFailure(); i++)
-        check(few_words(random), VORP4, 100000);
-    for (unsigned i = 0; i < 24 && !HasFailure(); i++)
-        check(dense_words(i, random.between(60, 900), random.between(6, 8), random.between(40, 250),
-                          random.between(30000, 150000)),
-              random.pick({VORP3, VORP4}), 150000);
-    for (const auto &[words, alphabet] : {std::pair{1500u, 20u}, {6000u, 20u}, {1500u, 250u}})
-        check(dense_words(1, words, 8, alphabet, 2100000), VORP3, 2100000);
+        check(words_t{random.between(20, 90), 3, 9, 'a', 'z'}.text(random, random.between(20000, 60000)), VORP4,
+              100000);
+    for (unsigned i = 0; i < 24 && !HasFailure(); i++) {
+        const uint64_t letters = random.between(6, 8);
+        const words_t words = {random.between(60, 900), letters, letters, 1, random.between(40, 250)};
+        check(words.text(random, random.between(30000, 150000)), random.pick({VORP3, VORP4}), 150000);
+    }
+    for (const auto &[count, alphabet] : {std::pair{1500u, 20u}, {6000u, 20u}, {1500u, 250u}})
+        check(words_t{count, 8, 8, 1, alphabet}.text(random, 2100000), VORP3, 2100000);
     for (const uint64_t triples : {1500u, 6144u}) // nodes suffice if they are used again; they do not
         check(drawn_twice(triples), VORP3, 2100000);
     for (const auto &[what, least] : training_model::coverage{{"cut rounds", 20},
@@ -255,8 +249,9 @@ TEST(training, like_a_second_formulation)
 // The format's own encoder, with random access: the table's first entry, and its length counted twice.
 TEST(training, random_access)
 {
+    random_source random(66);
     for (const uint64_t size : {3000u, 25000u}) {
-        const bytes_t source = dense_words(size, 30, 5, 26, size);
+        const bytes_t source = words_t{30, 5, 5, 1, 26}.text(random, size);
         training_model::coverage met;
         const training_model::result expected = training_model::trainer(source, VORP2, met).run(size);
         constexpr int16_t interval = 64;

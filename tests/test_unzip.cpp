@@ -1,4 +1,4 @@
-// The expansion of compressed vectors, alone and under every operation, against a decoder that reads single bits.
+// Widths and places of a codec's symbols; the expansion of compressed vectors, alone and under every operation, against a decoder that reads single bits.
 
 #include "kel_io.h"
 #include "kel_zip.h"
@@ -85,6 +85,25 @@ struct dictionary {
     kel_zip_t codec;
     unsigned code_width = 0;
 };
+
+// Each symbol lies behind the one before, in the image or in the row.
+void check_places(const dictionary &from)
+{
+    const kel_zip_t &codec = from.codec;
+    std::vector<uint16_t> offsets(codec.nsyms + 1u, 0xeeee);
+    kel_zip_offsets(&codec, offsets.data());
+    const void *table = kel_zip_widths(&codec);
+    EXPECT_EQ(zip_code_width(codec.nsyms), from.code_width);
+    EXPECT_EQ(table, from.image->data + (codec.vorp ? 2 : 256));
+    size_t ends[256] = {};
+    for (unsigned code = 0; code < codec.nsyms; code++) {
+        const unsigned row = codec.vorp ? 0 : code % 256;
+        const size_t width = from.symbols[code].size();
+        ASSERT_TRUE(offsets[code] == row * 16 + ends[row] && zip_width(table, code, codec.vorp) == width);
+        ends[row] += width;
+    }
+    EXPECT_EQ(offsets.back(), 0xeeee);
+}
 
 struct source {
     kel_vec_t zipped;
@@ -233,6 +252,7 @@ TEST(expansion, agrees_with_the_model)
         const source s = streams.make(from, random.one_in(4));
         const expansion diagnosis = decode(s, from, true, UINT64_MAX), all = decode(s, from, extra, UINT64_MAX);
         SCOPED_TRACE("turn " + num(turn));
+        check_places(from);
         EXPECT_EQ(zip_valid_syms(ctx, &s.zipped, &from.codec), diagnosis.fault.empty());
         EXPECT_EQ(ctx.messages(), diagnosis.fault);
         EXPECT_EQ(kel_debug_calls, diagnosis.fault.size());

@@ -1,9 +1,8 @@
-// Codecs: their images, the rules that these obey, widths and places of symbols, export, release, memory.
+// Codecs: their images, the rules that these obey, export, release, memory.
 #include "kel_text.h"
 #include "kel_zip.h"
 #include "support.h"
 #include <algorithm>
-#include <cstdarg>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -13,19 +12,14 @@ namespace
 using bytes_t = std::vector<uint8_t>;
 using widths_t = std::vector<unsigned>;
 
-__attribute__((format(printf, 1, 2))) std::string print(const char *format, ...)
+std::string num(uint64_t value)
 {
-    char text[300];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
+    return std::to_string(value);
 }
 
-unsigned long place(const void *pointer) // for 0x%lx
+uintptr_t place(const void *pointer)
 {
-    return reinterpret_cast<unsigned long>(pointer);
+    return reinterpret_cast<uintptr_t>(pointer);
 }
 
 // A call that creates a codec, from an image or from the widths and symbols in it.
@@ -87,24 +81,6 @@ attempt make_attempt(random_source &random)
     return a;
 }
 
-lines_t argument_reports(const attempt &a)
-{
-    const size_t longest = a.version == 2 ? 8192 : 4098;
-    const std::pair<bool, std::string> tests[] = {
-        {a.half_used, "last unused width in widths[] is not zero"},
-        {a.nsyms == 0 || a.nsyms > 1024, print("nsyms=%u exceeds maximum of 1024", a.nsyms)},
-        {a.foreign, test_context::wrong_thread()},
-        {a.contig && place(a.buf) % 16, print("buf=0x%lx is not 16 byte aligned", place(a.buf))},
-        {a.contig && a.relaid && a.length > 4098, print("length=%lu exceeds maximum of 4098", a.length)},
-        {a.contig && a.length > longest,
-         print("zip dictionary length sum %lugreater than maximum allowed bytes of %lu", a.length, longest)}};
-    lines_t lines;
-    for (const auto &[failed, line] : tests)
-        if (failed)
-            lines.push_back(line);
-    return lines;
-}
-
 // The low half of a byte comes first; a bad width ends the walk, and if their number is odd, the high half of that byte
 // is counted and tested once more.
 unsigned sum_widths(const widths_t &widths, lines_t &faults)
@@ -113,9 +89,8 @@ unsigned sum_widths(const widths_t &widths, lines_t &faults)
     const auto take = [&](size_t code, bool test) {
         sum += widths[code];
         if (test && (widths[code] == 0 || widths[code] > 8))
-            faults.push_back(print("codeword %lu maps to symbol with bad length %u bytes; bytes must be between 1 "
-                                   "and 8",
-                                   code, widths[code]));
+            faults.push_back("codeword " + num(code) + " maps to symbol with bad length " + num(widths[code]) +
+                             " bytes; bytes must be between 1 and 8");
     };
     size_t i = 0;
     for (; i + 1 < widths.size() && faults.empty(); i += 2) {
@@ -127,47 +102,43 @@ unsigned sum_widths(const widths_t &widths, lines_t &faults)
     return sum;
 }
 
-lines_t data_reports(const attempt &a)
+// The lines of the tests that fail: those of the arguments, and if there is none, those of the data.
+lines_t reports(const attempt &a)
 {
     lines_t lines;
+    const auto test = [&](bool failed, const std::string &line) {
+        if (failed)
+            lines.push_back(line);
+    };
+    if (a.debug & KEL_DEBUG_ARG) {
+        const size_t longest = a.version == 2 ? 8192 : 4098;
+        test(a.half_used, "last unused width in widths[] is not zero");
+        test(a.nsyms == 0 || a.nsyms > 1024, "nsyms=" + num(a.nsyms) + " exceeds maximum of 1024");
+        test(a.foreign, test_context::wrong_thread());
+        test(a.contig && place(a.buf) % 16, "buf=" + pointer_text(a.buf) + " is not 16 byte aligned");
+        test(a.contig && a.relaid && a.length > 4098, "length=" + num(a.length) + " exceeds maximum of 4098");
+        test(a.contig && a.length > longest,
+             "zip dictionary length sum " + num(a.length) + "greater than maximum allowed bytes of " + num(longest));
+    }
+    if (!(a.debug & KEL_DEBUG_EXTRA) || !lines.empty())
+        return lines;
     unsigned rows[256] = {};
     const size_t right = a.head + (a.contig ? sum_widths(a.widths, lines) : 0);
     for (size_t code = 0; code < a.nsyms; code++)
         rows[code % 256] += a.widths[code];
-    const auto *row = std::find_if(rows, rows + 256, [](unsigned sum) { return sum > 14; });
-    if (a.version == 1 && row != rows + 256)
-        lines.push_back(print("zip dictionary symbol length sum starting at symbol %ld is %u, which exceeds the "
-                              "maximum of 14 bytes",
-                              row - rows, *row));
-    if (a.contig && a.length != right)
-        lines.push_back(print("invalid length=%lu; should be %lu", a.length, right));
+    const auto row = std::find_if(rows, rows + 255, [](unsigned sum) { return sum > 14; });
+    test(a.version == 1 && *row > 14, "zip dictionary symbol length sum starting at symbol " +
+                                          num(static_cast<uint64_t>(row - rows)) + " is " + num(*row) +
+                                          ", which exceeds the maximum of 14 bytes");
+    test(a.contig && a.length != right, "invalid length=" + num(a.length) + "; should be " + num(right));
     return lines;
-}
-
-// Each symbol lies behind the one before, in the image or in the row.
-void check_places(const kel_zip_t &codec, const widths_t &widths)
-{
-    std::vector<uint16_t> offsets(codec.nsyms + 1u, 0xeeee);
-    kel_zip_offsets(&codec, offsets.data());
-    const void *table = kel_zip_widths(&codec);
-    EXPECT_EQ(table, static_cast<uint8_t *>(codec.dict) + (codec.vorp ? 2 : 256));
-    unsigned ends[256] = {};
-    for (unsigned code = 0; code < codec.nsyms; code++) {
-        const unsigned row = codec.vorp ? 0 : code % 256;
-        ASSERT_TRUE(offsets[code] == row * 16 + ends[row] && zip_width(table, code, codec.vorp) == widths[code]);
-        ends[row] += widths[code];
-    }
-    EXPECT_EQ(offsets.back(), 0xeeee);
 }
 
 // The codec, or null; with the lines that are to be logged.
 kel_zip_t *check_creation(test_context &ctx, const attempt &a, lines_t &lines)
 {
     kel_zip_t *const marker = static_cast<kel_zip_t *>(at(0x48)), *codec = marker;
-    if (a.debug & KEL_DEBUG_ARG)
-        lines = argument_reports(a);
-    if (lines.empty() && a.debug & KEL_DEBUG_EXTRA)
-        lines = data_reports(a);
+    lines = reports(a);
     const bool refused = !lines.empty(), no_memory = a.failing > 0 && a.failing <= 1u + a.copied;
     const kel_status_t status = a.contig ? kel_zip_create_contig(ctx, a.buf, a.length, &codec)
                                          : kel_zip_create(ctx, a.nsyms, a.buf + 2, a.buf + a.head, &codec);
@@ -183,7 +154,6 @@ kel_zip_t *check_creation(test_context &ctx, const attempt &a, lines_t &lines)
     EXPECT_EQ(bytes_t(image, image + codec->dict_sz), a.image);
     EXPECT_TRUE(codec->nsyms == a.nsyms && codec->vorp == 1 && codec->syms == image + a.head);
     EXPECT_TRUE(codec->free_dict == a.copied && (a.copied ? place(image) % 8192 == 0 : image == a.buf));
-    check_places(*codec, a.widths);
     return codec;
 }
 
@@ -205,7 +175,7 @@ void check_end(test_context &ctx, kel_zip_t *codec, const bytes_t &image, bool f
         if (refused)
             lines.push_back(test_context::wrong_thread());
         else if (expected && (ctx->debug_options || ctx->log.options)) // without any option nothing is reported
-            lines.push_back(print("Contig buffer overflow. buffer size = %lu, needed = %lu", room, size));
+            lines.push_back("Contig buffer overflow. buffer size = " + num(room) + ", needed = " + num(size));
     }
     EXPECT_EQ(kel_zip_free(ctx, codec), kept ? KEL_ETHREAD : KEL_SUCCESS);
     if (kept) {
@@ -219,7 +189,7 @@ TEST(codecs, agree_with_the_model)
     random_source random(1);
     for (unsigned turn = 0; turn < 12000 && !HasFailure(); turn++) {
         const attempt a = make_attempt(random);
-        SCOPED_TRACE(print("turn %u, version %u, debug %u, image %d", turn, a.version, a.debug, a.contig));
+        SCOPED_TRACE("turn " + num(turn) + ", version " + num(a.version) + ", debug " + num(a.debug));
         block_store store = {turn % 8};
         const kel_init_options_t allocator = store.options();
         const bool logged = !random.one_in(3);
@@ -261,49 +231,27 @@ TEST(codecs, entry_and_return_lines)
     size_t length = sizeof image;
     kel_zip_t *codec = nullptr;
     kel_zip_create(ctx, 1, image + 2, image + 3, &codec);
-    const unsigned long context = place(ctx.ctx), first = place(codec);
+    const std::string context = "(): ctx=" + pointer_text(ctx.ctx), made = "codec=" + pointer_text(codec);
     kel_zip_get_contig(ctx, codec, image, &length);
     EXPECT_EQ(hex(image, length), "00011041");
     kel_zip_free(ctx, codec);
     kel_zip_create_contig(ctx, image, length, &codec);
-    const unsigned long second = place(codec);
+    const std::string remade = "codec=" + pointer_text(codec), buf = "buf=" + pointer_text(image);
     ctx.disown();
     kel_zip_free(ctx, codec);
     zip_free(ctx, codec);
     kel_zip_create_contig(ctx, image, length, &codec);
-    const std::string from_image = print("kel_zip_create_contig(): ctx=0x%lx, buf=0x%lx, \n  length=4, &codec=0x%lx",
-                                         context, place(image), place(&codec));
-    EXPECT_EQ(
-        ctx.messages(),
-        (lines_t{print("kel_zip_create(): ctx=0x%lx, nsyms=1, \n  widths=0x%lx, syms=0x%lx, &codec=0x%lx", context,
-                       place(image + 2), place(image + 3), place(&codec)),
-                 print("kel_zip_create() returns codec=0x%lx and status SUCCESS", first),
-                 print("kel_zip_get_contig(): ctx=0x%lx, codec=0x%lx,\n  buf=0x%lx, *buflen=16", context, first,
-                       place(image)),
-                 "kel_zip_get_contig() returns *buflen=4 and SUCCESS",
-                 print("kel_zip_free(): ctx=0x%lx, codec=0x%lx", context, first), "kel_zip_free() returns SUCCESS",
-                 from_image, print("kel_zip_create_contig() returns codec=0x%lx and status SUCCESS", second),
-                 "kel_zip_free() returns ETHREAD", from_image,
-                 "kel_zip_create_contig() returns codec=0x0 and status EINVAL"}));
-}
-
-TEST(widths, of_rows_and_codewords)
-{
-    random_source random(2);
-    for (unsigned turn = 0; turn < 200; turn++) {
-        widths_t widths;
-        huff_table_t table = {};
-        for (unsigned code = 0; code < 1024; code++) {
-            uint16_t &sbos = table.symbols.rows[code % 256].s.sbos;
-            widths.push_back(random.between<unsigned>(0, 8) % (15 - sbos % 16));
-            sbos = static_cast<uint16_t>(unsigned{sbos} << 4 | (sbos % 16 + widths.back()));
-        }
-        auto *image = reinterpret_cast<uint8_t *>(&table);
-        check_places({image, image + 258, random.between<uint16_t>(0, 1024), 4352, 0, 0, {}}, widths);
-    }
-    unsigned bits = 0;
-    for (unsigned nsyms = 1; nsyms < 70000; nsyms++)
-        ASSERT_EQ(zip_code_width(nsyms), bits += 1u << bits < nsyms ? 1 : 0) << nsyms;
+    const std::string to = "&codec=" + pointer_text(&codec);
+    const std::string from_image = "kel_zip_create_contig" + context + ", " + buf + ", \n  length=4, " + to;
+    EXPECT_EQ(ctx.messages(), (lines_t{"kel_zip_create" + context + ", nsyms=1, \n  widths=" + pointer_text(image + 2) +
+                                           ", syms=" + pointer_text(image + 3) + ", " + to,
+                                       "kel_zip_create() returns " + made + " and status SUCCESS",
+                                       "kel_zip_get_contig" + context + ", " + made + ",\n  " + buf + ", *buflen=16",
+                                       "kel_zip_get_contig() returns *buflen=4 and SUCCESS",
+                                       "kel_zip_free" + context + ", " + made, "kel_zip_free() returns SUCCESS",
+                                       from_image, "kel_zip_create_contig() returns " + remade + " and status SUCCESS",
+                                       "kel_zip_free() returns ETHREAD", from_image,
+                                       "kel_zip_create_contig() returns codec=0x0 and status EINVAL"}));
 }
 
 } // namespace
