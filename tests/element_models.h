@@ -140,4 +140,88 @@ inline std::ostream &operator<<(std::ostream &out, const translate &t)
     return tell(out, t.dst, {&t.src, &t.bitmap});
 }
 
+// Operations on bytes, whose lines are not told here.
+
+// And, or, xor: operation 0, 1, 2.
+struct logical {
+    uint64_t flags;
+    kel_vec_t src, dst, src2;
+    int op;
+};
+
+inline bool refused(const logical &l, unsigned)
+{
+    return l.flags & KEL_NOWAIT;
+}
+
+inline outcome emulation(const logical &l, const options &)
+{
+    // An offset counts from the low end of a byte. A partial byte of two sources with offsets comes from one behind.
+    const auto byte = [](const kel_vec_t &vec, uint64_t i) {
+        const auto *data = static_cast<const uint8_t *>(vec.data) + i;
+        return vec.offset ? data[0] >> vec.offset | data[1] << (8 - vec.offset) : data[0];
+    };
+    outcome result;
+    for (uint64_t i = 0; 8 * i < l.src.elements; i++) {
+        const int kept = 0xff >> std::min<uint64_t>(l.src.elements - 8 * i, 8);
+        const uint64_t from = i + (kept && l.src.offset && l.src2.offset);
+        const int a = byte(l.src, from), b = byte(l.src2, from) ^ (l.flags & KEL_INVERT_SRC ? 0xff : 0);
+        const int joined = (l.op == 0 ? a & b : l.op == 1 ? a | b : a ^ b) ^ (l.flags & KEL_INVERT ? 0xff : 0);
+        result.bytes.push_back(static_cast<uint8_t>((joined & ~kept) | (unwritten & kept)));
+        result.cca.retval += static_cast<uint64_t>(std::popcount(static_cast<uint8_t>(joined & ~kept)));
+    }
+    result.cca.output_sz = result.cca.n_processed = static_cast<uint32_t>(result.cca.retval);
+    return result;
+}
+
+inline std::ostream &operator<<(std::ostream &out, const logical &l)
+{
+    return tell(out << "logical " << l.op << " flags " << l.flags, l.dst, {&l.src, &l.src2});
+}
+
+// A copy of the bytes of src, or a fill: of as many values as src has elements.
+struct transfer {
+    uint64_t flags;
+    kel_vec_t src, dst;
+    std::optional<uint64_t> value;
+    uint64_t behind; // the bytes between the destination and the page that faults
+};
+
+inline bool refused(const transfer &t, unsigned)
+{
+    const uint32_t width = t.src.elem_width % 256;
+    return t.value && (!std::has_single_bit(width) || width > 8);
+}
+
+inline outcome emulation(const transfer &t, const options &)
+{
+    outcome result;
+    const uint64_t size = t.src.elements * t.src.elem_width, width = t.src.elem_width;
+    const auto *bytes = static_cast<const uint8_t *>(t.src.data);
+    uint64_t pattern = t.value.value_or(0);
+    for (uint64_t i = 0; (width == 1 || width == 2) && i < 8 / width; i++)
+        pattern = pattern << 8 * width | (*t.value & ((1u << 8 * width) - 1));
+    if (width == 4)
+        pattern |= pattern << 32; // whatever is above the value
+    for (uint64_t i = 0; i < size; i++)
+        result.bytes.push_back(t.value ? static_cast<uint8_t>(pattern >> (56 - i % 8 * 8)) : bytes[i]);
+    return result;
+}
+
+inline uint64_t room_for(const transfer &t, const outcome &expected)
+{
+    return expected.bytes.size() + t.behind;
+}
+
+inline std::ostream &operator<<(std::ostream &out, const transfer &t)
+{
+    return out << (t.value ? "fill" : "copy") << " of " << t.src.elements << " * " << t.src.elem_width << " bytes to "
+               << t.dst.data << ", value " << t.value.value_or(0);
+}
+
+bool faulty_data(const auto &) // of the last two
+{
+    return false;
+}
+
 } // namespace model

@@ -38,6 +38,9 @@ struct outcome {
     }
 };
 
+// Every byte of a destination before the request.
+inline constexpr uint8_t unwritten = 0xa5;
+
 // What an emulation finds in the caller's record of the counters.
 inline constexpr cca_t cca_before = {7, 7, 7};
 
@@ -79,6 +82,14 @@ inline uint64_t add_one(const kel_vec_t &vec)
 inline uint64_t nominal_bytes(const kel_vec_t &dst)
 {
     return round_up((dst.offset + bits_of(dst) * dst.elements + 7) / 8, 64);
+}
+
+// The bytes of a destination that are looked at: up to the nominal end, or as many as the last run needs; 64 bytes
+// behind the end for what does not fit.
+uint64_t room_for(const auto &request, const outcome &expected)
+{
+    const uint64_t behind = expected.status == KEL_SUCCESS ? 0 : 64;
+    return std::max(nominal_bytes(request.dst) + behind, round_up(expected.bytes.size(), 64));
 }
 
 // The two streams of a source.

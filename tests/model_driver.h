@@ -17,23 +17,20 @@ namespace model
 class destination_area
 {
   public:
-    // Room for a request with this outcome: up to the nominal end, or as much as its last run needs; 64 bytes behind
-    // the end for what does not fit.
-    void place(kel_vec_t &dst, const outcome &expected)
+    void place(auto &request, const outcome &expected)
     {
-        const bool overflows = expected.status != KEL_SUCCESS;
-        room = std::max(nominal_bytes(dst) + 64 * overflows, round_up(expected.bytes.size(), 64));
+        room = room_for(request, expected);
         start = buffer.data + buffer.size - room;
-        dst.data = start;
-        memset(start - margin, 0xa5, room + margin);
+        request.dst.data = start;
+        memset(start - margin, unwritten, room + margin);
     }
 
     bool holds(const outcome &expected) const
     {
-        const auto unwritten = [](uint8_t byte) { return byte == 0xa5; };
+        const auto is_unwritten = [](uint8_t byte) { return byte == unwritten; };
         return std::equal(expected.bytes.begin(), expected.bytes.end(), start) &&
-               std::all_of(start + expected.bytes.size(), start + room, unwritten) &&
-               std::all_of(start - margin, start, unwritten);
+               std::all_of(start + expected.bytes.size(), start + room, is_unwritten) &&
+               std::all_of(start - margin, start, is_unwritten);
     }
 
     uint8_t *start = nullptr;
@@ -91,7 +88,7 @@ inline bool agree(outcome &seen, const outcome &expected, uint32_t log_options)
 template <class request>
 bool check(test_context &ctx, const options &o, road way, request &r, const outcome &expected, destination_area &dst)
 {
-    dst.place(r.dst, expected);
+    dst.place(r, expected);
     reset_hooks();
     ctx.lines.clear();
     outcome seen = run(ctx, way, r);
@@ -130,6 +127,12 @@ inline auto contexts(auto... debug)
     return testing::Combine(testing::Values(1u, 2u), testing::Values(debug...), testing::Values(0u, errors, all_lines));
 }
 
+// The contexts of requests whose lines are not in the model.
+inline auto contexts_of_bytes()
+{
+    return testing::Combine(testing::Values(1u, 2u), testing::Values(0u, arg, arg | extra), testing::Values(errors));
+}
+
 // Where arguments are validated, few of the requests that are refused are run.
 bool check_made(test_context &ctx, const options &o, auto &makes, unsigned requests, destination_area &dst)
 {
@@ -150,7 +153,8 @@ void check_random(const random_requests::ParamType &members, unsigned requests)
 {
     const auto [version, debug, log] = members;
     test_context ctx(version, debug, log);
-    maker makes(version + 10 * debug + 100 * log);
+    random_source random(version + 10 * debug + 100 * log);
+    maker makes(random);
     destination_area dst;
     check_made(ctx, {version, debug, log}, makes, requests, dst);
 }
@@ -159,9 +163,9 @@ void check_random(const random_requests::ParamType &members, unsigned requests)
 class source_maker
 {
   public:
-    explicit source_maker(uint64_t seed) : random(seed) {}
+    explicit source_maker(random_source &numbers) : random(numbers) {}
 
-    random_source random;
+    random_source &random;
 
   protected:
     static constexpr size_t area = size_t{1} << 20;
@@ -174,18 +178,23 @@ class source_maker
             stream.push_back(field >> bits & 1);
     }
 
-    // Puts a stream at any address such that it ends with the word in front of the page; random bits all around.
-    uint8_t *place(const guarded_buffer &buffer, const bit_string &stream)
+    // Random bytes at any address such that they end with the word in front of the page.
+    uint8_t *place(const guarded_buffer &buffer, uint64_t bytes)
     {
         const uint64_t phase = random.one_in(3) ? 0 : random.between(1, 7);
-        const uint64_t words = round_up(phase + std::max<uint64_t>((stream.size() + 7) / 8, 1), 8);
+        const uint64_t words = round_up(phase + std::max<uint64_t>(bytes, 1), 8);
         uint8_t *start = buffer.data + buffer.size - words;
         random.fill(start, words);
-        for (uint64_t i = 0; i < stream.size(); i++) {
-            uint8_t &byte = start[phase + i / 8];
-            byte = static_cast<uint8_t>((byte & ~(0x80 >> i % 8)) | stream[i] << (7 - i % 8));
-        }
         return start + phase;
+    }
+
+    // The same of a stream, with random bits all around.
+    uint8_t *place(const guarded_buffer &buffer, const bit_string &stream)
+    {
+        uint8_t *const start = place(buffer, (stream.size() + 7) / 8);
+        for (uint64_t i = 0; i < stream.size(); i++)
+            start[i / 8] = static_cast<uint8_t>((start[i / 8] & ~(0x80 >> i % 8)) | stream[i] << (7 - i % 8));
+        return start;
     }
 
     // Any of these, and now and then one without effect.

@@ -3,6 +3,7 @@
 
 #include "element_models.h"
 #include "kel_extract.h"
+#include "kel_logical.h"
 #include "kel_scan.h"
 #include "kel_select.h"
 #include "kel_translate.h"
@@ -244,6 +245,89 @@ class translate_maker : public source_maker
     }
 
     guarded_buffer table{8192, 64};
+};
+
+// ---- Logical operations, copies and fills ---------------------------------------------------------------------------
+
+inline outcome run(test_context &ctx, road way, const logical &l)
+{
+    constexpr decltype(&kel_and) operations[] = {kel_and, kel_or, kel_xor};
+    constexpr decltype(&kel_and_post) posted[] = {kel_and_post, kel_or_post, kel_xor_post};
+    const auto emulate = [&](kel_context_t *, uint64_t flags, auto *src1, auto *src2, auto *dst, cca_t *cca) {
+        return kel_logical_emulate(ctx, flags, src1, src2, dst, kel_op_and + l.op, cca);
+    };
+    const auto without_instruction = [&](kel_context_t *, uint64_t flags, auto *src1, auto *src2, auto *dst,
+                                         cca_t *cca) {
+        const uint64_t ones = do_logical_il(kel_op_and + l.op, flags, src1->data, src2->data, dst->data, src1->elements,
+                                            src1->offset, src2->offset, 0);
+        *cca = {static_cast<uint32_t>(ones), static_cast<uint32_t>(ones), ones};
+        return KEL_SUCCESS;
+    };
+    return take_road(ctx, way, operations[l.op], posted[l.op], emulate, without_instruction, l.flags, &l.src, &l.src2,
+                     &l.dst);
+}
+
+class logical_maker : public source_maker
+{
+  public:
+    using source_maker::source_maker;
+
+    logical make(bool)
+    {
+        const uint64_t count = random.between(0, random.one_in(3) ? 2100 : 200);
+        logical l = {draw_flags(KEL_INVERT | KEL_INVERT_SRC), {}, {}, {}, random.between<int>(0, 2)};
+        for (kel_vec_t *vec : {&l.src, &l.src2, &l.dst})
+            *vec = plain_vector(KEL_BITS, count, 1);
+        l.dst.elements += random.between(0, 100);
+        for (kel_vec_t *vec : {&l.src, &l.src2})
+            vec->offset = random.between<uint8_t>(0, random.one_in(2) ? 0 : 7);
+        const bool byte_behind = l.src.offset && l.src2.offset && count % 8;
+        l.src.data = place(elements, (count + 7) / 8 + (l.src.offset != 0) + byte_behind);
+        l.src2.data = place(aux, (count + 7) / 8 + (l.src2.offset != 0) + byte_behind);
+        return l;
+    }
+};
+
+inline outcome run(test_context &ctx, road way, const transfer &t)
+{
+    const auto none = [](const auto &...) { return KEL_ENOTIMPL; };
+    if (t.value)
+        return take_road(ctx, way, kel_fill, kel_fill_post, none, none, t.flags, *t.value, t.dst.data, t.src.elements,
+                         t.src.elem_width);
+    return take_road(ctx, way, kel_copy, kel_copy_post, none, none, t.flags, t.src.data, t.dst.data, t.src.elements);
+}
+
+// There are no other roads.
+inline bool check_roads(test_context &ctx, const options &o, transfer &t, destination_area &dst)
+{
+    const outcome expected = call(t, o, emulation(t, o), false);
+    return check(ctx, o, calls, t, expected, dst) && check(ctx, o, posts, t, expected, dst);
+}
+
+// The sizes are small, around a page, or larger.
+class transfer_maker : public source_maker
+{
+  public:
+    using source_maker::source_maker;
+
+    transfer make(bool make_lawful)
+    {
+        static constexpr uint32_t widths[] = {1, 2, 4, 8};
+        const uint64_t size = random.one_in(8)   ? random.between(4016, 4176)
+                              : random.one_in(8) ? random.between(0, 10000)
+                                                 : random.between(0, 300);
+        const bool fills = random.one_in(2);
+        uint32_t width = !fills ? 1 : random.one_in(8) ? 257 : random.pick(widths);
+        if (fills && !make_lawful && random.one_in(4))
+            width = random.between<uint32_t>(0, 12);
+        transfer t = {
+            draw_flags(0), plain_vector(KEL_BYTES, size / std::max(width, 1u), width), {}, {}, random.between(0, 63)};
+        if (fills)
+            t.value = random.word();
+        t.src.data = elements.data + elements.size - size - random.between(0, random.one_in(2) ? 8 : 0);
+        random.fill(t.src.data, size);
+        return t;
+    }
 };
 
 } // namespace model

@@ -21,9 +21,12 @@ std::atomic<bool> failed;
 
 // What a thread keeps from round to round: its makers, which own the sources' memory.
 struct workplace {
-    scan_maker scans{0};
-    move_maker moves{0};
-    translate_maker translates{0};
+    random_source random{0};
+    scan_maker scans{random};
+    move_maker moves{random};
+    translate_maker translates{random};
+    logical_maker logicals{random};
+    transfer_maker transfers{random};
     destination_area dst;
 };
 
@@ -31,14 +34,13 @@ struct workplace {
 class round_of_requests
 {
   public:
-    round_of_requests(uint64_t seed, workplace &at_place) : random(seed), place(at_place)
+    round_of_requests(uint64_t seed, workplace &at_place) : place(at_place)
     {
+        random = random_source(seed);
         static constexpr uint32_t versions[] = {1, 2}, debug[] = {0, arg, arg | extra}, logs[] = {0, errors, all_lines};
         o = {random.pick(versions), random.pick(debug), random.pick(logs)};
         allocator = random.one_in(4) ? nullptr : &callbacks;
         store.misaligned = random.between(0, 7);
-        for (source_maker *maker : std::initializer_list<source_maker *>{&place.scans, &place.moves, &place.translates})
-            maker->random = random_source(random.word());
     }
 
     void run()
@@ -178,7 +180,7 @@ class round_of_requests
         r.src = zipped;
         const outcome emulated = emulation(made, o), called = call(made, o, emulated, true);
         if (allocator && !called.refused) {
-            place.dst.place(r.dst, called);
+            place.dst.place(r, called);
             store.requests.clear();
             store.failing = 1;
             EXPECT_EQ(::run(ctx, calls, r).status, KEL_ENOMEM);
@@ -191,8 +193,8 @@ class round_of_requests
         requests_done += 2;
     }
 
-    random_source random;
     workplace &place;
+    random_source &random = place.random;
     options o;
     block_store store = {};
     const kel_init_options_t callbacks = store.options();

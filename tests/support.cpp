@@ -225,6 +225,14 @@ std::string hex(const void *data, size_t size)
     return text;
 }
 
+uint64_t random_source::up_to(uint64_t most)
+{
+    uint64_t drawn = told.empty() ? word() : 0;
+    for (uint64_t covered = 0; covered < most && !told.empty(); covered = covered << 8 | 0xff, told = told.subspan(1))
+        drawn = drawn << 8 | told[0];
+    return most == UINT64_MAX ? drawn : drawn % (most + 1);
+}
+
 void random_source::fill(void *data, size_t size)
 {
     auto *bytes = static_cast<uint8_t *>(data);

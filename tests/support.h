@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -150,11 +151,12 @@ struct bit_reader {
 // Bytes in hexadecimal.
 std::string hex(const void *data, size_t size);
 
-// The random numbers of one test: fixed seeds, so that a failing case can be run again.
+// The random numbers of one test: fixed seeds, so that a failing case can be run again. What is told, if anything, takes
+// the decisions as long as it lasts; words are random at all times.
 class random_source
 {
   public:
-    explicit random_source(uint64_t seed) : engine(seed) {}
+    explicit random_source(uint64_t seed, std::span<const uint8_t> decisions = {}) : told(decisions), engine(seed) {}
 
     uint64_t word()
     {
@@ -165,22 +167,26 @@ class random_source
     template <class T = uint64_t>
     T between(uint64_t low, uint64_t high)
     {
-        return static_cast<T>(low + (high - low == UINT64_MAX ? word() : word() % (high - low + 1)));
+        return static_cast<T>(low + up_to(high - low));
     }
 
     bool one_in(uint64_t n)
     {
-        return word() % n == 0;
+        return up_to(n - 1) == 0;
     }
 
     template <class T, size_t n>
     T pick(const T (&choices)[n])
     {
-        return choices[word() % n];
+        return choices[up_to(n - 1)];
     }
 
     void fill(void *data, size_t size);
 
+    std::span<const uint8_t> told;
+
   private:
+    uint64_t up_to(uint64_t most);
+
     std::mt19937_64 engine;
 };

@@ -1,104 +1,19 @@
-// Copies and fills at all addresses, against memcpy and the rule of a fill's stream of bytes.
+// Copies and fills at all addresses against the model, and the lines and writers that are theirs.
 
 #include "kel_fill.h"
-#include "support.h"
-#include <algorithm>
-#include <cstring>
-#include <gtest/gtest.h>
+#include "request_makers.h"
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace
+using namespace model;
+
+TEST_P(random_requests, agree_with_the_model)
 {
-
-constexpr uint64_t largest = 20000;
-
-// Bytes of which a part is to be written; the part ends at most 7 bytes in front of a page that faults.
-class target_area
-{
-  public:
-    uint8_t *place(uint64_t size, uint64_t behind, random_source &random)
-    {
-        start = buffer.data + buffer.size - behind - size;
-        random.fill(start - margin, margin + size + behind);
-        expected.assign(start - margin, start + size + behind);
-        return start;
-    }
-
-    uint8_t *expected_at_start()
-    {
-        return expected.data() + margin;
-    }
-
-    bool holds() const
-    {
-        return memcmp(start - margin, expected.data(), expected.size()) == 0;
-    }
-
-  private:
-    static constexpr uint64_t margin = 64;
-    guarded_buffer buffer{largest + 2 * margin, 64};
-    uint8_t *start = nullptr;
-    std::vector<uint8_t> expected;
-};
-
-// Small, around a page, or larger.
-uint64_t any_size(random_source &random)
-{
-    const uint64_t page = 4096;
-    return random.one_in(8)   ? random.between(page - 80, page + 80)
-           : random.one_in(8) ? random.between(0, largest / 2)
-                              : random.between(0, 300);
+    check_random<transfer_maker>(GetParam(), 3000);
 }
 
-void fill_model(uint8_t *to, uint64_t pattern, uint64_t bytes)
-{
-    for (uint64_t k = 0; k < bytes; k++)
-        to[k] = static_cast<uint8_t>(pattern >> (56 - 8 * (k % 8)));
-}
-
-uint64_t pattern_of(uint64_t val, uint32_t width)
-{
-    uint64_t pattern = val;
-    if (width == 1 || width == 2)
-        for (unsigned i = 0; i < 8 / width; i++)
-            pattern = pattern << 8 * width | (val & ((1u << 8 * width) - 1));
-    return width == 4 ? val | val << 32 : pattern;
-}
-
-} // namespace
-
-TEST(copy, random_requests)
-{
-    random_source random(31);
-    target_area target;
-    const guarded_buffer source(largest, 1);
-    for (const uint32_t debug : {0u, 1u, 3u}) {
-        test_context ctx(2, debug);
-        kel_queue_t *queue;
-        ASSERT_EQ(kel_queue_create(ctx, 1, &queue), KEL_SUCCESS);
-        for (unsigned i = 0; i < 3000; i++) {
-            const uint64_t size = any_size(random);
-            const uint8_t *src = source.data + source.size - size - random.between(0, 8) * random.between(0, 1);
-            random.fill(const_cast<uint8_t *>(src), size);
-            uint8_t *dst = target.place(size, random.between(0, 63), random);
-            if (size > 0)
-                memcpy(target.expected_at_start(), src, size);
-            if (i % 4 != 0) {
-                const kel_result_t result = kel_copy(ctx, KEL_CACHE, src, dst, size);
-                ASSERT_TRUE(result.status == KEL_SUCCESS && result.count == 0);
-            } else {
-                kel_poll_t polled = {};
-                ASSERT_EQ(kel_copy_post(queue, KEL_NOWAIT, src, dst, size, dst), KEL_SUCCESS);
-                ASSERT_EQ(kel_poll(queue, &polled, 1, 0), 1);
-                ASSERT_TRUE(polled.status == KEL_SUCCESS && polled.count == 0 && polled.udata == dst);
-            }
-            ASSERT_TRUE(target.holds()) << size << " bytes to " << static_cast<void *>(dst);
-        }
-        ASSERT_EQ(kel_queue_destroy(queue), KEL_SUCCESS);
-    }
-}
+INSTANTIATE_TEST_SUITE_P(transfers, random_requests, contexts_of_bytes());
 
 // Where the copy is split, told by its lines.
 TEST(copy, verbose_lines)
@@ -146,28 +61,6 @@ TEST(copy_and_fill, entry_and_return_lines)
                                        "kel_fill_post() returns {SUCCESS}"}));
     EXPECT_EQ(hex(bytes + 8, 8), "0102010201020000");
     EXPECT_EQ(kel_queue_destroy(queue), KEL_SUCCESS);
-}
-
-TEST(fill, random_requests)
-{
-    constexpr uint32_t widths[] = {1, 2, 4, 8};
-    random_source random(32);
-    target_area target;
-    for (const uint32_t debug : {0u, 1u, 3u}) {
-        test_context ctx(debug == 1 ? 1 : 2, debug);
-        for (unsigned i = 0; i < 3000; i++) {
-            const uint32_t width = debug == 0 && random.one_in(8) ? random.between<uint32_t>(0, 12)
-                                   : random.one_in(8)             ? 257
-                                                                  : random.pick(widths);
-            const uint64_t val = random.word();
-            const uint64_t count = any_size(random) / std::max(width, 1u);
-            uint8_t *dst = target.place(count * width, random.between(0, 63), random);
-            fill_model(target.expected_at_start(), pattern_of(val, width), count * width);
-            const kel_result_t result = kel_fill(ctx, 0, val, dst, count, width);
-            ASSERT_TRUE(result.status == KEL_SUCCESS && result.count == 0 && target.holds())
-                << count << " of width " << width << " at " << static_cast<void *>(dst);
-        }
-    }
 }
 
 TEST(fill, writers)

@@ -145,7 +145,7 @@ TEST(scan, more_elements_than_a_length_can_tell)
     destination_area dst;
     const guarded_buffer data(8);
     scan s = {KEL_ONES_INDEX, byte_source(data, 8), destination(0, 2), KEL_EQ, {0, 1, {}}, {}};
-    dst.place(s.dst, {});
+    dst.place(s, {});
     s.src.elements = s.dst.elements = uint64_t{1} << 61;
     EXPECT_EQ(kel_scan_value(ctx, KEL_ONES_INDEX, &s.src, &s.dst, KEL_EQ, &s.lower).status, KEL_EOVERFLOW);
     EXPECT_EQ(ctx.messages(), std::vector<std::string>{"EOVERFLOW at element index 1"});
@@ -211,7 +211,7 @@ TEST(scan_death, operator_beyond_the_table)
     destination_area dst;
     const guarded_buffer data(8);
     scan s = {0, byte_source(data, 8), destination(8, 0), 1000, zero, zero};
-    dst.place(s.dst, {});
+    dst.place(s, {});
     const auto op = static_cast<kel_compare_t>(s.op);
     EXPECT_DEATH(kel_scan_value(ctx, 0, &s.src, &s.dst, op, &zero), "kel_scan_value_emulate.*0");
     EXPECT_DEATH(kel_scan_range(ctx, 0, &s.src, &s.dst, op, &zero, &zero), "kel_scan_range_emulate.*0");
@@ -224,13 +224,14 @@ TEST(scan, allocates_nothing)
     const kel_init_options_t allocator = store.options();
     for (const uint32_t debug : {0u, arg, arg | extra}) {
         test_context ctx(2, debug, 0, &allocator);
-        scan_maker maker(77 + debug);
+        random_source random(77 + debug);
+        scan_maker maker(random);
         destination_area dst;
         unsigned failures = 0;
         store.requests.clear();
         for (unsigned n = 0; n < 500; n++) {
             scan s = maker.make(true);
-            dst.place(s.dst, emulation(s, plain));
+            dst.place(s, emulation(s, plain));
             system_allocations = 0;
             const outcome seen = run(ctx, calls, s);
             ASSERT_EQ(system_allocations, 0u) << s;
