@@ -10,6 +10,8 @@ namespace model
 
 // A select, or an extract, which has no mask.
 struct move {
+    static constexpr bool compressible = true;
+
     uint64_t flags;
     kel_vec_t src, dst;
     bool select;

@@ -127,6 +127,20 @@ inline auto contexts(auto... debug)
     return testing::Combine(testing::Values(1u, 2u), testing::Values(debug...), testing::Values(0u, errors, all_lines));
 }
 
+// A request with its source compressed, if the operation takes such sources.
+template <class request>
+bool check_compressed(test_context &ctx, const options &o, auto &makes, const request &made, destination_area &dst)
+{
+    request r = made;
+    if (!requires { request::compressible; } || refused(made, o.version) || !makes.compress(ctx, r.src))
+        return true;
+    const outcome emulated = emulation(made, o);
+    const bool agrees = check(ctx, o, calls, r, call(made, o, emulated, true), dst) &&
+                        check(ctx, o, posts, r, call(made, o, emulated, false), dst);
+    EXPECT_EQ(kel_zip_free(ctx, r.src.codec), KEL_SUCCESS);
+    return agrees;
+}
+
 // The contexts of requests whose lines are not in the model.
 inline auto contexts_of_bytes()
 {
@@ -143,6 +157,8 @@ bool check_made(test_context &ctx, const options &o, auto &makes, unsigned reque
             continue;
         n++;
         if (!check_roads(ctx, o, r, dst) || testing::Test::HasFailure())
+            return false;
+        if (makes.random.one_in(8) && !check_compressed(ctx, o, makes, r, dst))
             return false;
     }
     return true;
@@ -307,6 +323,54 @@ class source_maker
         draw_destination(dst, bits, lawful ? lengths.size() : 0, expanded);
     }
 
+  public:
+    // Compresses the source that was made last, if it has any bits: they are cut into symbols at random, of which a
+    // codec is made. The caller frees it.
+    bool compress(kel_context_t *ctx, kel_vec_t &src)
+    {
+        const uint64_t end = places.empty() ? 0 : places.back().first + places.back().second, bits = end - src.offset;
+        if (places.empty() || bits == 0)
+            return false;
+        std::string text;
+        for (bit_reader in = {src.data, src.offset}; in.position < end;) {
+            const uint64_t n = std::min<uint64_t>(end - in.position, 8);
+            text += static_cast<char>(in.field(n) << (8 - n));
+        }
+        src.offset = random.between<uint8_t>(0, bits_of(src) > 64 ? 0 : 7);
+        if (!(src.format & KEL_VAR))
+            text.resize((src.offset + bits + 7) / 8); // the bytes that are decoded, by any offset
+        const uint64_t longest = text.size() < 250 ? 8 : text.size() < 1000 ? 3 : 1; // 14 bytes in a row of symbols
+        std::vector<std::string> symbols = {"a", "b"};
+        std::vector<size_t> codes;
+        for (size_t at = 0; at < text.size(); at += symbols[codes.back()].size()) {
+            const std::string symbol = text.substr(at, random.between(1, longest));
+            codes.push_back(static_cast<size_t>(std::find(symbols.begin(), symbols.end(), symbol) - symbols.begin()));
+            if (codes.back() == symbols.size())
+                symbols.push_back(symbol);
+        }
+        std::string widths((symbols.size() + 1) / 2, '\0'), bytes;
+        for (size_t i = 0; i < symbols.size(); bytes += symbols[i++])
+            widths[i / 2] = static_cast<char>(widths[i / 2] | static_cast<int>(symbols[i].size()) << (i % 2 ? 0 : 4));
+        const std::string all = {static_cast<char>(symbols.size() >> 8), static_cast<char>(symbols.size())};
+        bytes = all + widths + bytes;
+        uint8_t *const at = image.data + image.size - round_up(bytes.size(), 16);
+        memcpy(at, bytes.data(), bytes.size());
+        EXPECT_EQ(kel_zip_create_contig(ctx, at, bytes.size(), &src.codec), KEL_SUCCESS);
+
+        bit_string stream;
+        append(stream, random.word(), src.offset);
+        const auto width = static_cast<unsigned>(std::bit_width(symbols.size() - 1));
+        for (const size_t code : codes)
+            append(stream, code, width);
+        src.codewords = random.one_in(4) ? 0 : codes.size();
+        if (src.codewords == 0) // then as many may be read as there are bytes
+            stream.resize(src.offset + width * text.size());
+        src.data = place(codewords, stream);
+        src.format |= KEL_ZIP;
+        return true;
+    }
+
+  protected:
     bool lawful = false;           // within what validation accepts (of one version at least), though not always
     uint64_t widest = 16;          // bytes of a lawful element
     bool no_width = false;         // neither the elements nor the values have a width
@@ -314,7 +378,7 @@ class source_maker
     std::vector<uint64_t> lengths; // the runs or widths
     uint64_t expanded = 0;         // the elements of all runs
     std::vector<std::pair<uint64_t, uint64_t>> places; // position and bits of each element
-    guarded_buffer elements{area, 1}, aux{area, 1};
+    guarded_buffer elements{area, 1}, aux{area, 1}, codewords{area, 1}, image{8192, 64};
 };
 
 // ---- Known cases ----------------------------------------------------------------------------------------------------

@@ -216,7 +216,7 @@ class translate_maker : public source_maker
 
   private:
     // A bitmap of any density before a page that faults, with this number of bits at most, mostly few; the bits that
-    // can be read. A few say less.
+    // can be read. A few say less, or more than any element reaches.
     uint64_t draw_bitmap(kel_vec_t &bitmap, uint64_t index_bits)
     {
         const uint64_t most = uint64_t{1} << (random.one_in(8) ? index_bits : random.between(0, index_bits));
@@ -227,6 +227,8 @@ class translate_maker : public source_maker
         for (uint64_t i = 0; i < bytes; i++)
             start[i] = static_cast<uint8_t>(random.one_in(others) ? random.word() : filler);
         bitmap = plain_vector(KEL_BITS, random.one_in(10) ? random.between(1, size) : size, 1, start);
+        if (size == uint64_t{1} << index_bits && random.one_in(4)) // all that can be reached
+            bitmap.elements = random.between(size, 1 << 24);
         return size;
     }
 
@@ -327,6 +329,37 @@ class transfer_maker : public source_maker
         t.src.data = elements.data + elements.size - size - random.between(0, random.one_in(2) ? 8 : 0);
         random.fill(t.src.data, size);
         return t;
+    }
+};
+
+// ---- All of them ----------------------------------------------------------------------------------------------------
+
+// All makers, which own the memory of their sources, with one source of decisions.
+struct workplace {
+    random_source random{0};
+    scan_maker scans{random};
+    move_maker moves{random};
+    translate_maker translates{random};
+    logical_maker logicals{random};
+    transfer_maker transfers{random};
+    destination_area dst;
+
+    options draw_options()
+    {
+        static constexpr uint32_t debug[] = {0, arg, arg | extra}, logs[] = {0, errors, all_lines};
+        return {random.between<uint32_t>(1, 2), random.pick(debug), random.pick(logs)};
+    }
+
+    // So many requests of one operation.
+    bool check_some(test_context &ctx, const options &o, unsigned requests)
+    {
+        const auto check = [&](auto &makes) { return check_made(ctx, o, makes, requests, dst); };
+        const auto operation = random.between(0, o.log == all_lines ? 2 : 4);
+        return operation == 0   ? check(scans)
+               : operation == 1 ? check(moves)
+               : operation == 2 ? check(translates)
+               : operation == 3 ? check(logicals)
+                                : check(transfers);
     }
 };
 

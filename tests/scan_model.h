@@ -8,6 +8,8 @@ namespace model
 
 // One scan. A value scan uses lower alone.
 struct scan {
+    static constexpr bool compressible = true;
+
     uint64_t flags;
     kel_vec_t src, dst;
     int op;
