@@ -91,7 +91,8 @@ struct copy_op {
 
     static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
     {
-        return copy_valid(ctx, flags, a.src, queue, version);
+        return copy_valid(ctx, flags, a.src, queue, version) &&
+               (a.count == 0 || kel_given(ctx, {{"src", a.src}, {"dst", a.dst}}));
     }
 
     static int valid_extra(kel_context_t *ctx, uint64_t flags, const args &a)

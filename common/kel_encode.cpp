@@ -32,6 +32,12 @@ int encode_valid(kel_context_t *ctx, const kel_vec_t *src, unsigned version)
     return kel_validate([=](auto log) KEL_INLINED { return source_valid(ctx, src, version, log); });
 }
 
+// Whether there is a buffer where bytes are to go; without room there need not be one.
+bool room_given(kel_context_t *ctx, const void *buf, size_t capacity)
+{
+    return capacity == 0 || kel_given(ctx, {{"buf", buf}});
+}
+
 void log_ratio(kel_context_t *ctx, const char *what, uint64_t length, uint64_t compressed)
 {
     kel_log_line(ctx, KEL_LOG_PERF, "compression ratio %s codec = %.2lf", what,
@@ -170,6 +176,8 @@ kel_result_t encode(kel_context_t *ctx, const kel_vec_t *src, void *buf, size_t 
 kel_result_t kel_zip(kel_context_t *ctx, uint64_t options, const kel_vec_t *src, void *buf, size_t *buflen,
                      kel_zip_t **codec)
 {
+    if (!kel_given(ctx, {{"src", src}, {"buflen", buflen}, {"codec", codec}}))
+        return {KEL_EINVAL, 0, 0};
     if (kel_log_on(ctx, KEL_LOG_ENTRY)) {
         char text[kel_args_text_size];
         kel_log_msg(ctx, KEL_LOG_ENTRY,
@@ -178,7 +186,8 @@ kel_result_t kel_zip(kel_context_t *ctx, uint64_t options, const kel_vec_t *src,
                     kel_log_ptr(codec));
     }
     kel_result_t result = {KEL_EINVAL, 0, 0};
-    if (!(ctx->debug_options & KEL_DEBUG_ARG) || zip_valid(ctx, options, src, ctx->api_version))
+    const bool tested = ctx->debug_options & KEL_DEBUG_ARG;
+    if (!tested || (zip_valid(ctx, options, src, ctx->api_version) && room_given(ctx, buf, *buflen)))
         result = zip(ctx, options, src, buf, buflen, codec);
     kel_log_line(ctx, KEL_LOG_RETURN, "kel_zip() returns codec=0x%lx, *buflen=%ld, and {%s, count=%ld}",
                  kel_log_ptr(*codec), static_cast<long>(*buflen), kel_status_str(result.status),
@@ -188,6 +197,8 @@ kel_result_t kel_zip(kel_context_t *ctx, uint64_t options, const kel_vec_t *src,
 
 kel_result_t kel_encode(kel_context_t *ctx, const kel_vec_t *src, void *buf, size_t *buflen, const kel_zip_t *codec)
 {
+    if (!kel_given(ctx, {{"src", src}, {"buflen", buflen}, {"codec", codec}}))
+        return {KEL_EINVAL, 0, 0};
     if (kel_log_on(ctx, KEL_LOG_ENTRY)) {
         char text[kel_args_text_size];
         kel_log_msg(ctx, KEL_LOG_ENTRY, "kel_encode(): ctx=0x%lx,\n  src = %s\n  buf=0x%lx, *buflen=%lu, codec=0x%lx",
@@ -195,7 +206,8 @@ kel_result_t kel_encode(kel_context_t *ctx, const kel_vec_t *src, void *buf, siz
                     kel_log_ptr(codec));
     }
     kel_result_t result = {KEL_EINVAL, 0, 0};
-    if (!(ctx->debug_options & KEL_DEBUG_ARG) || encode_valid(ctx, src, ctx->api_version))
+    const bool tested = ctx->debug_options & KEL_DEBUG_ARG;
+    if (!tested || (encode_valid(ctx, src, ctx->api_version) && room_given(ctx, buf, *buflen)))
         result = encode(ctx, src, buf, buflen, codec);
     kel_log_line(ctx, KEL_LOG_RETURN, "kel_encode() returns *buflen=%ld and {%s, count=%ld}",
                  static_cast<long>(*buflen), kel_status_str(result.status), static_cast<long>(result.count));

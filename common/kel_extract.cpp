@@ -35,6 +35,11 @@ struct extract_op {
         const kel_vec_t *dst;
     };
 
+    static bool given(kel_context_t *ctx, const args &a)
+    {
+        return kel_given(ctx, {{"src", a.src}, {"dst", a.dst}});
+    }
+
     static constexpr char return_format[] = "kel_extract() returns {%s, count=%ld}";
     static constexpr char post_return_format[] = "kel_extract_post() returns {%s}";
 

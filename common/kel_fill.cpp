@@ -146,7 +146,8 @@ struct fill_op {
 
     static int valid(kel_context_t *ctx, uint64_t flags, const args &a, kel_queue_t *queue, unsigned version)
     {
-        return fill_valid(ctx, flags, a.val_width, queue, version);
+        return fill_valid(ctx, flags, a.val_width, queue, version) &&
+               (a.count == 0 || kel_given(ctx, {{"dst", a.dst}}));
     }
 
     static int valid_extra(kel_context_t *ctx, uint64_t flags, const args &)

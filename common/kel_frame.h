@@ -9,6 +9,7 @@
 // An operation is a struct that holds only what is its own:
 //
 //   args            its arguments after the flags
+//   given(ctx, args)                          whether no record that the call reads is null; only where there are any
 //   return_format                             the text of its return line, for a status word and a count
 //   post_return_format                        that of its posted form, for a status word
 //   log_entry(ctx, flags, args)
@@ -31,6 +32,7 @@
 #include "kel_text.h"
 #include "kel_timers.h"
 #include "kel_vector.h"
+#include <initializer_list>
 #include <type_traits>
 
 // Whether the calling thread owns the context.
@@ -56,6 +58,36 @@ inline int thread_valid(kel_context_t *ctx, int do_log)
 
 // The owner test of the calls that have no validator: any debug option arms it. True: return KEL_ETHREAD.
 bool bad_thread_return(kel_context_t *ctx);
+
+// An argument that the call reads or writes through, and its name in the manual.
+struct named_t {
+    const char *name;
+    const void *pointer;
+};
+
+void report_null(kel_context_t *ctx, const char *name);
+
+// Whether none of these is null, as far as arguments are validated. It is the first test of all, before the entry line,
+// which reads what they point to: the first null one is reported.
+inline bool kel_given(kel_context_t *ctx, std::initializer_list<named_t> arguments)
+{
+    if (ctx->debug_options & KEL_DEBUG_ARG)
+        for (const named_t &argument : arguments)
+            if (!argument.pointer) [[unlikely]] {
+                report_null(ctx, argument.name);
+                return false;
+            }
+    return true;
+}
+
+template <class Op>
+inline bool kel_arguments_given(kel_context_t *ctx, const typename Op::args &args)
+{
+    if constexpr (requires { Op::given(ctx, args); })
+        return Op::given(ctx, args);
+    else
+        return true;
+}
 
 // Runs the tests of a validator. tests(do_log) makes all its tests in the order of their reports, each with do_log, and
 // answers 1 when none failed. The first pass is silent; only if something failed does a second one report. So every
@@ -134,6 +166,8 @@ void log_return(kel_context_t *ctx, const typename Op::args &args, const char *f
 template <class Op, unsigned version>
 kel_result_t kel_il(kel_context_t *ctx, uint64_t flags, const typename Op::args &args)
 {
+    if (!kel_arguments_given<Op>(ctx, args)) [[unlikely]]
+        return {KEL_EINVAL, 0, 0};
     if (ctx->log.options & KEL_LOG_ENTRY)
         Op::log_entry(ctx, flags, args);
     const kel_status_t refused = kel_check<Op, version>(ctx, flags, args, nullptr);
@@ -173,8 +207,7 @@ kel_status_t post(kel_queue_t *queue, uint64_t flags, const typename Op::args &a
         status = Op::emulate_post(queue->ctx, flags, args, &cca);
     else
         status = Op::emulate(queue->ctx, flags, args, &cca);
-    queue_get_next(queue, flags, &cca, status, udata, Op::pipe_dst(args));
-    return KEL_SUCCESS;
+    return queue_get_next(queue, flags, &cca, status, udata, Op::pipe_dst(args));
 }
 
 // A full queue comes before every validation. The operation's own outcome stays in its slot: a request that fails has
@@ -183,6 +216,8 @@ template <class Op, unsigned version>
 kel_status_t kel_post_il(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
 {
     kel_context_t *ctx = queue->ctx;
+    if (!kel_arguments_given<Op>(ctx, args)) [[unlikely]]
+        return KEL_EINVAL;
     if (ctx->log.options & KEL_LOG_ENTRY)
         Op::log_post_entry(ctx, flags, args, udata);
     kel_status_t status = queue_full(queue) ? KEL_EQFULL : kel_check<Op, version>(ctx, flags, args, queue);

@@ -228,6 +228,7 @@ kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options, c
     made->api_version = major;
     made->api_minor = minor;
     made->qlist = nullptr;
+    made->closing = false;
     kel_log_init(made);
     kel_debug_init(made);
     *ctx = made;
@@ -245,6 +246,7 @@ kel_status_t kel_thread_fini(kel_context_t *ctx)
 {
     if (bad_thread_return(ctx))
         return KEL_ETHREAD;
+    ctx->closing = true;
     while (ctx->qlist)
         kel_queue_destroy(ctx->qlist->queue);
     kel_thread_detach(ctx);

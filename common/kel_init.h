@@ -18,6 +18,7 @@ struct alignas(64) kel_context {
     kel_thread_t *thread;             // the owner's record; null once detached
     kel_queue_list_t *qlist;          // the queues of this context, oldest first
     kel_perf_event_t events;
+    bool closing; // kel_thread_fini is at work
 };
 
 // A record that stands wherever a client's allocator puts it, which need not be a multiple of anything.

@@ -27,6 +27,10 @@ void kelio_bits_init(const void *data, unsigned offset, uint64_t **buf, uint64_t
 
 kel_status_t kelio_unzip(kel_context_t *ctx, const kel_vec_t *src, void **buf, size_t *size)
 {
+    if (!src->codec) {
+        kel_report(ctx, "EDATAFMT: a KEL_ZIP source has no codec");
+        return KEL_EDATAFMT;
+    }
     const size_t length = kel_decoded_bytes(ctx, src) + kel_unzip_room;
     void *expanded = kel_malloc(ctx, length);
     if (!expanded)

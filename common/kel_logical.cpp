@@ -79,6 +79,11 @@ struct logical {
         const char *name;
     };
 
+    static bool given(kel_context_t *ctx, const args &a)
+    {
+        return kel_given(ctx, {{"src1", a.src1}, {"src2", a.src2}, {"dst", a.dst}});
+    }
+
     static constexpr char return_format[] = "%s() returns {%s, count=%ld}";
     static constexpr char post_return_format[] = "%s_post returns {%s}";
 

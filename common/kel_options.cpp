@@ -18,6 +18,9 @@ constexpr option_t debug_option_table[] = {
     {"perf", KEL_DEBUG_PERF}, {"all", kel_debug_options},
 };
 
+// A log line stands on the stack, so that what the environment says is shown up to here.
+constexpr int shown_bytes = 200;
+
 // Calls word(text, place) for every word of a list, with the place of the word in the list, until it answers false. A
 // list that cannot be copied has no words.
 template <class Word>
@@ -126,27 +129,27 @@ void kel_log_init(kel_context_t *ctx)
     log.options_init = 0;
     log.fd_init = -1;
     log.syslog_init = 0;
-    if (const char *options = getenv("KEL_LOG_OPTIONS")) {
+    if (const char *options = secure_getenv("KEL_LOG_OPTIONS")) {
         if (const char *bad = bad_options(options, log_option_table, std::size(log_option_table)))
-            kel_log_msg(nullptr, KEL_LOG_ERROR, "bad KEL_LOG_OPTIONS token at: %s", bad);
+            kel_log_msg(nullptr, KEL_LOG_ERROR, "bad KEL_LOG_OPTIONS token at: %.*s", shown_bytes, bad);
         log.options_init = static_cast<uint32_t>(get_options(options, log_option_table, std::size(log_option_table)));
-        const char *fd = getenv("KEL_LOG_FD");
+        const char *fd = secure_getenv("KEL_LOG_FD");
         if (!fd)
             log.syslog_init = 1;
         else if (!parse_fd(fd, &log.fd_init))
-            kel_log_msg(nullptr, KEL_LOG_ERROR, "bad KEL_LOG_FD value: %s", fd);
+            kel_log_msg(nullptr, KEL_LOG_ERROR, "bad KEL_LOG_FD value: %.*s", shown_bytes, fd);
     }
     kel_log_reset(ctx, 0);
 }
 
 void kel_debug_init(kel_context_t *ctx)
 {
-    const char *options = getenv("KEL_DEBUG_OPTIONS");
+    const char *options = secure_getenv("KEL_DEBUG_OPTIONS");
     ctx->debug_options = 0;
     if (!options) {
         ctx->debug_options = KEL_DEBUG_ARG;
     } else if (const char *bad = bad_options(options, debug_option_table, std::size(debug_option_table))) {
-        kel_report(ctx, "bad KEL_DEBUG_OPTIONS token at: %s", bad);
+        kel_report(ctx, "bad KEL_DEBUG_OPTIONS token at: %.*s", shown_bytes, bad);
     } else {
         const uint64_t known = get_options(options, debug_option_table, std::size(debug_option_table));
         ctx->debug_options = static_cast<uint32_t>(known);

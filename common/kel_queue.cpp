@@ -54,8 +54,12 @@ kel_status_t create(kel_context_t *ctx, int qlen, kel_queue_t **made)
 {
     if (bad_thread_return(ctx))
         return KEL_ETHREAD;
-    if (qlen <= 0)
+    if (qlen <= 0 || !kel_given(ctx, {{"queue", made}}))
         return KEL_EINVAL;
+    if (ctx->closing) { // or a log callback that creates queues would keep its context from closing
+        kel_report(ctx, "A context that closes has no more queues");
+        return KEL_EINVAL;
+    }
     auto *queue = static_cast<kel_queue_t *>(kel_calloc(ctx, 1, sizeof(kel_queue_t)));
     auto *node = static_cast<kel_queue_list_t *>(kel_calloc(ctx, 1, sizeof(kel_queue_list_t)));
     if (!queue || !node || kel0_queue_create(ctx, qlen, queue) != KEL_SUCCESS) {
@@ -91,6 +95,8 @@ int poll(kel_queue_t *queue, kel_poll_t *results, int nres, int64_t timeout, int
         return KEL_ETHREAD;
     if (report_empty(queue))
         return KEL_EQEMPTY;
+    if (nres != 0 && !kel_given(queue->ctx, {{"results", results}}))
+        return KEL_EINVAL;
     // A negative capacity is widened with its sign, and so means no limit.
     return kel0_poll(queue, results, static_cast<size_t>(int64_t{nres}), timeout, do_log);
 }
@@ -118,12 +124,9 @@ kel_status_t kel_queue_create(kel_context_t *ctx, int qlen, kel_queue_t **queue)
 {
     kel_log_line(ctx, KEL_LOG_ENTRY, "kel_queue_create(): ctx=0x%lx, qlen=%d, &queue=0x%lx", kel_log_ptr(ctx), qlen,
                  kel_log_ptr(queue));
-    kel_queue_t *made = nullptr;
-    const kel_status_t status = create(ctx, qlen, &made);
-    if (status == KEL_SUCCESS)
-        *queue = made;
-    kel_log_line(ctx, KEL_LOG_RETURN, "kel_queue_create returns queue=0x%lx and status %s", kel_log_ptr(made),
-                 kel_status_str(status));
+    const kel_status_t status = create(ctx, qlen, queue);
+    kel_log_line(ctx, KEL_LOG_RETURN, "kel_queue_create returns queue=0x%lx and status %s",
+                 kel_log_ptr(status == KEL_SUCCESS ? *queue : nullptr), kel_status_str(status));
     return status;
 }
 
@@ -173,9 +176,11 @@ bool queue_full(kel_queue_t *queue)
     return true;
 }
 
-void queue_get_next(kel_queue_t *queue, uint64_t flags, const cca_t *cca, kel_status_t status, void *udata,
-                    void *pipe_dst)
+kel_status_t queue_get_next(kel_queue_t *queue, uint64_t flags, const cca_t *cca, kel_status_t status, void *udata,
+                            void *pipe_dst)
 {
+    if (queue_full(queue)) [[unlikely]]
+        return KEL_EQFULL;
     if (empty(queue)) {
         queue->rindx = 0;
         queue->findx = 0;
@@ -199,6 +204,7 @@ void queue_get_next(kel_queue_t *queue, uint64_t flags, const cca_t *cca, kel_st
     queue->last_pipe_flags = static_cast<int>(flags & KEL_PIPE_FLAGS);
     queue->rindx++;
     queue->nitems++;
+    return KEL_SUCCESS;
 }
 
 int debug_sync_check(kel_context_t *ctx)

@@ -51,9 +51,9 @@ kel_status_t kel0_cancel_all(kel_queue_t *queue, int do_log);
 // Whether a queue has no free slot, which is reported.
 bool queue_full(kel_queue_t *queue);
 
-// Stores a finished request; the caller has seen that the queue is not full.
-void queue_get_next(kel_queue_t *queue, uint64_t flags, const cca_t *cca, kel_status_t status, void *udata,
-                    void *pipe_dst);
+// Stores a finished request. KEL_EQFULL: a log callback of the request has taken the last slot meanwhile.
+kel_status_t queue_get_next(kel_queue_t *queue, uint64_t flags, const cca_t *cca, kel_status_t status, void *udata,
+                            void *pipe_dst);
 
 // Whether all queues of a context are empty, as switching KEL_DEBUG_SYNC on requires.
 int debug_sync_check(kel_context_t *ctx);

@@ -27,6 +27,8 @@ static kel_status_t int_create(kel_context_t *ctx, const uint8_t *bytes, size_t 
 {
     if (ctx->debug_options && !kel_int_create_valid(ctx, len))
         return kel_owner(ctx) ? KEL_EINVAL : KEL_ETHREAD;
+    if (!kel_given(ctx, {{"buf", bytes}, {"val", val}}))
+        return KEL_EINVAL;
     val->format = KEL_BYTES;
     val->elem_width = static_cast<uint32_t>(len);
     const size_t above = len > 8 ? len - 8 : 0; // bytes above the last word
@@ -177,6 +179,11 @@ struct scan_value_op : scan_op {
     static constexpr char return_format[] = "kel_scan_value() returns {%s, count=%ld}";
     static constexpr char post_return_format[] = "kel_scan_value_post() returns {%s}";
 
+    static bool given(kel_context_t *ctx, const args &a)
+    {
+        return kel_given(ctx, {{"src", a.src}, {"dst", a.dst}, {"val", a.val}});
+    }
+
     static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
     {
         const texts t(ctx, flags, a);
@@ -207,6 +214,11 @@ struct scan_value_op : scan_op {
 struct scan_range_op : scan_op {
     static constexpr char return_format[] = "kel_scan_range() returns {%s, count=%ld}";
     static constexpr char post_return_format[] = "kel_scan_range_post returns {%s}";
+
+    static bool given(kel_context_t *ctx, const args &a)
+    {
+        return kel_given(ctx, {{"src", a.src}, {"dst", a.dst}, {"lower", a.val}, {"upper", a.upper}});
+    }
 
     static void log_entry(kel_context_t *ctx, uint64_t flags, const args &a)
     {

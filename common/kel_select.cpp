@@ -46,6 +46,11 @@ struct select_op {
         const kel_vec_t *mask;
     };
 
+    static bool given(kel_context_t *ctx, const args &a)
+    {
+        return kel_given(ctx, {{"src", a.src}, {"dst", a.dst}, {"mask", a.mask}});
+    }
+
     static constexpr char return_format[] = "kel_select() returns {%s, count=%ld}";
     static constexpr char post_return_format[] = "kel_select_post() returns %s";
 

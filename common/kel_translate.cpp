@@ -138,6 +138,11 @@ struct translate_op {
         uint32_t val_width;
     };
 
+    static bool given(kel_context_t *ctx, const args &a)
+    {
+        return kel_given(ctx, {{"src", a.src}, {"dst", a.dst}, {"bitmap", a.bitmap}});
+    }
+
     static constexpr char return_format[] = "kel_translate() returns {%s, count=%ld}";
     static constexpr char post_return_format[] = "kel_translate_post() returns %s";
 

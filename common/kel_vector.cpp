@@ -187,7 +187,7 @@ void vec_diagnose(kel_context_t *ctx, const kel_vec_t *vec, kel_status_t status)
 {
     if (status != KEL_EDATAFMT)
         return;
-    if (vec->format & KEL_ZIP)
+    if (vec->format & KEL_ZIP && vec->codec)
         zip_valid_syms(ctx, vec, vec->codec);
     if (vec->format & (KEL_VAR | KEL_RLE) && !(vec->format & KEL_ADD_ONE))
         aux_elem_valid(ctx, vec);

@@ -287,6 +287,8 @@ static kel_status_t zip_create(kel_context_t *ctx, uint16_t nsyms, const uint8_t
 kel_status_t kel_zip_create(kel_context_t *ctx, uint16_t nsyms, const uint8_t *widths, const uint8_t *syms,
                             kel_zip_t **codec)
 {
+    if (!kel_given(ctx, {{"codec", codec}}))
+        return KEL_EINVAL;
     kel_log_line(ctx, KEL_LOG_ENTRY,
                  "kel_zip_create(): ctx=0x%lx, nsyms=%d, \n  widths=0x%lx, syms=0x%lx, &codec=0x%lx", kel_log_ptr(ctx),
                  nsyms, kel_log_ptr(widths), kel_log_ptr(syms), kel_log_ptr(codec));
@@ -313,6 +315,8 @@ static kel_status_t zip_create_contig(kel_context_t *ctx, const void *buf, size_
 
 kel_status_t kel_zip_create_contig(kel_context_t *ctx, const void *buf, size_t length, kel_zip_t **codec)
 {
+    if (!kel_given(ctx, {{"codec", codec}}))
+        return KEL_EINVAL;
     *codec = nullptr;
     kel_log_line(ctx, KEL_LOG_ENTRY, "kel_zip_create_contig(): ctx=0x%lx, buf=0x%lx, \n  length=%lu, &codec=0x%lx",
                  kel_log_ptr(ctx), kel_log_ptr(buf), length, kel_log_ptr(codec));
@@ -329,9 +333,9 @@ size_t kel_zip_size(const kel_context_t *, const kel_zip_t *codec)
     return codec->dict_sz + sizeof *codec;
 }
 
-static int zip_get_contig_valid(kel_context_t *ctx)
+static int zip_get_contig_valid(kel_context_t *ctx, const kel_zip_t *codec, const void *buf, size_t capacity)
 {
-    return thread_valid(ctx, 1);
+    return thread_valid(ctx, 1) && (codec->dict_sz > capacity || kel_given(ctx, {{"buf", buf}}));
 }
 
 // count is the length of the image, copied or not.
@@ -345,10 +349,12 @@ static kel_result_t zip_get_contig(const kel_zip_t *codec, void *buf, size_t cap
 
 kel_status_t kel_zip_get_contig(kel_context_t *ctx, const kel_zip_t *codec, void *buf, size_t *buflen)
 {
+    if (!kel_given(ctx, {{"codec", codec}, {"buflen", buflen}}))
+        return KEL_EINVAL;
     kel_log_line(ctx, KEL_LOG_ENTRY, "kel_zip_get_contig(): ctx=0x%lx, codec=0x%lx,\n  buf=0x%lx, *buflen=%lu",
                  kel_log_ptr(ctx), kel_log_ptr(codec), kel_log_ptr(buf), *buflen);
     kel_status_t status = KEL_EINVAL;
-    if (!(ctx->debug_options & KEL_DEBUG_ARG) || zip_get_contig_valid(ctx)) {
+    if (!(ctx->debug_options & KEL_DEBUG_ARG) || zip_get_contig_valid(ctx, codec, buf, *buflen)) {
         const kel_result_t result = zip_get_contig(codec, buf, *buflen);
         status = result.status;
         if (status == KEL_EOVERFLOW && kel_do_log(ctx))
@@ -373,6 +379,8 @@ void zip_free(kel_context_t *ctx, kel_zip_t *codec)
 
 kel_status_t kel_zip_free(kel_context_t *ctx, kel_zip_t *codec)
 {
+    if (!kel_given(ctx, {{"codec", codec}}))
+        return KEL_EINVAL;
     kel_status_t status = KEL_ETHREAD;
     if (!bad_thread_return(ctx)) {
         kel_log_line(ctx, KEL_LOG_ENTRY, "kel_zip_free(): ctx=0x%lx, codec=0x%lx", kel_log_ptr(ctx),

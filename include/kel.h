@@ -22,8 +22,16 @@
  * Failures. A call that fails says so by a negative kel_status_t (but for one case of kel_thread_init), never by ending
  * the program (but for an operator that no enumerator of kel_compare_t names). An argument that fails validation leaves
  * every buffer untouched. Reasons are told in log lines at level KEL_LOG_ERROR. A new context validates its arguments
- * (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule have undefined results. A null context
- * is not tested for.
+ * (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule have undefined results.
+ *
+ * Null. Validation refuses a null vector, value or codec, and a null pointer that a call would store through, with
+ * KEL_EINVAL and one line that names the argument. A buffer may be null where no byte goes or comes: with a capacity,
+ * count, or number of elements of 0. Not tested are contexts, queues, the out-pointer of kel_thread_init, the record of
+ * kel_get_props, and what a vector's data and aux_data point to.
+ *
+ * Callbacks. A log callback, and those of an allocator, may make calls on other contexts. They must not take the
+ * queues of the context that called them (post, poll, destroy), nor close it: a request or an outcome of the call under
+ * way may then be refused (KEL_EQFULL) or handed to the inner call, and what has been destroyed must not be used again.
  *
  * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing. A thread
  * closes its contexts before it ends: one that is left open stays allocated and may not be used any more.
@@ -414,9 +422,10 @@ KEL_API kel_status_t kel_get_props(kel_context_t *ctx, kel_props_t *props);
  *
  * KEL_DEBUG_OPTIONS lists debug options ("arg", "extra", "sync", "perf", "all"). Not set, it stands for "arg"; empty,
  * it switches validation off. An unknown word of KEL_LOG_OPTIONS, and a KEL_LOG_FD that is not a number, are told on
- * standard error and in the system log; the good words hold, but without a descriptor that is open their lines go
+ * standard error and in the system log, up to 200 bytes of them; the good words hold, but without a descriptor that is open their lines go
  * nowhere. An unknown word of KEL_DEBUG_OPTIONS switches validation off, which only a log line tells. The tid of a line
- * is the calling thread's pthread_self() as an int.
+ * is the calling thread's pthread_self() as an int. A program that runs with more rights than who started it (set-uid)
+ * does not look at the environment.
  *
  * options is a set of KEL_LOG_ bits. KEL_SUCCESS; KEL_EINVAL: a bit that does not exist, or a negative descriptor;
  * KEL_ETHREAD. After a failure nothing is changed.
@@ -426,7 +435,11 @@ KEL_API kel_status_t kel_get_props(kel_context_t *ctx, kel_props_t *props);
 /** To the system log. */
 KEL_API kel_status_t kel_set_log(kel_context_t *ctx, uint64_t options);
 
-/** To an open descriptor, which stays the caller's and is to stay open. */
+/**
+ * To an open descriptor, which stays the caller's and is to stay open. Lines are written at once: a pipe that is full
+ * holds the call, and one without a reader raises SIGPIPE, which ends a program that does not ignore it. The same holds
+ * for KEL_LOG_FD.
+ */
 KEL_API kel_status_t kel_set_log_file(kel_context_t *ctx, uint64_t options, int fd);
 
 /** To a callback; a null one drops the lines. */
@@ -459,13 +472,13 @@ KEL_API kel_status_t kel_set_debug(kel_context_t *ctx, uint64_t options);
  * refused, or let through, in error. Who posts a chain polls the queue empty before it, and takes one that holds it all.
  *
  * Of every posted operation: KEL_SUCCESS: taken; KEL_EQFULL: no free slot; KEL_EINVAL, KEL_ETHREAD: refused by
- * validation, and not run.
+ * validation, and not run. kel_nop_post alone is not refused from a thread that does not own the context.
  * @{
  */
 
 /**
  * Creates a queue for qlen requests that are posted and not yet polled. It belongs to the context, whose end it does
- * not outlive. KEL_SUCCESS; KEL_EINVAL: qlen is not positive; KEL_ENOMEM; KEL_ETHREAD. After a failure *queue is
+ * not outlive. KEL_SUCCESS; KEL_EINVAL: qlen is not positive, or the context is being closed; KEL_ENOMEM; KEL_ETHREAD. After a failure *queue is
  * untouched.
  */
 KEL_API kel_status_t kel_queue_create(kel_context_t *ctx, int qlen, kel_queue_t **queue);
@@ -496,7 +509,8 @@ KEL_API kel_status_t kel_cancel_all(kel_queue_t *queue);
  *
  * Of every operation: KEL_EINVAL if an argument failed validation, KEL_ETHREAD if validation found that the calling
  * thread does not own the context; in both cases nothing was written and count is 0. The same holds for a KEL_ZIP
- * source that cannot be expanded (KEL_ENOMEM, KEL_EDATAFMT; see Codecs below).
+ * source that cannot be expanded (KEL_ENOMEM, KEL_EDATAFMT; see Codecs below). kel_nop is not refused from another
+ * thread.
  * @{
  */
 
