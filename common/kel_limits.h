@@ -20,6 +20,21 @@ inline constexpr unsigned kel_bitmap_align(unsigned version)
     return version == 2 ? 16 : 64;
 }
 
+inline constexpr unsigned kel_max_zip_symbols = 1024; // of a codec
+inline constexpr unsigned kel_max_code_bits = 10;     // widest codeword
+static_assert(1u << kel_max_code_bits == kel_max_zip_symbols);
+inline constexpr unsigned kel_max_symbol_bytes = 8;
+inline constexpr unsigned kel_zip_rows = 256;     // symbols of codewords with equal low 8 bits share a row
+inline constexpr unsigned kel_zip_row_bytes = 14; // symbols of a row, and under the row rule of any image
+inline constexpr unsigned kel_zip_align = 16;     // of a caller's image
+inline constexpr unsigned kel_zip_block = 8192;   // bytes; no image crosses the border of such a block
+
+// Bytes of the largest packed image.
+inline constexpr unsigned kel_max_zip_contig(unsigned version)
+{
+    return version == 2 ? kel_zip_block : 4098;
+}
+
 inline constexpr uint32_t kel_log_levels = 63;    // every level that exists
 inline constexpr uint32_t kel_debug_options = 15; // every debug option that exists
 

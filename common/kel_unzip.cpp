@@ -113,31 +113,20 @@ struct stream_t {
     {
     }
 
+    // Reads the codewords one by one. Kept: a codeword of 0 bits, that of a dictionary with one symbol, has as its value
+    // the low half of the word that the reader holds, so that it is valid only while that half is zero.
+    kel_input_t reader() const
+    {
+        kel_input_t in;
+        kelio_buf_input(data + bit / 8, bit % 8, &in);
+        return in;
+    }
+
     const uint8_t *data;
     uint64_t bit;        // where the next codeword starts
     unsigned code_width; // bits
     int64_t wanted;      // bytes; the last symbol may make it negative
     uint64_t codewords;  // that may be read
-};
-
-// Reads the codewords one by one. Kept: a codeword of 0 bits, that of a dictionary with one symbol, has as its value
-// the low half of the word that the reader holds, so that it is valid only while that half is zero.
-class code_reader
-{
-  public:
-    explicit code_reader(const stream_t &stream) : code_width(stream.code_width)
-    {
-        kelio_buf_input(stream.data + stream.bit / 8, stream.bit % 8, &in);
-    }
-
-    uint32_t next()
-    {
-        return static_cast<uint32_t>(kelio_get_bits(&in, code_width));
-    }
-
-  private:
-    kel_input_t in;
-    unsigned code_width;
 };
 
 // A destination that is written byte after byte and has a firm end.
@@ -180,11 +169,11 @@ kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, bool ex
 {
     if (stream.wanted <= 0) // a reader loads at once
         return KEL_SUCCESS;
-    code_reader reader(stream);
+    kel_input_t reader = stream.reader();
     while (stream.wanted > 0) {
         if (stream.codewords-- == 0)
             return KEL_EDATAFMT;
-        const uint32_t code = reader.next();
+        const auto code = static_cast<uint32_t>(kelio_get_bits(&reader, stream.code_width));
         const unsigned width = symbols.width_of(code);
         if (extra) {
             if (kel_bad_width(width))
@@ -204,19 +193,20 @@ kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, bool ex
 // ---- The bulk -------------------------------------------------------------------------------------------------------
 
 constexpr unsigned group = 4; // codewords from one load
-constexpr unsigned widest_code = 10;
-static_assert(7 + group * widest_code <= 64);
+static_assert(7 + group * kel_max_code_bits <= 64);
 
-// How many codewords can be read with loads of 8 bytes and written with stores of 8 bytes. As many are surely needed as
-// symbols of 8 bytes would be; the last of these hold the bytes that loads may touch behind the codewords before.
+// How many codewords can be read by loads of 8 bytes and written by stores of 8 bytes with no test between them. No
+// symbol has more than 8 bytes, so that at least an eighth as many codewords are still to come as bytes are wanted, and
+// each of them has room for its store. The last of these are left out: a load that starts in the codeword before them
+// touches no byte behind them.
 template <unsigned width>
 uint64_t safe_codewords(const stream_t &stream, const decoded_t &dst)
 {
-    constexpr uint64_t loaded_behind = (64 + width - 1) / width + 1;
+    constexpr uint64_t left_out = (64 + width - 1) / width + 1;
     const uint64_t room = dst.room > dst.size ? dst.room - dst.size : 0;
     const uint64_t needed = std::min<uint64_t>(static_cast<uint64_t>(stream.wanted), room) / kel_max_symbol_bytes;
     const uint64_t readable = std::min(needed, stream.codewords);
-    return readable > loaded_behind ? readable - loaded_behind : 0;
+    return readable > left_out ? readable - left_out : 0;
 }
 
 // Calls take(code) for the codewords of a group. Whole bytes and halves of bytes need no shift of a word.
@@ -261,7 +251,7 @@ constexpr auto make_bulk_table(std::index_sequence<widths...>)
 }
 
 // By the width of a codeword, less 1.
-constexpr auto bulk_table = make_bulk_table(std::make_index_sequence<widest_code>());
+constexpr auto bulk_table = make_bulk_table(std::make_index_sequence<kel_max_code_bits>());
 
 void unzip_bulk(stream_t &stream, const symbols_t &symbols, decoded_t &dst)
 {
@@ -306,13 +296,13 @@ int zip_valid_syms(kel_context_t *ctx, const kel_vec_t *src, const kel_zip_t *co
         return 0;
     }
     const symbols_t symbols(codec);
-    code_reader reader(stream);
+    kel_input_t reader = stream.reader();
     for (unsigned long index = 0; stream.wanted > 0; index++) {
         if (index == stream.codewords) {
             kel_report(ctx, "EDATAFMT: the stream of %lu codewords ends before the decoded data", index);
             return 0;
         }
-        const uint32_t code = reader.next();
+        const auto code = static_cast<uint32_t>(kelio_get_bits(&reader, stream.code_width));
         if (code >= codec->nsyms) {
             kel_report(ctx, "EDATAFMT: codeword %u > max valid codeword %u at index %lu", code, codec->nsyms - 1u,
                        index);

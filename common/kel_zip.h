@@ -8,6 +8,7 @@
 #pragma once
 
 #include "kel_init.h"
+#include "kel_limits.h"
 
 struct KEL_ANYWHERE kel_codec {
     void *dict;        // the image
@@ -20,23 +21,12 @@ struct KEL_ANYWHERE kel_codec {
 };
 static_assert(sizeof(kel_zip_t) == 24); // what a codec's size counts beside its image
 
-inline constexpr unsigned kel_max_zip_symbols = 1024;
-inline constexpr unsigned kel_max_symbol_bytes = 8;
+inline constexpr unsigned kel_zip_header = 2; // bytes of a packed image before its lengths
+static_assert(kel_max_zip_contig(1) == kel_zip_header + kel_max_zip_symbols / 2 + kel_zip_rows * kel_zip_row_bytes);
+
 inline bool kel_bad_width(unsigned width)
 {
     return width == 0 || width > kel_max_symbol_bytes;
-}
-
-inline constexpr unsigned kel_zip_row_bytes = 14; // symbols of a row, and under the row rule of any image
-inline constexpr unsigned kel_zip_rows = 256;
-inline constexpr unsigned kel_zip_align = 16;   // of a caller's image
-inline constexpr unsigned kel_zip_block = 8192; // no image crosses the border of such a block
-inline constexpr unsigned kel_zip_header = 2;   // bytes of a packed image before its lengths
-
-// The largest packed image.
-inline constexpr unsigned kel_max_zip_contig(unsigned version)
-{
-    return version == 2 ? kel_zip_block : kel_zip_header + kel_max_zip_symbols / 2 + kel_zip_rows * kel_zip_row_bytes;
 }
 
 // Bytes of the lengths of a packed image.

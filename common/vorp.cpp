@@ -32,14 +32,6 @@ void vorp_config_init(vorp_config_t *config, vorp_level_t level, vorp_log_t *log
 
 // ---- Memory pool ----------------------------------------------------------------------------------------------------
 
-static constexpr uint64_t pool_unit = 16;
-
-// Kept: a multiple of the unit grows by a unit, too.
-static uint64_t pool_round(uint64_t bytes)
-{
-    return (bytes & ~(pool_unit - 1)) + pool_unit;
-}
-
 void *vorp_malloc_align(vorp_log_t *, uint64_t, uint64_t size, const char *, uint64_t alignment, void **raw)
 {
     vorp_check(std::has_single_bit(alignment), "vorp_malloc_align: power of 2: %u, %u\n", static_cast<unsigned>(size),
@@ -61,12 +53,12 @@ int vorp_mempool_init(const vorp_config_t *config, vorp_mempool_t *pool, uint64_
     pool->log = config->log;
     pool->reserved = config->reserved;
     pool->index = 0;
-    pool->chunk_size = pool_round(size);
+    pool->chunk_size = vorp_pool_round(size);
     pool->alloc = alloc;
     pool->used[0] = 0;
     if (!alloc) {
         pool->chunks[0] =
-            vorp_malloc_align(pool->log, pool->reserved, pool->chunk_size, pool_name, pool_unit, &pool->raw[0]);
+            vorp_malloc_align(pool->log, pool->reserved, pool->chunk_size, pool_name, vorp_pool_unit, &pool->raw[0]);
         return pool->chunks[0] ? 0 : -1;
     }
     pool->free = free;
@@ -84,8 +76,8 @@ void *vorp_mempool_getmemory(vorp_mempool_t *pool, uint64_t size, int zero, int 
 {
     uint64_t &used = pool->used[pool->index];
     if (align) {
-        size = pool_round(size);
-        used = pool_round(used);
+        size = vorp_pool_round(size);
+        used = vorp_pool_round(used);
     }
     if (size > pool->chunk_size) {
         pool->log->log(pool->log->opaque, "%s:\n chunk_size:%lu, req_size:%lu, index:%ld, MAX_INDEX=%d\n", name,
@@ -103,7 +95,7 @@ void *vorp_mempool_getmemory(vorp_mempool_t *pool, uint64_t size, int zero, int 
 
 void *vorp_mempool_rest(vorp_mempool_t *pool, uint64_t size)
 {
-    const uint64_t used = pool_round(pool->used[pool->index]);
+    const uint64_t used = vorp_pool_round(pool->used[pool->index]);
     const bool fits = used <= pool->chunk_size && size <= pool->chunk_size - used;
     return fits ? static_cast<uint8_t *>(pool->chunks[pool->index]) + used : nullptr;
 }
@@ -199,18 +191,17 @@ void vorp_hset_add_index(vorp_mempool_t *pool, vorp_hset_t *set, const uint8_t *
 
 // ---- Trie -----------------------------------------------------------------------------------------------------------
 
-static constexpr unsigned byte_values = 256;
 static constexpr uint16_t listed_children = 2; // that a node can have before it gets a list of all byte values
 
 vorp_trie_t *vorp_trie_create(vorp_mempool_t *pool)
 {
     auto *trie = pool_objects<vorp_trie_t>(pool, 1, "vorp_trie");
-    auto *root = pool_objects<vorp_trie_node_t>(pool, 1 + byte_values, "trie root and 256 children");
+    auto *root = pool_objects<vorp_trie_node_t>(pool, 1 + vorp_byte_values, "trie root and 256 children");
     root->child_base = root + 1;
-    root->child_offsets = pool_objects<int64_t>(pool, byte_values, "256 children of trie root");
-    root->child_count = byte_values;
+    root->child_offsets = pool_objects<int64_t>(pool, vorp_byte_values, "256 children of trie root");
+    root->child_count = vorp_byte_values;
     memset(root->present, 0xff, sizeof root->present);
-    for (unsigned byte = 0; byte < byte_values; byte++) {
+    for (unsigned byte = 0; byte < vorp_byte_values; byte++) {
         root->child_offsets[byte] = static_cast<int64_t>(byte * sizeof *root);
         root->child_base[byte].terminal = 1;
         root->child_base[byte].id = static_cast<uint16_t>(byte);
@@ -244,11 +235,11 @@ static constexpr char leaf_name[] = "leaf_create";
 
 static void list_all_bytes(vorp_mempool_t *pool, vorp_trie_node_t *node)
 {
-    auto *offsets = pool_objects<int64_t>(pool, byte_values, leaf_name);
+    auto *offsets = pool_objects<int64_t>(pool, vorp_byte_values, leaf_name);
     for (unsigned i = 0; i < listed_children; i++)
         offsets[node->labels[i]] = node->child_offsets[i];
     node->child_offsets = offsets;
-    node->child_count = byte_values;
+    node->child_count = vorp_byte_values;
 }
 
 static void add_child(vorp_mempool_t *pool, vorp_trie_node_t *node, uint8_t byte, vorp_trie_node_t *child)

@@ -89,6 +89,20 @@ void vorp_adjust_dictionary_size(uint64_t input_len, vorp_config_t *config);
 // aligned request can hold words; the bytes that this brings in front count as used, and belong to the 16 that no
 // aligned request gets.
 
+inline constexpr uint64_t vorp_pool_unit = 16;
+
+// Kept: a multiple of the unit grows by a unit, too.
+inline constexpr uint64_t vorp_pool_round(uint64_t bytes)
+{
+    return (bytes & ~(vorp_pool_unit - 1)) + vorp_pool_unit;
+}
+
+// What an aligned request uses of the pool.
+inline constexpr uint64_t vorp_pool_use(uint64_t bytes)
+{
+    return vorp_pool_unit + vorp_pool_round(bytes);
+}
+
 inline constexpr int MAX_INDEX = 12;
 inline constexpr uint64_t vorp_pool_bytes = 4000000; // for one encode
 
@@ -187,6 +201,8 @@ typedef struct {
     uint8_t used[256]; // bytes that a walk has passed
 } vorp_trie_t;
 static_assert(sizeof(vorp_trie_t) == 272);
+
+inline constexpr unsigned vorp_byte_values = 256;
 
 // With a symbol for each byte, whose id is the byte.
 vorp_trie_t *vorp_trie_create(vorp_mempool_t *pool);
@@ -301,6 +317,35 @@ inline void vorp_access_write(uint8_t *entry, const vorp_access_t &access)
 {
     kel_store_be(entry, access.distance << 7 | access.skip << 3 | access.bit);
 }
+
+// ---- Codewords -----------------------------------------------------------------------------------------------------
+
+// Writes codewords one behind the other, the first bit on top, into bytes that are zero. Kept: room is tested for the
+// first of a codeword's two bytes alone. The second may lie behind the room, in a byte that holds anything.
+struct vorp_code_writer {
+    uint8_t *buf;
+    uint64_t capacity; // bytes
+    unsigned width;
+    uint64_t at; // the byte of the next codeword's first bit; may have passed the end
+    unsigned bit = 0;
+    bool overflow = false;
+
+    void put(unsigned code)
+    {
+        if (at < capacity) {
+            uint8_t *to = buf + at;
+            const unsigned placed = code << (16 - width - bit);
+            to[0] = static_cast<uint8_t>(to[0] | placed >> 8);
+            if (bit + width > 8)
+                to[1] = static_cast<uint8_t>(placed);
+        } else {
+            overflow = true;
+        }
+        bit += width;
+        at += bit / 8;
+        bit %= 8;
+    }
+};
 
 // ---- Decoders -------------------------------------------------------------------------------------------------------
 //

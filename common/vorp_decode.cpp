@@ -203,14 +203,22 @@ static bool entries_valid(unsigned entries, const vorp_config_t *config)
 
 static bool code_width_valid(unsigned width)
 {
-    return width >= 3 && width <= 10;
+    return width >= zip_code_width(vorp_min_entries) && width <= kel_max_code_bits;
 }
 
 // ---- Payloads of compressed streams ---------------------------------------------------------------------------------
 
-static uint64_t decode_codewords(const uint8_t *count, const uint8_t *symbols, const uint8_t *lengths, void *out,
-                                 unsigned width, int with_ra)
+// Unpacks the dictionary and decodes the codewords behind it; answers the decoded length.
+static uint64_t decode_payload(const uint8_t *data, const vorp_config_t *config, uint8_t *symbols, uint8_t *lengths,
+                               void *out, const char *wrong_width, const char *wrong_entries)
 {
+    const int with_ra = config->ra_interval > 0;
+    uint16_t entries;
+    uint64_t dict_bytes;
+    const unsigned width = vorp_reconstruct_dict_fixed(data, symbols, lengths, &entries, &dict_bytes, with_ra);
+    vorp_check(code_width_valid(width), "%s: %u\n", wrong_width, width);
+    vorp_check(entries == kel_load_be<uint16_t>(data), "%s", wrong_entries);
+    const uint8_t *count = data + dict_bytes;
     const uint8_t *codewords = count + vorp_count_bytes;
     if (with_ra)
         codewords += vorp_access_read(codewords).distance;
@@ -225,18 +233,16 @@ void vorp_decode_fixed_width(const uint8_t *data, void *out, uint64_t *outlen, c
     vorp_check(entries_valid(told, config), "vorp_decode_fixed_width: wrong dict_entries: %u\n", told);
 
     vorp_mempool_t pool;
-    vorp_mempool_init(config, &pool, config->max_entries * vorp_entry_wrkmem + 64, alloc, free, opaque);
+    constexpr uint64_t rounding = 64;
+    static_assert(vorp_pool_use(vorp_max_entries) + vorp_pool_use(vorp_max_entries * kel_max_symbol_bytes) <=
+                  vorp_max_entries * vorp_entry_wrkmem + rounding); // nothing recovers from an exhausted pool
+    vorp_mempool_init(config, &pool, config->max_entries * vorp_entry_wrkmem + rounding, alloc, free, opaque);
     auto *lengths = static_cast<uint8_t *>(vorp_mempool_getmemory(&pool, told, 0, 1, "decode:length"));
     auto *symbols = static_cast<uint8_t *>(
         vorp_mempool_getmemory(&pool, told * uint64_t{kel_max_symbol_bytes}, 1, 1, "decode:symbol"));
 
-    const int with_ra = config->ra_interval > 0;
-    uint16_t entries;
-    uint64_t dict_bytes;
-    const unsigned width = vorp_reconstruct_dict_fixed(data, symbols, lengths, &entries, &dict_bytes, with_ra);
-    vorp_check(code_width_valid(width), "vorp_decode_fixed_width: wrong fixed_sz: %u\n", width);
-    vorp_check(entries == told, "vorp_decode_fixed:width: wrong dict_entries");
-    *outlen = decode_codewords(data + dict_bytes, symbols, lengths, out, width, with_ra);
+    *outlen = decode_payload(data, config, symbols, lengths, out, "vorp_decode_fixed_width: wrong fixed_sz",
+                             "vorp_decode_fixed:width: wrong dict_entries");
     vorp_mempool_release(&pool);
 }
 
@@ -252,13 +258,8 @@ void vorp_decode_fixed_width_wrkmem(const uint8_t *data, void *out, uint64_t *ou
     uint8_t *symbols = lengths + config->max_entries;
     memset(symbols, 0, told * size_t{kel_max_symbol_bytes});
 
-    const int with_ra = config->ra_interval > 0;
-    uint16_t entries;
-    uint64_t dict_bytes;
-    const unsigned width = vorp_reconstruct_dict_fixed(data, symbols, lengths, &entries, &dict_bytes, with_ra);
-    vorp_check(code_width_valid(width), "vorp_decode_fixed_width_wrkmem: %u\n", width);
-    vorp_check(entries == told, "vorp_decode_fixed_width_wrkmem: wrong dict_entries");
-    *outlen = decode_codewords(data + dict_bytes, symbols, lengths, out, width, with_ra);
+    *outlen = decode_payload(data, config, symbols, lengths, out, "vorp_decode_fixed_width_wrkmem",
+                             "vorp_decode_fixed_width_wrkmem: wrong dict_entries");
 }
 
 uint64_t vorp_decode_fixed_random(const uint8_t *data, void *out, uint64_t pos, int64_t len,

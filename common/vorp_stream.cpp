@@ -42,7 +42,7 @@ static bool content_valid(const vorp_content_t *content)
         return false;
     for (unsigned code = 0; code < content->nsyms; code++) {
         const unsigned length = vorp_width(content->widths, code);
-        if (length == 0 || length > kel_max_symbol_bytes)
+        if (kel_bad_width(length))
             return false;
     }
     uint64_t size = 0;
@@ -93,19 +93,6 @@ static bool write_table(const vorp_content_t *content, uint8_t *out, const layou
     return true;
 }
 
-static void write_codewords(const vorp_content_t *content, uint8_t *to, unsigned width)
-{
-    uint32_t held = 0;
-    unsigned bits = 0; // of held that are not written
-    for (uint64_t i = 0; i < content->count; i++) {
-        held = held << width | content->codewords[i];
-        for (bits += width; bits >= 8; bits -= 8)
-            *to++ = static_cast<uint8_t>(held >> (bits - 8));
-    }
-    if (bits > 0)
-        *to = static_cast<uint8_t>(held << (8 - bits));
-}
-
 uint64_t vorp_stream_write(const vorp_config_t *config, const vorp_content_t *content, void *out, uint64_t capacity)
 {
     if (!config_valid(config) || !content_valid(content))
@@ -114,12 +101,14 @@ uint64_t vorp_stream_write(const vorp_config_t *config, const vorp_content_t *co
     if (at.end > capacity)
         return 0;
     auto *stream = static_cast<uint8_t *>(out);
-    memset(stream, 0, at.codewords);
+    memset(stream, 0, at.end);
     const vorp_table_t table = {};
     uint16_t header_bytes;
     vorp_header_write(&table, config, content->uncompressed_size, stream, &header_bytes);
     write_dictionary(content, stream, at);
-    write_codewords(content, stream + at.codewords, at.code_width);
+    vorp_code_writer writer = {stream, at.end, at.code_width, at.codewords};
+    for (uint64_t i = 0; i < content->count; i++)
+        writer.put(content->codewords[i]);
     return write_table(content, stream, at) ? at.end : 0;
 }
 
