@@ -1,26 +1,10 @@
 // A fuzz target: what training and encoding make of any source comes back byte for byte, whatever room they had.
+#include "fuzz_bytes.h"
 #include "kel.h"
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <fuzzer/FuzzedDataProvider.h>
+#include <bit>
 
 namespace
 {
-
-using bytes_t = std::vector<uint8_t>;
-
-constexpr size_t spare = 2; // bytes of a stream's buffer behind its capacity
-
-void require(bool condition)
-{
-    if (!condition)
-        abort();
-}
-
-struct alignas(64) line {
-    uint8_t bytes[64];
-};
 
 kel_vec_t byte_vec(void *data, uint64_t elements)
 {
@@ -44,54 +28,87 @@ bytes_t consume_source(FuzzedDataProvider &input)
     return source;
 }
 
-void expect_source(kel_context_t *ctx, const bytes_t &source, const bytes_t &stream, uint64_t codewords,
-                   kel_zip_t *codec)
+// A stream as it comes out of a buffer of some capacity.
+struct stream_t {
+    explicit stream_t(size_t capacity) : room(stale_bytes(capacity + 2)), length(capacity) {}
+
+    bytes_t room; // with two bytes behind its capacity
+    size_t length;
+    kel_result_t result = {};
+};
+
+// A stream is stored with one byte behind its length, and read by words.
+void expect_source(kel_context_t *ctx, const bytes_t &source, const stream_t &stream, kel_zip_t *codec)
 {
-    std::vector<line> lines(source.size() / 64 + 1);
-    std::vector<uint64_t> words(stream.size() / 8 + 1); // a source is read by words
-    memcpy(words.data(), stream.data(), stream.size());
-    kel_vec_t src = byte_vec(words.data(), source.size());
+    bytes_t stored = stale_bytes(stream.length / 8 * 8 + 8);
+    memcpy(stored.data(), stream.room.data(), stream.length + 1);
+    kel_vec_t src = byte_vec(stored.data(), source.size());
     src.format |= KEL_ZIP;
     src.codec = codec;
-    src.codewords = codewords;
+    src.codewords = stream.result.count;
+    std::vector<line> lines = stale_lines(source.size() / 64 + 1);
     const kel_vec_t dst = byte_vec(lines.data(), source.size());
     require(kel_extract(ctx, 0, &src, &dst).status == KEL_SUCCESS);
     require(source.empty() || memcmp(lines.data(), source.data(), source.size()) == 0);
 }
 
-void encode(kel_context_t *ctx, bytes_t source, kel_zip_t *codec)
+stream_t encode(kel_context_t *ctx, bytes_t source, kel_zip_t *codec, size_t capacity)
 {
     const kel_vec_t src = byte_vec(source.data(), source.size());
-    bytes_t stream(2 * source.size() + spare);
-    size_t length = stream.size() - spare;
-    const kel_result_t result = kel_encode(ctx, &src, stream.data(), &length, codec);
-    if (result.status == KEL_SUCCESS)
-        expect_source(ctx, source, stream, result.count, codec);
+    stream_t stream(capacity);
+    const uint8_t behind = stream.room.back();
+    stream.result = kel_encode(ctx, &src, stream.room.data(), &stream.length, codec);
+    require(stream.room.back() == behind);
+    if (stream.result.status == KEL_SUCCESS)
+        expect_source(ctx, source, stream, codec);
     else
-        require(result.status == KEL_EZIP && result.count == 0);
+        require(stream.result.count == 0);
+    return stream;
+}
+
+unsigned code_width(kel_context_t *ctx, const kel_zip_t *codec)
+{
+    bytes_t image(8192);
+    size_t length = image.size();
+    require(kel_zip_get_contig(ctx, codec, image.data(), &length) == KEL_SUCCESS);
+    return static_cast<unsigned>(std::bit_width(image[0] * 256u + image[1] - 1));
+}
+
+// A stream that is known to be that long fits if its last codeword starts in the buffer.
+void encode_again(kel_context_t *ctx, const bytes_t &source, kel_zip_t *codec, size_t length, size_t capacity)
+{
+    const uint64_t count = encode(ctx, source, codec, length + 1).result.count;
+    require(count > 0);
+    const uint64_t last_start = (count - 1) * code_width(ctx, codec) / 8;
+    for (const size_t room : {capacity, length}) {
+        const stream_t again = encode(ctx, source, codec, room);
+        const bool fits = last_start < room;
+        require(again.result.status == (fits ? KEL_SUCCESS : KEL_EOVERFLOW));
+        require(again.result.count == (fits ? count : 0) && again.length == length);
+    }
 }
 
 void train(kel_context_t *ctx, bytes_t source, FuzzedDataProvider &input)
 {
     const uint64_t options = input.ConsumeIntegralInRange<uint64_t>(0, 1);
     const kel_vec_t src = byte_vec(source.data(), source.size());
-    size_t length = input.ConsumeBool() ? input.ConsumeIntegralInRange<size_t>(0, source.size()) : source.size();
-    bytes_t stream(length + spare);
+    const size_t capacity =
+        input.ConsumeBool() ? input.ConsumeIntegralInRange<size_t>(0, source.size()) : source.size();
+    stream_t stream(capacity);
     kel_zip_t *codec = nullptr;
-    kel_result_t result = kel_zip(ctx, options, &src, stream.data(), &length, &codec);
-    if (result.status == KEL_EOVERFLOW) {
-        require(codec && length + spare >= stream.size()); // as long as its room, at least
-        stream.assign(++length + spare, 0xA5);             // a last byte may not have been counted
-        result = kel_encode(ctx, &src, stream.data(), &length, codec);
-        require(result.status == KEL_SUCCESS);
-    }
-    if (result.status != KEL_SUCCESS) {
-        require(result.status == KEL_EZIP && result.count == 0);
+    stream.result = kel_zip(ctx, options, &src, stream.room.data(), &stream.length, &codec);
+    if (stream.result.status == KEL_SUCCESS)
+        expect_source(ctx, source, stream, codec);
+    else
+        require(stream.result.count == 0);
+    if (stream.result.status != KEL_SUCCESS && stream.result.status != KEL_EOVERFLOW) {
+        require(stream.result.status == KEL_EZIP);
         return;
     }
-    expect_source(ctx, source, stream, result.count, codec);
-    encode(ctx, source, codec);
-    encode(ctx, input.ConsumeRemainingBytes<uint8_t>(), codec);
+    encode_again(ctx, source, codec, stream.length, capacity);
+    const bytes_t other = input.ConsumeRemainingBytes<uint8_t>();
+    const kel_status_t status = encode(ctx, other, codec, 2 * other.size()).result.status;
+    require(status == KEL_SUCCESS || status == KEL_EZIP);
     require(kel_zip_free(ctx, codec) == KEL_SUCCESS);
 }
 
@@ -100,6 +117,7 @@ void train(kel_context_t *ctx, bytes_t source, FuzzedDataProvider &input)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzedDataProvider input(data, size);
+    stale_state = input.ConsumeIntegral<uint16_t>();
     kel_context_t *ctx = nullptr;
     if (kel_thread_init(input.ConsumeIntegralInRange(1u, 2u), 1, 0, nullptr, &ctx) != KEL_SUCCESS)
         return 0;

@@ -1,17 +1,11 @@
 // A fuzz target: any bytes as the image of a codec, as a stream of codewords, and as the fields of its vector. Every
 // buffer is a block of its own, no longer than the public header says that it has to be.
+#include "fuzz_bytes.h"
 #include "kel.h"
-#include <algorithm>
 #include <bit>
-#include <cstring>
-#include <fuzzer/FuzzedDataProvider.h>
 
 namespace
 {
-
-struct alignas(64) line {
-    uint8_t bytes[64];
-};
 
 // Words that hold some bits, the first of them taken from the input.
 std::vector<uint64_t> consume_words(FuzzedDataProvider &input, uint64_t bits)
@@ -21,15 +15,24 @@ std::vector<uint64_t> consume_words(FuzzedDataProvider &input, uint64_t bits)
     return words;
 }
 
+// Twice, over other stale bytes: what is written does not depend on them.
 void run(kel_context_t *ctx, const kel_vec_t &src, uint64_t elements, uint32_t bits, const kel_int_t *value)
 {
     const uint64_t last_run = src.format & KEL_RLE ? 256 * 16 / 64 : 0; // may go past the end as a whole
-    std::vector<line> lines((bits * elements + 511) / 512 + 1 + last_run);
-    const kel_vec_t dst = {KEL_BITS, elements, lines.data(), bits, 0, 0, 0, nullptr, nullptr, 0};
-    if (value)
-        kel_scan_value(ctx, 0, &src, &dst, KEL_GE, value);
-    else
-        kel_extract(ctx, 0, &src, &dst);
+    const uint64_t count = (bits * elements + 511) / 512 + 1 + last_run, bytes = sizeof(line) * count;
+    std::vector<line> stale[2], lines[2];
+    kel_result_t results[2];
+    for (int turn = 0; turn < 2; turn++) {
+        stale[turn] = lines[turn] = stale_lines(count);
+        const kel_vec_t dst = {KEL_BITS, elements, lines[turn].data(), bits, 0, 0, 0, nullptr, nullptr, 0};
+        results[turn] = value ? kel_scan_value(ctx, 0, &src, &dst, KEL_GE, value) : kel_extract(ctx, 0, &src, &dst);
+    }
+    require(results[0].status == results[1].status && results[0].count == results[1].count);
+    const auto byte = [](const std::vector<line> &of, uint64_t i) { return of[i / 64].bytes[i % 64]; };
+    for (uint64_t i = 0; i < bytes; i++) {
+        const bool kept = byte(lines[0], i) == byte(stale[0], i) && byte(lines[1], i) == byte(stale[1], i);
+        require(kept || byte(lines[0], i) == byte(lines[1], i));
+    }
 }
 
 void use_codec(kel_context_t *ctx, kel_zip_t *codec, unsigned nsyms, FuzzedDataProvider &input)
@@ -63,6 +66,7 @@ void use_codec(kel_context_t *ctx, kel_zip_t *codec, unsigned nsyms, FuzzedDataP
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzedDataProvider input(data, size);
+    stale_state = input.ConsumeIntegral<uint16_t>();
     const uint32_t version = input.ConsumeBool() + 1u;
     const bool validated = version == 1 || input.ConsumeIntegralInRange(0, 4) > 0; // else version 1 trusts the image
     std::vector<uint8_t> image = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(2, 8300));
