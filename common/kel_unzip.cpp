@@ -170,10 +170,11 @@ kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, bool ex
     if (stream.wanted <= 0) // a reader loads at once
         return KEL_SUCCESS;
     kel_input_t reader = stream.reader();
+    const unsigned code_width = stream.code_width;
     while (stream.wanted > 0) {
         if (stream.codewords-- == 0)
             return KEL_EDATAFMT;
-        const auto code = static_cast<uint32_t>(kelio_get_bits(&reader, stream.code_width));
+        const auto code = static_cast<uint32_t>(kelio_get_bits(&reader, code_width));
         const unsigned width = symbols.width_of(code);
         if (extra) {
             if (kel_bad_width(width))
@@ -181,7 +182,7 @@ kel_status_t unzip_codewords(stream_t &stream, const symbols_t &symbols, bool ex
             if (dst.full())
                 return KEL_EOVERFLOW;
         }
-        if (width == 0 && stream.code_width == 0) // a codeword of 0 bits stays what it is
+        if (width == 0 && code_width == 0) // a codeword of 0 bits stays what it is
             return KEL_EDATAFMT;
         if (width > 0)
             dst.put(symbols.bytes[code], width);

@@ -318,7 +318,7 @@ inline void vorp_access_write(uint8_t *entry, const vorp_access_t &access)
     kel_store_be(entry, access.distance << 7 | access.skip << 3 | access.bit);
 }
 
-// ---- Codewords -----------------------------------------------------------------------------------------------------
+// ---- Codewords ------------------------------------------------------------------------------------------------------
 
 // Writes codewords one behind the other, the first bit on top, into bytes that are zero. Kept: room is tested for the
 // first of a codeword's two bytes alone. The second may lie behind the room, in a byte that holds anything.

@@ -52,7 +52,7 @@ struct text_t {
                                         codewords.data(),
                                         codewords.size(),
                                         plain.size()};
-        bytes_t room(100000);
+        bytes_t room(100000, 0xa5);
         const auto write = [&](uint64_t capacity) {
             return stored ? vorp_stream_store(&config, plain.data(), plain.size(), room.data(), capacity)
                           : vorp_stream_write(&config, &content, room.data(), capacity);
