@@ -29,11 +29,12 @@ sanitize: test-tools
 	cmake --build build/sanitize -j $(JOBS)
 	ctest --preset sanitize -j $(JOBS)
 
-# Those of threads under the thread sanitizer; the others have one thread.
+# Threads under the thread sanitizer: rounds of the soak test, the same each time, and the tests of thread records.
 tsan: test-tools
 	cmake --preset tsan $(CMAKE_FLAGS)
-	cmake --build build/tsan -j $(JOBS) --target test_threads
-	ctest --preset tsan -R '^threads'
+	cmake --build build/tsan -j $(JOBS) --target soak test_init
+	ctest --preset tsan -R '^thread\.'
+	build/tsan/tests/soak 10 1 24
 
 # Which lines of the library no test reaches.
 coverage: coverage-tools

@@ -1,5 +1,4 @@
-// The road of a call and the road of a log line, watched on kel_nop, on calls with arguments and on the messages
-// themselves.
+// The road of a log line, and kel_int_create.
 #include "kel_frame.h"
 #include "kel_log.h"
 #include "support.h"
@@ -23,93 +22,6 @@ std::string taken(int fd)
 } // namespace
 
 // ---- Calls ----------------------------------------------------------------------------------------------------------
-
-// Only KEL_DEBUG_ARG lets the flags be looked at; the level decides on the lines alone, the owner on the status.
-TEST(call, nop)
-{
-    const std::string sync = "Synchronization flags must not be set for non-post functions: flags = ";
-    const std::tuple<uint32_t, uint64_t, lines_t> rows[] = {
-        {1, 0, {}},
-        {2, 0, {}},
-        {1, KEL_COND, {sync + "cond\n"}},
-        {1, KEL_COND | KEL_CACHE, {"Invalid flags cache", sync + "cond\n"}},
-        {1, KEL_PIPE_SRC, {"Invalid flags "}},
-        {1, UINT64_MAX, {"Invalid flags ones|cache|pad|invert|invert_src|nowait", sync + "cond|serial\n"}},
-        {2, KEL_SERIAL | KEL_NOWAIT, {"Invalid flags nowait", sync + "serial\n"}},
-        {2, KEL_PIPE_SRC, {sync + "pipe_src|pipe_mask\n"}},
-        {2, KEL_PIPE_AUX, {sync + "pipe_aux\n"}},
-        {2, 1 << 10, {sync + "pipe_mask\n"}},
-        {2, 1 << 11, {"Invalid flags 11(?\?\?)"}},
-    };
-    for (const auto &[version, flags, reports] : rows)
-        for (const uint32_t debug : {1u, 14u, 0u})
-            for (const uint32_t log : {KEL_LOG_ERROR, 0u})
-                for (const bool foreign : {false, true}) {
-                    SCOPED_TRACE(testing::Message() << "flags " << flags << ", debug " << debug << ", log " << log);
-                    const lines_t lines = debug == 1 ? reports : lines_t();
-                    test_context ctx(version, debug, log);
-                    if (foreign)
-                        ctx.disown();
-                    const kel_result_t result = kel_nop(ctx, flags);
-                    EXPECT_EQ(result.status, lines.empty() ? KEL_SUCCESS : foreign ? KEL_ETHREAD : KEL_EINVAL);
-                    EXPECT_EQ(result.reserved | result.count, 0u);
-                    EXPECT_EQ(ctx.messages(), log ? lines : lines_t());
-                    EXPECT_EQ(kel_debug_calls, lines.size());
-                }
-}
-
-TEST(call, lines_and_levels)
-{
-    for (const uint32_t levels : {63u, uint32_t{KEL_LOG_ENTRY}, uint32_t{KEL_LOG_RETURN}}) {
-        test_context ctx(2, KEL_DEBUG_ARG, levels);
-        small_scan s;
-        s.flags = KEL_NOWAIT;
-        const std::string vectors = s.text(ctx), five = s.five_text, seven = s.seven_text;
-        kel_nop(ctx, KEL_CACHE);
-        s.value(ctx);
-        s.range(ctx);
-        s.value_op = kel_compare_t{4};
-        s.value(ctx);
-        const std::pair<uint32_t, std::string> lines[] = {
-            {KEL_LOG_ENTRY, "kel_nop()"},
-            {KEL_LOG_ERROR, "Invalid flags cache"},
-            {KEL_LOG_RETURN, "kel_nop() returns {EINVAL, count=0}"},
-            {KEL_LOG_ENTRY, "kel_scan_value(): " + vectors + ", \n  op=EQ,\n  val = " + five},
-            {KEL_LOG_VERBOSE, "Emulating kel_scan_value"},
-            {KEL_LOG_RETURN, "kel_scan_value() returns {SUCCESS, count=2}"},
-            {KEL_LOG_ENTRY,
-             "kel_scan_range(): " + vectors + ", \n  op=EQ_OR_EQ,\n  lower = " + five + ",\n  upper = " + seven},
-            {KEL_LOG_VERBOSE, "Emulating kel_scan_range"},
-            {KEL_LOG_RETURN, "kel_scan_range() returns {SUCCESS, count=3}"},
-            {KEL_LOG_ENTRY, "kel_scan_value(): " + vectors + ", \n  op=4(?\?\?),\n  val = " + five},
-            {KEL_LOG_ERROR, "Invalid op 4(?\?\?)"},
-            {KEL_LOG_RETURN, "kel_scan_value() returns {EINVAL, count=0}"},
-        };
-        lines_t expected;
-        for (const auto &[level, message] : lines)
-            if (levels & level)
-                expected.push_back(log_text(log_str(level), message));
-        EXPECT_EQ(ctx.texts(), expected);
-    }
-}
-
-// Any debug option arms the owner test of the calls that have no validator.
-TEST(call, of_a_foreign_thread)
-{
-    for (const uint32_t version : {1u, 2u})
-        for (const uint32_t debug : {0u, 1u, 2u, 4u, 8u}) {
-            test_context ctx(version, debug);
-            ctx.disown();
-            uint32_t value = 99;
-            EXPECT_EQ(kel_version(ctx, &value), debug ? KEL_ETHREAD : KEL_SUCCESS);
-            EXPECT_EQ(value, debug ? 99 : version);
-            if (debug) {
-                EXPECT_EQ(kel_thread_fini(ctx), KEL_ETHREAD);
-            }
-            EXPECT_EQ(ctx.messages(), lines_t(debug ? 2 : 0, test_context::wrong_thread()));
-            EXPECT_EQ(kel_debug_calls, debug ? 2u : 0u);
-        }
-}
 
 // Any debug option arms the tests; with all off no length is looked at. dword[0] is never written, dword[1] only for
 // more than 8 bytes, and nothing by a refused call.

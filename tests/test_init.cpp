@@ -118,6 +118,36 @@ TEST(thread, foreign_contexts)
     EXPECT_EQ(kel_thread_fini(stays), KEL_SUCCESS);
 }
 
+// Threads that end with their contexts open: the nodes of a list go back, its record is cleared and stays, and the
+// contexts are untouched. What is left goes by hand.
+TEST(thread, ends_with_open_contexts)
+{
+    const auto leave = [](kel_context_t **contexts, const kel_init_options_t *allocator) {
+        for (int i = 0; i < 2; i++)
+            contexts[i] = open_context(2, allocator);
+        EXPECT_EQ(kel_nop_post(open_queue(contexts[0], 5), 0, nullptr), KEL_SUCCESS);
+    };
+    block_store stores[4];
+    kel_init_options_t options[4];
+    kel_context_t *contexts[4][2];
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++) {
+        options[i] = stores[i].options();
+        threads.emplace_back(leave, contexts[i], &options[i]);
+    }
+    for (int i = 0; i < 4; i++) {
+        threads[static_cast<size_t>(i)].join();
+        const kel_thread_t *thread = contexts[i][0]->thread;
+        EXPECT_EQ(stores[i].live.size(), 1 + 3u); // a queue is three blocks
+        EXPECT_TRUE(thread->refc == 0 && thread->tid == pthread_t{} && !thread->ctxl_head);
+        for (kel_context_t *ctx : contexts[i]) {
+            EXPECT_TRUE(ctx->thread == thread && ctx->api_version == 2);
+            free(ctx->init_options);
+            free(ctx);
+        }
+    }
+}
+
 // A context that its record does not list: detaching says so, closing says so and goes on.
 TEST(thread, unlisted_context)
 {
