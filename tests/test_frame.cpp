@@ -21,50 +21,31 @@ std::string taken(int fd)
 
 } // namespace
 
-// ---- Calls ----------------------------------------------------------------------------------------------------------
-
 // Any debug option arms the tests; with all off no length is looked at. dword[0] is never written, dword[1] only for
 // more than 8 bytes, and nothing by a refused call.
 TEST(call, int_create)
 {
     constexpr uint64_t left = 0xa5a5a5a5a5a5a5a5;
     const uint8_t bytes[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 0xff};
-    const std::string wrong = test_context::wrong_thread();
-    const struct {
-        uint32_t debug;
-        bool foreign;
-        size_t len;
-        uint64_t high, low;
-        std::string status = "SUCCESS";
-        lines_t reports = {};
-    } rows[] = {
-        {0, true, 0, left, 0},
-        {1, false, 1, left, 1},
-        {8, false, 8, left, 0x0102030405060708},
-        {1, false, 9, 1, 0x0203040506070809},
-        {1, false, 16, 0x0102030405060708, 0x090a0b0c0d0e0fff},
-        {8, false, 0, left, left, "EINVAL", {"Invalid len 0"}},
-        {1, false, 17, left, left, "EINVAL", {"Invalid len 17"}},
-        {2, true, 1, left, left, "ETHREAD", {wrong}},
-        {4, true, SIZE_MAX, left, left, "ETHREAD", {"Invalid len -1", wrong}},
+    // Debug options, length, and the value, which is left when nothing is reported.
+    const std::tuple<uint32_t, size_t, uint64_t, uint64_t, lines_t> rows[] = {
+        {0, 1, left, 1, {}},
+        {8, 8, left, 0x0102030405060708, {}},
+        {1, 9, 1, 0x0203040506070809, {}},
+        {1, 16, 0x0102030405060708, 0x090a0b0c0d0e0fff, {}},
+        {8, 0, left, left, {"Invalid len 0"}},
+        {1, 17, left, left, {"Invalid len 17"}},
+        {4, SIZE_MAX, left, left, {"Invalid len -1"}},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(&row - rows);
-        test_context ctx(1, row.debug, 63);
-        if (row.foreign)
-            ctx.disown();
+    for (const auto &[debug, length, high, low, lines] : rows) {
+        test_context ctx(1, debug);
         kel_int_t val = {99, 99, {left, left, left}};
-        lines_t lines = row.reports;
-        lines.insert(lines.begin(), "kel_int_create(): ctx=" + pointer_text(ctx) + ", buf=" + pointer_text(bytes) +
-                                        ", len=" + std::to_string(static_cast<long>(row.len)) +
-                                        ", val=" + pointer_text(&val));
-        lines.push_back("kel_int_create() returns " + row.status);
-        EXPECT_EQ(kel_status_str(kel_int_create(ctx, bytes, row.len, &val)), row.status);
+        EXPECT_EQ(kel_int_create(ctx, bytes, length, &val), lines.empty() ? KEL_SUCCESS : KEL_EINVAL);
         EXPECT_EQ(ctx.messages(), lines);
-        EXPECT_EQ(kel_debug_calls, row.reports.size());
-        EXPECT_EQ(val.format, row.reports.empty() ? KEL_BYTES : 99);
-        EXPECT_EQ(val.elem_width, row.reports.empty() ? row.len : 99);
-        EXPECT_EQ(std::vector(val.dword, std::end(val.dword)), (std::vector{left, row.high, row.low}));
+        EXPECT_EQ(kel_debug_calls, lines.size());
+        EXPECT_EQ(val.format, lines.empty() ? KEL_BYTES : 99);
+        EXPECT_EQ(val.elem_width, lines.empty() ? length : 99);
+        EXPECT_EQ(std::vector(val.dword, std::end(val.dword)), (std::vector{left, high, low}));
     }
 }
 
