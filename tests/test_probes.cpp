@@ -146,7 +146,7 @@ void trace(const char *probe, const Call &call)
     action.sa_sigaction = stop;
     action.sa_flags = SA_SIGINFO;
     sigaction(SIGTRAP, &action, &previous);
-    mprotect(at(site & -4096), 4096, PROT_READ | PROT_WRITE | PROT_EXEC);
+    mprotect(at(site / 4096 * 4096), 4096, PROT_READ | PROT_WRITE | PROT_EXEC);
     EXPECT_EQ(std::exchange(*static_cast<uint8_t *>(at(site)), breakpoint), no_op);
     call();
     *static_cast<uint8_t *>(at(site)) = no_op;

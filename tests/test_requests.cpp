@@ -195,7 +195,7 @@ void expect_refusals(const operation &op, const std::string &spoiled, const line
 {
     for (int variant = 0; variant < 16; variant++) {
         SCOPED_TRACE("variant " + std::to_string(variant));
-        const uint32_t version = 2 - variant % 2, level = variant & 2 ? 0 : KEL_LOG_ERROR;
+        const uint32_t version = variant % 2 ? 1 : 2, level = variant & 2 ? 0 : KEL_LOG_ERROR;
         const bool posted = variant & 4, foreign = variant & 8;
         request r(op);
         std::istringstream words(spoiled);
