@@ -1,8 +1,5 @@
 #include "bench_library.h"
-#include "kel_extract.h"
-#include "kel_scan.h"
-#include "kel_select.h"
-#include "kel_translate.h"
+#include "kel_init.h"
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -43,15 +40,6 @@ library_t load(const char *path)
     return with_contexts(library);
 }
 
-// A kernel in the place of a public function.
-template <auto kernel, class... Arguments>
-kel_result_t call_kernel(kel_context_t *ctx, uint64_t flags, Arguments... arguments)
-{
-    cca_t cca = {};
-    const kel_status_t status = kernel(ctx, flags, arguments..., &cca);
-    return {status, 0, cca.retval};
-}
-
 library_t make_walk()
 {
     library_t library = {};
@@ -59,14 +47,7 @@ library_t make_walk()
     BENCH_CALLS(BENCH_TAKE)
 #undef BENCH_TAKE
     library = with_contexts(library);
-    library.kel_scan_range = call_kernel<kel_scan_range_general>;
-    library.kel_translate = call_kernel<kel_translate_general>;
-    library.kel_select = call_kernel<kel_select_general>;
-    library.kel_extract = [](kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst) {
-        kel_result_t result = call_kernel<kel_extract_general>(ctx, flags, src, dst);
-        result.count = 0;
-        return result;
-    };
+    library.ctx->kernels = library.bare->kernels = nullptr;
     return library;
 }
 

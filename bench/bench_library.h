@@ -29,4 +29,4 @@ struct library_t {
 // The first two are shared libraries that are loaded at run time in one way, so that nothing but their code differs.
 const library_t &get_library();  // as it is built
 const library_t &get_portable(); // without vector kernels
-const library_t &get_walk();     // the element-by-element kernels alone, where there are others; without validation
+const library_t &get_walk();     // element by element

@@ -1,5 +1,6 @@
 // What the kernels of several operations share, as far as it runs once a call.
 #include "kel_emulate_subr.h"
+#include "kel_text.h"
 
 void do_asserts() {}
 

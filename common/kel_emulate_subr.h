@@ -2,16 +2,17 @@
 // element to its destination, and the two ways out of a kernel.
 #pragma once
 
-#include "kel_frame.h"
+#include "kel_cca.h"
+#include "kel_init.h"
 #include "kel_io.h"
 #include "kel_limits.h"
+#include "kel_vector.h"
 
 // ---- Dispatch -------------------------------------------------------------------------------------------------------
 
-// The element types of the kernels, in the order of their classes: a class is twice the type's number, and odd for the
-// forms that walk a pointer over aligned elements of equal widths. With an operator of its family, dispatch takes uint8
-// for widths of zero alone and never an odd class or one of uint16 and uint32; those lead to the general kernels all
-// the same.
+// The element types of the kernels. A class is twice the type's number; the odd classes are for aligned elements of
+// equal widths. Dispatch takes uint8 for a width of 0 alone, and neither uint16 nor uint32 nor an odd class; an operator
+// that spills into the class can lead there, and gets the general kernels.
 enum kel_type_t : unsigned {
     kel_type_uintptr,
     kel_type_uint8,
@@ -37,7 +38,7 @@ inline uint64_t kel_dispatch_bytes(const kel_vec_t *src)
     return src->format & KEL_VAR ? kel_max_elem_bytes : kel_dispatch_bytes(src->format, src->elem_width);
 }
 
-// log2 of a width of whole bytes, as far as dispatch meets one: 1, 2, 4, and the multiples of 8 to 32.
+// log2 of a width of 1, 2, 4, 8, 16 or 32 bytes.
 inline unsigned kel_log2(unsigned bytes)
 {
     return bytes <= 4 ? bytes / 2 : bytes / 16 + 3;
@@ -119,15 +120,26 @@ inline oword_t kel_word_shift(oword_t v, bool left, uint64_t bits)
     return left ? oword_lshift(v, bits) : oword_rshift(v, bits);
 }
 
+// The shifts of an adaptation, one of which is 0.
+struct adaptation_t {
+    uint64_t right;
+    uint64_t left;
+};
+
+inline adaptation_t kel_adaptation(uint64_t flags, uint64_t src_bits, uint64_t dst_bits)
+{
+    const uint64_t rounded = kel_round_bits(src_bits);
+    return {rounded > dst_bits ? rounded - dst_bits : 0,
+            flags & KEL_PAD && rounded < dst_bits ? dst_bits - rounded : 0};
+}
+
 template <class Word>
 inline Word kel_adapt(uint64_t flags, Word v, ulong_t src_bits, ulong_t dst_bits)
 {
-    const uint64_t rounded = kel_round_bits(src_bits);
-    if (rounded > dst_bits)
-        return kel_word_shift(v, false, rounded - dst_bits);
-    if (flags & KEL_PAD && rounded < dst_bits)
-        return kel_word_shift(v, true, dst_bits - rounded);
-    return v;
+    const adaptation_t shift = kel_adaptation(flags, src_bits, dst_bits);
+    return shift.right != 0  ? kel_word_shift(v, false, shift.right)
+           : shift.left != 0 ? kel_word_shift(v, true, shift.left)
+                             : v;
 }
 
 // The aligned forms store whole elements at out->buf, which is a plain byte pointer here.

@@ -1,12 +1,9 @@
 // The emulation of extract, and its thunk, which copy runs as well.
 #pragma once
 
-#include "kel_frame.h"
+#include "kel_cca.h"
 
 kel_status_t kel_extract_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                                 cca_t *cca);
-// The same by the general kernels alone, which every faster road is compared with.
-kel_status_t kel_extract_general(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                  cca_t *cca);
 
 kel_result_t extract_exec(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst);

@@ -229,6 +229,7 @@ kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options, c
     made->api_minor = minor;
     made->qlist = nullptr;
     made->closing = false;
+    made->kernels = kel_widest_set();
     kel_log_init(made);
     kel_debug_init(made);
     *ctx = made;

@@ -7,6 +7,7 @@
 
 typedef struct kel_thread kel_thread_t;
 typedef struct kel_queue_list kel_queue_list_t;
+struct kernel_set_t;
 
 struct alignas(64) kel_context {
     uint32_t api_version; // major number of the interface, 1 or 2
@@ -18,8 +19,12 @@ struct alignas(64) kel_context {
     kel_thread_t *thread;             // the owner's record; null once detached
     kel_queue_list_t *qlist;          // the queues of this context, oldest first
     kel_perf_event_t events;
-    bool closing; // kel_thread_fini is at work
+    bool closing;                // kel_thread_fini is at work
+    const kernel_set_t *kernels; // what kernels are made of; null: elements are walked one by one, by plain code
 };
+
+// The producers for the widest vectors that this processor has.
+const kernel_set_t *kel_widest_set();
 
 // A record that stands wherever a client's allocator puts it, which need not be a multiple of anything.
 #define KEL_ANYWHERE __attribute__((packed))

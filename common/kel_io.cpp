@@ -3,7 +3,6 @@
 #include "kel_limits.h"
 #include "kel_log.h"
 #include "kel_zip.h"
-#include <cpuid.h>
 
 void kelio_bits_init(const void *data, unsigned offset, uint64_t **buf, uint64_t *cache, uint64_t *cache_bits)
 {
@@ -63,16 +62,6 @@ int kelio_pad_output(kel_output_t *out, const void *end)
     return KEL_SUCCESS;
 }
 
-unsigned popcnt_supported(void)
-{
-    unsigned eax = 0;
-    unsigned ebx = 0;
-    unsigned ecx = 0;
-    unsigned edx = 0;
-    __get_cpuid(0x80000001, &eax, &ebx, &ecx, &edx);
-    return ecx >> 23 & 1;
-}
-
 // Sums of ever wider neighbours, all in one word.
 uint64_t popc_words_parallel(const uint64_t *words, size_t n)
 {
@@ -87,7 +76,7 @@ uint64_t popc_words_parallel(const uint64_t *words, size_t n)
     return count;
 }
 
-__attribute__((target("popcnt"))) static uint64_t popc_words_instruction(const uint64_t *words, size_t n)
+KEL_POPCNT static uint64_t popc_words_instruction(const uint64_t *words, size_t n)
 {
     uint64_t count = 0;
     for (size_t i = 0; i < n; i++)
@@ -97,5 +86,5 @@ __attribute__((target("popcnt"))) static uint64_t popc_words_instruction(const u
 
 uint64_t popc_words(const uint64_t *words, size_t n)
 {
-    return __builtin_cpu_supports("popcnt") ? popc_words_instruction(words, n) : popc_words_parallel(words, n);
+    return kel_have_popcnt() ? popc_words_instruction(words, n) : popc_words_parallel(words, n);
 }

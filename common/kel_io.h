@@ -10,6 +10,7 @@
 #pragma once
 
 #include "kel.h"
+#include "kel_processor.h"
 #include <bit>
 #include <cstring>
 
@@ -483,7 +484,7 @@ int kelio_pad_output(kel_output_t *out, const void *end);
 // ---- Population count -----------------------------------------------------------------------------------------------
 
 // The processor's instruction; only where the processor has it.
-__attribute__((target("popcnt"))) inline uint64_t popc_instruction(uint64_t v)
+KEL_POPCNT inline uint64_t popc_instruction(uint64_t v)
 {
     return static_cast<uint64_t>(__builtin_popcountll(v));
 }
@@ -498,10 +499,6 @@ inline uint64_t popc(uint64_t v, int have_popcnt)
         count += v & 1;
     return count;
 }
-
-// What the processor says of its population count: bit 23 of ECX of CPUID leaf 0x80000001. CPUID is slow, and on many
-// processors that have the instruction this bit is clear, so no request asks here; see popc_words.
-unsigned popcnt_supported(void);
 
 // Set bits of n words, for the data path: by the instruction where the processor has it, else by word arithmetic.
 uint64_t popc_words(const uint64_t *words, size_t n);

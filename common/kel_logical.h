@@ -1,7 +1,7 @@
 // The logical operations on bit vectors, on memory directly.
 #pragma once
 
-#include "kel_frame.h"
+#include "kel_cca.h"
 
 // Opcodes. The inverted ones are the operations under KEL_INVERT.
 enum kel_logical_op : int { kel_op_and = 240, kel_op_or, kel_op_xor, kel_op_nand, kel_op_nor, kel_op_xnor };

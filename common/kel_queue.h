@@ -5,14 +5,8 @@
 // is reached, where the live slots move to the front.
 #pragma once
 
+#include "kel_cca.h"
 #include "kel_init.h"
-
-// What an emulation leaves behind of its request.
-typedef struct {
-    uint32_t output_sz;   // bytes written to the destination, padding included
-    uint32_t n_processed; // input elements consumed
-    uint64_t retval;      // the operation's count
-} cca_t;
 
 // One slot.
 typedef struct KEL_ANYWHERE {

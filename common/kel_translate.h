@@ -1,12 +1,9 @@
 // The emulations of translate.
 #pragma once
 
-#include "kel_frame.h"
+#include "kel_cca.h"
 
 kel_status_t kel_translate_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                                   const kel_vec_t *bitmap, unsigned val_width, cca_t *cca);
-// The same by the general kernels alone, which every faster road is compared with.
-kel_status_t kel_translate_general(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                    const kel_vec_t *bitmap, unsigned val_width, cca_t *cca);
 
 // The form with a test value, as the coprocessor's command has it: the low val_width bits of an element select the bit

@@ -1,5 +1,5 @@
 // Compaction for AVX2: eight elements at a time, stored at once, the next ones over what was not wanted of them.
-#include "kel_vector.h"
+#include "kel_avx2.h"
 
 #if KEL_HAVE_AVX2_UNITS
 
@@ -59,7 +59,7 @@ template <class Entries>
 KEL_AVX2 uint8_t *index_block(uint64_t mask, uint64_t index, uint8_t *to)
 {
     if (few_set(mask))
-        return portable_index_block(Entries::bytes)(mask, index, to);
+        return portable_indexes(Entries::bytes)(mask, index, to);
     for_each_group<8>(mask, [&](__m128i places, unsigned count, unsigned i) KEL_AVX2 {
         Entries::store(places, index + i, to);
         to += Entries::bytes * count;
@@ -120,7 +120,7 @@ template <class Elements>
 KEL_AVX2 uint8_t *pick_block(const uint8_t *from, uint64_t mask, uint8_t *to)
 {
     if (few_set(mask))
-        return portable_pick_block(Elements::bytes)(from, mask, to);
+        return portable_picks(Elements::bytes)(from, mask, to);
     for_each_group<Elements::elements>(mask, [&](__m128i places, unsigned count, unsigned i) KEL_AVX2 {
         Elements::pick(from + Elements::bytes * i, places, to);
         to += Elements::bytes * count;
@@ -130,17 +130,13 @@ KEL_AVX2 uint8_t *pick_block(const uint8_t *from, uint64_t mask, uint8_t *to)
 
 } // namespace
 
-index_block_t avx2_index_block(uint64_t bytes)
+index_block_t avx2_indexes(uint64_t bytes)
 {
-    if (!kel_have_avx2())
-        return nullptr;
     return bytes == 2 ? index_block<entries_of_two> : index_block<entries_of_four>;
 }
 
-pick_block_t avx2_pick_block(uint64_t bytes)
+pick_block_t avx2_picks(uint64_t bytes)
 {
-    if (!kel_have_avx2())
-        return nullptr;
     switch (bytes) {
     case 1:
         return pick_block<bytes_of_eight>;
@@ -153,18 +149,6 @@ pick_block_t avx2_pick_block(uint64_t bytes)
     default:
         return nullptr;
     }
-}
-
-#else
-
-index_block_t avx2_index_block(uint64_t)
-{
-    return nullptr;
-}
-
-pick_block_t avx2_pick_block(uint64_t)
-{
-    return nullptr;
 }
 
 #endif

@@ -1,5 +1,5 @@
 // Compaction in portable code: from one set bit of a mask to the next.
-#include "kel_block.h"
+#include "kel_producer.h"
 
 namespace
 {
@@ -34,12 +34,12 @@ uint8_t *pick_block(const uint8_t *from, uint64_t mask, uint8_t *to)
 
 } // namespace
 
-index_block_t portable_index_block(uint64_t bytes)
+index_block_t portable_indexes(uint64_t bytes)
 {
     return bytes == 2 ? index_block<uint16_t> : index_block<uint32_t>;
 }
 
-pick_block_t portable_pick_block(uint64_t bytes)
+pick_block_t portable_picks(uint64_t bytes)
 {
     switch (bytes) {
     case 1:

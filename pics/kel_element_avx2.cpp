@@ -1,5 +1,5 @@
 // The producers of destination elements for AVX2.
-#include "kel_vector.h"
+#include "kel_avx2.h"
 
 #if KEL_HAVE_AVX2_UNITS
 
@@ -69,10 +69,8 @@ element_blocks_t pick(const fields_t &fields, unsigned bits, element_blocks_t na
 
 } // namespace
 
-element_blocks_t avx2_element_blocks(const fields_t &fields, uint64_t bytes)
+element_blocks_t avx2_elements(const fields_t &fields, uint64_t bytes)
 {
-    if (!kel_have_avx2())
-        return nullptr;
     switch (bytes) {
     case 1:
         return pick(fields, 16, byte_blocks<true>, byte_blocks<false>);
@@ -85,13 +83,6 @@ element_blocks_t avx2_element_blocks(const fields_t &fields, uint64_t bytes)
     default:
         return nullptr;
     }
-}
-
-#else
-
-element_blocks_t avx2_element_blocks(const fields_t &, uint64_t)
-{
-    return nullptr;
 }
 
 #endif

@@ -40,7 +40,7 @@ element_blocks_t choose_width(const fields_t &fields)
 
 } // namespace
 
-element_blocks_t portable_element_blocks(const fields_t &fields, uint64_t bytes)
+element_blocks_t portable_elements(const fields_t &fields, uint64_t bytes)
 {
     switch (bytes) {
     case 1:

@@ -3,6 +3,7 @@
 // A source with an offset o is a stream of bytes: the bits of a byte from bit o up, then the low o bits of the byte
 // behind it. On a little-endian processor that is what a shift of whole words does, so that a source that starts at any
 // address and offset is read by aligned loads, two shifts and an OR.
+#include "kel_init.h"
 #include "kel_io.h"
 #include "kel_logical.h"
 #include <utility>
@@ -135,8 +136,8 @@ template <int op, bool popcnt>
 }
 
 template <int op>
-[[gnu::target("popcnt")]] uint64_t words_with_popcnt(const operation_t &operation, const source_bytes &src1,
-                                                     const source_bytes &src2, uint8_t *dst, uint64_t n)
+KEL_POPCNT uint64_t words_with_popcnt(const operation_t &operation, const source_bytes &src1, const source_bytes &src2,
+                                      uint8_t *dst, uint64_t n)
 {
     return choose_words<op, true>(operation, src1, src2, dst, n);
 }
@@ -228,7 +229,7 @@ uint64_t do_logical_il(int op, uint64_t flags, const void *src1, const void *src
 kel_status_t kel_logical_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
                                  const kel_vec_t *dst, int op, cca_t *cca)
 {
-    const int have_popcnt = __builtin_cpu_supports("popcnt") != 0;
+    const int have_popcnt = (!ctx || ctx->kernels) && kel_have_popcnt();
     const uint64_t count = do_logical_il(op, flags, src1->data, src2->data, dst->data, src1->elements, src1->offset,
                                          src2->offset, have_popcnt);
     // Kept: neither a size nor a number of elements.

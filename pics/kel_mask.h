@@ -1,41 +1,12 @@
-// From plain fields to a sink by blocks: every element is tested, and the mask words go to the sink. Elements are
-// tested a batch at a time, so that some behind one that ends the kernel are tested, too: a test must bear any element.
+// The road of mask words: the elements of a source are tested by blocks, and the mask words go to a sink. A whole batch
+// is tested before its first mask word is put. So elements are tested that the sink has no room for: a test must do no
+// harm with any element.
 #pragma once
 
-#include "kel_block.h"
-#include "kel_kernel.h"
-#include <iterator>
+#include "kel_sink.h"
 
 namespace
 {
-
-// The mask words of a source, a batch at a time.
-template <class Test>
-class mask_source
-{
-  public:
-    mask_source(const kel_vec_t *src, const Test &tested)
-        : test(tested), cursor(element_fields(src), src->elements), make(choose_mask_blocks(cursor.shape(), tested))
-    {
-    }
-
-    // Fills masks and answers the number of elements that they stand for; 0 at the end. The bits of the last word
-    // behind the last element are 0.
-    uint64_t next(uint64_t (&masks)[block_batch])
-    {
-        const blocks_t taken = cursor.take(block_batch);
-        if (taken.elements == 0)
-            return 0;
-        make(taken.data, cursor.shape(), test, masks, taken.blocks);
-        masks[taken.blocks - 1] &= ~uint64_t{0} << (block_elements * taken.blocks - taken.elements);
-        return taken.elements;
-    }
-
-  private:
-    const Test &test;
-    block_cursor cursor;
-    mask_blocks_t<Test> make;
-};
 
 // A block that the sink refused as a whole.
 template <class Sink>
@@ -75,52 +46,6 @@ kel_status_t put_blocks(Sink &sink, uint64_t *masks, uint64_t elements, progress
 }
 
 // ---- Runs -----------------------------------------------------------------------------------------------------------
-
-// The runs of a source, a block at a time.
-class run_source
-{
-  public:
-    explicit run_source(const kel_vec_t *src)
-        : cursor(run_fields(src), src->elements), make(choose_element_blocks(cursor.shape(), sizeof *batch)),
-          add_one(src->format & KEL_ADD_ONE ? 1 : 0)
-    {
-    }
-
-    // Moves on by a block, and tells whether none of its runs is 0.
-    bool next(runs_t &runs)
-    {
-        if (at == unpacked)
-            unpack();
-        const uint32_t *const block = batch + at;
-        runs.count = static_cast<unsigned>(std::min<uint64_t>(unpacked - at, block_elements));
-        at += runs.count;
-        runs.sum = 0;
-        uint64_t least = UINT64_MAX;
-        for (unsigned i = 0; i < runs.count; i++) {
-            runs.of[i] = kel_load_be<uint32_t>(&block[i]) + add_one;
-            runs.sum += runs.of[i];
-            least = std::min(least, runs.of[i]);
-        }
-        runs.of[runs.count] = 0;
-        return least != 0;
-    }
-
-  private:
-    void unpack()
-    {
-        const blocks_t taken = cursor.take(std::size(batch) / block_elements);
-        make(taken.data, cursor.shape(), 0, 0, batch, taken.blocks);
-        at = 0;
-        unpacked = taken.elements;
-    }
-
-    block_cursor cursor;
-    const element_blocks_t make;
-    const uint64_t add_one;
-    uint32_t batch[8 * block_elements];
-    uint64_t unpacked = 0; // elements of the batch,
-    uint64_t at = 0;       // and where the next block starts
-};
 
 // A block that was refused as a whole.
 template <class Sink>
@@ -166,7 +91,7 @@ kel_status_t put_run_blocks(Sink &sink, const uint64_t *masks, uint64_t elements
 template <class Test, class Put>
 kel_status_t for_all_masks(const kernel_t &kernel, const Test &test, const Put &put)
 {
-    mask_source<Test> source(kernel.src, test);
+    mask_source<Test> source(kernel.set(), kernel.src, test);
     uint64_t masks[block_batch];
     kel_status_t status = KEL_SUCCESS;
     while (status == KEL_SUCCESS) {
@@ -181,11 +106,11 @@ kel_status_t for_all_masks(const kernel_t &kernel, const Test &test, const Put &
 template <class Sink, class Test>
 kel_status_t mask_kernel(const kernel_t &kernel, const Test &test)
 {
-    Sink to(kernel.dst);
+    Sink to(kernel);
     progress_t progress;
     kel_status_t status;
     if (kernel.src->format & KEL_RLE) {
-        run_source runs(kernel.src);
+        run_source runs(kernel.set(), kernel.src);
         status = for_all_masks(kernel, test, [&](const uint64_t *masks, uint64_t elements) {
             return put_run_blocks(to, masks, elements, runs, progress);
         });

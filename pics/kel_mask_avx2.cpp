@@ -1,5 +1,6 @@
 // The producers of mask words for AVX2.
-#include "kel_vector.h"
+#include "kel_avx2.h"
+#include <algorithm>
 
 #if KEL_HAVE_AVX2_UNITS
 
@@ -116,7 +117,7 @@ KEL_AVX2 void small_bitmap_blocks(const uint8_t *data, const fields_t &fields, c
         }
         masks[block] = mask ^ negated;
         if (!_mm256_testz_si256(behind, behind)) [[unlikely]]
-            portable_mask_blocks(fields, bitmap)(start, fields, bitmap, &masks[block], 1);
+            portable_bitmap_masks(fields, bitmap)(start, fields, bitmap, &masks[block], 1);
     }
 }
 
@@ -163,37 +164,23 @@ mask_blocks_t<predicate_t> choose_intervals(const fields_t &fields, const predic
 
 } // namespace
 
-mask_blocks_t<predicate_t> avx2_mask_blocks(const fields_t &fields, const predicate_t &predicate)
+mask_blocks_t<predicate_t> avx2_interval_masks(const fields_t &fields, const predicate_t &predicate)
 {
-    if (!kel_have_avx2())
-        return nullptr;
     return fields.width <= 16   ? choose_intervals<16>(fields, predicate)
            : fields.width <= 32 ? choose_intervals<32>(fields, predicate)
                                 : choose_intervals<64>(fields, predicate);
 }
 
 // Large bitmaps are read by their aligned words of 4 bytes.
-mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &fields, const bitmap_t &bitmap)
+mask_blocks_t<bitmap_t> avx2_bitmap_masks(const fields_t &fields, const bitmap_t &bitmap)
 {
-    if (!kel_have_avx2() || fields.width > 32)
+    if (fields.width > 32)
         return nullptr;
     if (fields.width <= 8 && bitmap.bits > 0)
         return small_bitmap_blocks;
     if (reinterpret_cast<uintptr_t>(bitmap.data) % 4 != 0)
         return nullptr;
     return narrow_in(fields, 32) ? bitmap_blocks<true> : bitmap_blocks<false>;
-}
-
-#else
-
-mask_blocks_t<predicate_t> avx2_mask_blocks(const fields_t &, const predicate_t &)
-{
-    return nullptr;
-}
-
-mask_blocks_t<bitmap_t> avx2_mask_blocks(const fields_t &, const bitmap_t &)
-{
-    return nullptr;
 }
 
 #endif

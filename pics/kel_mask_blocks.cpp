@@ -119,13 +119,13 @@ mask_blocks_t<Test> choose_lane(const fields_t &fields)
 
 } // namespace
 
-mask_blocks_t<predicate_t> portable_mask_blocks(const fields_t &fields, const predicate_t &predicate)
+mask_blocks_t<predicate_t> portable_interval_masks(const fields_t &fields, const predicate_t &predicate)
 {
     return predicate.intervals == 2 ? choose_lane<in_two_intervals, predicate_t>(fields)
                                     : choose_lane<in_one_interval, predicate_t>(fields);
 }
 
-mask_blocks_t<bitmap_t> portable_mask_blocks(const fields_t &fields, const bitmap_t &)
+mask_blocks_t<bitmap_t> portable_bitmap_masks(const fields_t &fields, const bitmap_t &)
 {
     return choose_lane<in_bitmap, bitmap_t>(fields);
 }

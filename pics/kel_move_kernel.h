@@ -1,10 +1,8 @@
 // Select and extract: kernels that move elements. Select is extract with a mask.
 #pragma once
 
-#include "kel_block.h"
-#include "kel_kernel.h"
+#include "kel_sink.h"
 #include <bit>
-#include <utility>
 
 namespace
 {
@@ -21,7 +19,7 @@ struct move_t : kernel_t {
 class element_sink : public sink
 {
   public:
-    explicit element_sink(const move_t &moved) : sink(moved.dst), move(moved), dst_bits(kel_width_bits(moved.dst)) {}
+    explicit element_sink(const move_t &moved) : sink(moved), move(moved), dst_bits(kel_width_bits(moved.dst)) {}
 
     template <class Type>
     kel_status_t put(const typename Type::word &element, uint64_t bits, uint64_t run)
@@ -125,101 +123,21 @@ inline bool moves_by_blocks(const move_t &move, kel_fmt_t fmt)
            (!move.mask || mask_offset(move.mask) <= kel_max_offset);
 }
 
-// Elements that are moved as they stand.
-class unchanged_elements
-{
-  public:
-    explicit unchanged_elements(const move_t &move)
-        : data(static_cast<const uint8_t *>(move.src->data)), bytes(written_bits(move) / 8)
-    {
-    }
-
-    // The next count elements.
-    const uint8_t *next(uint64_t count)
-    {
-        return std::exchange(data, data + count * bytes);
-    }
-
-    void skip(uint64_t count)
-    {
-        data += count * bytes;
-    }
-
-  private:
-    const uint8_t *data;
-    const uint64_t bytes;
-};
-
-// Fields that are turned into elements of the destination: cut, or shifted to the high end.
-class converted_elements
-{
-  public:
-    // The first count elements of the source.
-    converted_elements(const move_t &move, uint64_t count)
-        : cursor(element_fields(move.src), count), bytes(written_bits(move) / 8),
-          make(choose_element_blocks(cursor.shape(), bytes))
-    {
-        const uint64_t rounded = kel_round_bits(kel_width_bits(move.src));
-        if (rounded > 8 * bytes)
-            right = static_cast<unsigned>(rounded - 8 * bytes);
-        else if (move.flags & KEL_PAD)
-            left = static_cast<unsigned>(8 * bytes - rounded);
-    }
-
-    // The next block, of 64 elements but at the end of the source.
-    const uint8_t *next(uint64_t)
-    {
-        convert(cursor.take(1), block);
-        return block;
-    }
-
-    void skip(uint64_t)
-    {
-        cursor.take(1);
-    }
-
-    // All elements that are left, of which there are count.
-    void convert_all(uint8_t *to, uint64_t count)
-    {
-        while (count >= block_elements) {
-            const blocks_t taken = cursor.take(count / block_elements);
-            convert(taken, to);
-            to += taken.elements * bytes;
-            count -= taken.elements;
-        }
-        if (count > 0)
-            memcpy(to, next(count), count * bytes);
-    }
-
-  private:
-    void convert(const blocks_t &taken, void *to) const
-    {
-        make(taken.data, cursor.shape(), right, left, to, taken.blocks);
-    }
-
-    block_cursor cursor;
-    const uint64_t bytes; // of an element
-    unsigned right = 0;
-    unsigned left = 0;
-    element_blocks_t make;
-    uint8_t block[block_elements * kel_max_elem_bytes];
-};
-
-// A destination of whole elements that are stored at once. It is full when a writer of bits would be, which holds the
-// last word back: with one element more than the nominal end has room for.
+// A destination of whole elements, which are stored as they come. A writer of bits holds its last word back, and so
+// takes one element more than there is nominal room for before it is full; so does this.
 class byte_sink : public sink
 {
   public:
-    byte_sink(const kel_vec_t *dst, uint64_t element_bytes) : sink(dst), bytes(element_bytes)
+    byte_sink(const kernel_t &kernel, uint64_t element_bytes) : sink(kernel), bytes(element_bytes)
     {
-        const auto start = reinterpret_cast<uintptr_t>(dst->data);
+        const auto start = reinterpret_cast<uintptr_t>(kernel.dst->data);
         const auto stop = reinterpret_cast<uintptr_t>(end);
         room = stop > start ? ((stop - start) >> std::countr_zero(bytes)) + 1 : 0;
         aligned = start % kel_dst_align == 0;
     }
 
-    // Leaves the writer as it would be after count elements. In an aligned destination that is not full, whole words
-    // need not be held back: its end comes out the same.
+    // Leaves the writer as one of bits would be after count elements. That holds back the last word, even a whole one,
+    // which makes a difference only in a full destination, and in one that is not aligned.
     void written(uint64_t count)
     {
         const uint64_t size = count * bytes;
@@ -240,15 +158,22 @@ class byte_sink : public sink
     bool aligned;
 };
 
+// The first count elements of the source, as they will be in the destination.
+inline converted_elements converted(const move_t &move, uint64_t count)
+{
+    const uint64_t bits = written_bits(move);
+    return {move.set(), move.src, count, bits / 8, kel_adaptation(move.flags, kel_width_bits(move.src), bits)};
+}
+
 inline kel_status_t extract_blocks(const move_t &move)
 {
     const uint64_t bytes = written_bits(move) / 8;
-    byte_sink to(move.dst, bytes);
+    byte_sink to(move, bytes);
     const uint64_t moved = std::min(move.src->elements, to.room);
     const bool overflow = moved < move.src->elements;
     auto *dst = static_cast<uint8_t *>(move.dst->data);
     if (!unchanged(move))
-        converted_elements(move, moved).convert_all(dst, moved);
+        converted(move, moved).convert_all(dst, moved);
     else if (moved > 0)
         memcpy(dst, move.src->data, moved * bytes);
     to.written(moved);
@@ -278,7 +203,7 @@ template <unsigned bytes, class Source>
 kel_status_t select_batch(Source &source, const uint64_t *masks, uint64_t elements, pick_block_t fast, byte_sink &sink,
                           uint8_t *&to, progress_t &progress)
 {
-    const pick_block_t safe = portable_pick_block(bytes);
+    const pick_block_t safe = portable_picks(bytes);
     for (; elements > 0; masks++) {
         const uint64_t in_block = std::min<uint64_t>(elements, block_elements);
         const uint64_t ones = popc_words(masks, 1);
@@ -305,8 +230,8 @@ kel_status_t select_batch(Source &source, const uint64_t *masks, uint64_t elemen
 template <unsigned bytes, class Source>
 kel_status_t select_from(const move_t &move, Source source)
 {
-    const pick_block_t pick = choose_pick_block(bytes);
-    byte_sink sink(move.dst, bytes);
+    const pick_block_t pick = choose_producer(move.set(), &kernel_set_t::picks, uint64_t{bytes});
+    byte_sink sink(move, bytes);
     stream_words words(move.mask->data, mask_offset(move.mask));
     auto *to = static_cast<uint8_t *>(move.dst->data);
     progress_t progress;
@@ -329,8 +254,8 @@ kel_status_t select_from(const move_t &move, Source source)
 template <unsigned bytes>
 kel_status_t select_blocks(const move_t &move)
 {
-    return unchanged(move) ? select_from<bytes>(move, unchanged_elements(move))
-                           : select_from<bytes>(move, converted_elements(move, move.src->elements));
+    return unchanged(move) ? select_from<bytes>(move, unchanged_elements(move.src->data, bytes))
+                           : select_from<bytes>(move, converted(move, move.src->elements));
 }
 
 inline kel_status_t select_blocks(const move_t &move)
@@ -351,14 +276,14 @@ inline kel_status_t select_blocks(const move_t &move)
 
 // ---- The choice of a kernel -----------------------------------------------------------------------------------------
 
-inline kel_status_t run_kernel(const move_t &move, kel_type_t type, kel_fmt_t fmt, bool fast)
+inline kel_status_t run_kernel(const move_t &move, kel_type_t type, kel_fmt_t fmt)
 {
-    if (!fast || !moves_by_blocks(move, fmt))
+    if (!move.set() || !moves_by_blocks(move, fmt))
         return general_move(move, type, fmt);
     return move.mask ? select_blocks(move) : extract_blocks(move);
 }
 
-inline kel_status_t move_emulate(move_t &&move, const char *verbose_line, bool fast)
+inline kel_status_t move_emulate(move_t &&move, const char *verbose_line)
 {
     const kel_vec_t *src = move.src;
     const uint64_t dst_bytes = kel_dispatch_bytes(move.dst->format, move.dst->elem_width);
@@ -369,7 +294,7 @@ inline kel_status_t move_emulate(move_t &&move, const char *verbose_line, bool f
     const kel_fmt_t fmt = kel_dispatch_fmt(src);
     move.ext = kel_dispatch_ext(move.ctx, src);
     move.pad = src->format & KEL_VAR || kel_round_bits(kel_width_bits(src)) / 8 != dst_bytes;
-    return with_plain_source(move, type, fmt, [&] { return run_kernel(move, type, fmt, fast); });
+    return with_plain_source(move, type, fmt, [&] { return run_kernel(move, type, fmt); });
 }
 
 } // namespace

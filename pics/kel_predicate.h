@@ -9,7 +9,7 @@
 // x in [first, first + span] is one subtraction and one unsigned comparison.
 #pragma once
 
-#include "kel_emulate_subr.h"
+#include "kel_producer.h"
 #include <utility>
 
 enum outcome_t : unsigned { outcome_less = 1, outcome_equal = 2, outcome_greater = 4 };
@@ -35,20 +35,6 @@ inline bool accepts(unsigned accept, int order)
 // ---- Reduction ------------------------------------------------------------------------------------------------------
 
 __extension__ typedef unsigned __int128 uint128_t;
-
-// What is matched of elements of one width: membership in one or two closed intervals.
-struct predicate_t {
-    uint64_t first[2];
-    uint64_t span[2];
-    unsigned intervals;
-    bool negated;
-
-    bool match(uint64_t element) const
-    {
-        const bool inside = element - first[0] <= span[0] || (intervals == 2 && element - first[1] <= span[1]);
-        return inside != negated;
-    }
-};
 
 // Elements from begin up to, not including, end. Border is a type with room for the end of the domain: for elements of
 // 64 bits one of 128.

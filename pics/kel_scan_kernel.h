@@ -1,7 +1,6 @@
 // The scans: comparisons of elements with values, the road of blocks, and the choice of a kernel.
 #pragma once
 
-#include "kel_kernel.h"
 #include "kel_mask.h"
 #include "kel_platform.h"
 #include "kel_predicate.h"
@@ -201,7 +200,7 @@ class variable_comparison
 template <unsigned values, class Sink>
 kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool variable)
 {
-    Sink to(scan.dst);
+    Sink to(scan);
     const auto visitor = [&to](auto compared, progress_t &progress) {
         return [compared, &to, &progress](const auto &element, uint64_t bits, uint64_t run) mutable {
             const bool match = compared.match(element, bits);
@@ -211,7 +210,7 @@ kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bo
         };
     };
     if (variable)
-        return general_by_format<uint128_unalign>(scan, to, true, false, [&]<class>(progress_t &progress) {
+        return general_kernel<uint128_unalign>(scan, to, true, false, [&]<class>(progress_t &progress) {
             return visitor(variable_comparison<values>(scan), progress);
         });
     return general_kernel(scan, to, type, fmt, [&]<class Type>(progress_t &progress) {
@@ -221,9 +220,9 @@ kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bo
 
 // The kernel for a type, a format and an output.
 template <unsigned values>
-kel_status_t run_kernel(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool ones, bool fast)
+kel_status_t run_kernel(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool ones)
 {
-    const bool faster = fast && reducible<values>(scan, type);
+    const bool faster = scan.set() && reducible<values>(scan, type);
     if (faster && masks_by_blocks(scan.src, fmt) && takes_blocks(scan.dst, ones))
         return mask_kernel(scan, scan_predicate<values>(scan, type, kel_width_bits(scan.src)), ones);
     const bool variable = faster && fmt == kel_fmt_mixed && type == kel_type_uint128 && scan.src->format & KEL_VAR;
@@ -258,7 +257,7 @@ inline slot_t find_slot(unsigned kernel_class, kel_fmt_t fmt, uint64_t op, unsig
 }
 
 template <unsigned values, unsigned count>
-kel_status_t scan_emulate(const family_t<count> &family, scan_t &&scan, uint64_t flags, kel_compare_t op, bool fast)
+kel_status_t scan_emulate(const family_t<count> &family, scan_t &&scan, uint64_t flags, kel_compare_t op)
 {
     const kel_vec_t *src = scan.src;
     uint64_t wide = kel_dispatch_bytes(src);
@@ -279,7 +278,7 @@ kel_status_t scan_emulate(const family_t<count> &family, scan_t &&scan, uint64_t
     const auto type = static_cast<kel_type_t>(slot.type);
     const auto fmt = static_cast<kel_fmt_t>(slot.fmt);
     const bool ones = flags & KEL_ONES_INDEX;
-    return with_plain_source(scan, type, fmt, [&] { return run_kernel<values>(scan, type, fmt, ones, fast); });
+    return with_plain_source(scan, type, fmt, [&] { return run_kernel<values>(scan, type, fmt, ones); });
 }
 
 } // namespace

@@ -28,20 +28,8 @@ static constexpr family_t<16> family = {
         },
 };
 
-static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                            kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper, cca_t *cca, bool fast)
-{
-    return scan_emulate<2>(family, {{ctx, src, dst, 0, cca}, {lower, upper}, {}}, flags, op, fast);
-}
-
 kel_status_t kel_scan_range_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                     kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper, cca_t *cca)
 {
-    return emulate(ctx, flags, src, dst, op, lower, upper, cca, true);
-}
-
-kel_status_t kel_scan_range_general(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                                    kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper, cca_t *cca)
-{
-    return emulate(ctx, flags, src, dst, op, lower, upper, cca, false);
+    return scan_emulate<2>(family, {{ctx, src, dst, 0, cca}, {lower, upper}, {}}, flags, op);
 }

@@ -20,20 +20,8 @@ static constexpr family_t<8> family = {
         },
 };
 
-static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                            kel_compare_t op, const kel_int_t *val, cca_t *cca, bool fast)
-{
-    return scan_emulate<1>(family, {{ctx, src, dst, 0, cca}, {val}, {}}, flags, op, fast);
-}
-
 kel_status_t kel_scan_value_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                     kel_compare_t op, const kel_int_t *val, cca_t *cca)
 {
-    return emulate(ctx, flags, src, dst, op, val, cca, true);
-}
-
-kel_status_t kel_scan_value_general(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                                    kel_compare_t op, const kel_int_t *val, cca_t *cca)
-{
-    return emulate(ctx, flags, src, dst, op, val, cca, false);
+    return scan_emulate<1>(family, {{ctx, src, dst, 0, cca}, {val}, {}}, flags, op);
 }

@@ -2,20 +2,8 @@
 #include "kel_move_kernel.h"
 #include "kel_select.h"
 
-static kel_status_t emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                            const kel_vec_t *mask, cca_t *cca, bool fast)
-{
-    return move_emulate({{ctx, src, dst, 0, cca}, flags, mask, false}, "Emulating kel_select", fast);
-}
-
 kel_status_t kel_select_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                 const kel_vec_t *mask, cca_t *cca)
 {
-    return emulate(ctx, flags, src, dst, mask, cca, true);
-}
-
-kel_status_t kel_select_general(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                                const kel_vec_t *mask, cca_t *cca)
-{
-    return emulate(ctx, flags, src, dst, mask, cca, false);
+    return move_emulate({{ctx, src, dst, 0, cca}, flags, mask, false}, "Emulating kel_select");
 }

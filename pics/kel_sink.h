@@ -2,35 +2,27 @@
 //
 // A sink takes one stored element with its run (put), or the outcome of up to 64 elements as a mask word, the first
 // element on top (put_block), or the outcome of as many elements with their runs (put_runs, which counts the matches).
-// It refuses a block whenever the elements have to be written one by one to come out right: near the end of the
-// destination, and where an index does not fit in an entry. full() is the test that comes before every element; it
-// looks at stored words only, so that a destination may run over by what the writer still holds.
+// It refuses a block whose elements have to be written one by one to come out right: near the end of the destination,
+// and where an index does not fit in an entry. full() is the test that comes before every element. It looks at stored
+// words alone, so that what the writer still holds may go behind the end.
 #pragma once
 
-#include "kel_block.h"
-#include "kel_emulate_subr.h"
-#include <algorithm>
+#include "kel_source.h"
+#include "kel_walk.h"
 #include <bit>
 #include <limits>
 
 namespace
 {
 
-// Up to 64 runs, none of which is 0.
-struct runs_t {
-    uint64_t of[block_elements + 1]; // behind the last one is a 0
-    unsigned count;
-    uint64_t sum;
-};
-
 // A destination, its writer, and its nominal end.
 class sink
 {
   public:
-    explicit sink(const kel_vec_t *dst) : end(kel_dst_end(dst->data, kel_data_bytes(dst)))
+    explicit sink(const kernel_t &kernel) : end(kel_dst_end(kernel.dst->data, kel_data_bytes(kernel.dst)))
     {
-        kelio_vec_output(dst, &out);
-        kelio_aux_output(dst, &aux);
+        kelio_vec_output(kernel.dst, &out);
+        kelio_aux_output(kernel.dst, &aux);
     }
 
     bool full() const
@@ -60,8 +52,9 @@ class bit_sink : public sink
         }
     }
 
-    // Runs are stored by twos, at once, as 8 bytes from the one that they start in: a branch for the words that runs
-    // fill up could not be foretold. What the last store leaves behind the last word is put back.
+    // Two runs at a time are stored, as 8 bytes that start with the byte that the first run starts in. So there is no
+    // branch for full words, which no processor could predict. What the last store writes behind the last word is put
+    // back.
     bool put_runs(uint64_t mask, const runs_t &runs, uint64_t &matches)
     {
         const uint64_t held = out.cache_bits + runs.sum;
@@ -167,7 +160,7 @@ inline uint64_t index_bits(const kel_vec_t *dst)
 class index_sink : public sink
 {
   public:
-    explicit index_sink(const kel_vec_t *dst) : sink(dst), entry_bits(index_bits(dst)) {}
+    explicit index_sink(const kernel_t &kernel) : sink(kernel), entry_bits(index_bits(kernel.dst)) {}
 
     // Kept: an index is not cut to the entry's width, so that its high bits land in the entries before it.
     void put(bool match, uint64_t run)
@@ -183,12 +176,39 @@ class index_sink : public sink
     uint64_t index = 0;
 };
 
+// Keeps what stands behind the end of some compactions, below a limit, and puts it back.
+class kept_bytes
+{
+  public:
+    kept_bytes(uint8_t *end, const void *limit) : place(end)
+    {
+        if (end < limit)
+            size = std::min<size_t>(sizeof kept, static_cast<size_t>(static_cast<const uint8_t *>(limit) - end));
+        memcpy(kept, place, size);
+    }
+
+    ~kept_bytes()
+    {
+        memcpy(place, kept, size);
+    }
+
+    kept_bytes(const kept_bytes &) = delete;
+
+  private:
+    uint8_t *const place;
+    size_t size = 0;
+    uint8_t kept[32]; // a group: eight entries or elements of up to 4 bytes, four elements of 8 bytes
+};
+
 // An index list whose entries are whole words, which a block can store by themselves.
 template <class Entry>
 class entry_sink : public index_sink
 {
   public:
-    using index_sink::index_sink;
+    explicit entry_sink(const kernel_t &kernel)
+        : index_sink(kernel), put_indexes(choose_producer(kernel.set(), &kernel_set_t::indexes, sizeof(Entry)))
+    {
+    }
 
     // Keeps what stands behind the entries of n mask words, until they are put.
     kept_bytes keep(const uint64_t *masks, size_t n)
@@ -230,7 +250,7 @@ class entry_sink : public index_sink
     }
 
   private:
-    const index_block_t put_indexes = choose_index_block(sizeof(Entry));
+    const index_block_t put_indexes;
 
     // Whether the indexes of so many elements have room, and fit in entries.
     bool fits(uint64_t elements) const
@@ -257,5 +277,43 @@ class entry_sink : public index_sink
         out.cache = kel_load_be<uint64_t>(out.buf) & kel_shl(~uint64_t{0}, 64 - out.cache_bits);
     }
 };
+
+// ---- The end of a kernel --------------------------------------------------------------------------------------------
+
+inline kel_status_t finish(const kernel_t &kernel, sink &to, kel_status_t status, const progress_t &progress)
+{
+    if (status != KEL_SUCCESS)
+        kel_kernel_failed(kernel.ctx, status, progress.stored + 1);
+    kel_output_t *aux = kernel.var_dst() ? &to.aux : nullptr;
+    status = kel_finish_output(kernel.dst, &to.out, to.end, aux, status, kernel.cca);
+    kernel.cca->retval = progress.count;
+    kernel.cca->n_processed = static_cast<uint32_t>(progress.processed);
+    return status;
+}
+
+// ---- From the walk to a sink ----------------------------------------------------------------------------------------
+
+// The general kernel of an element type. make_visit<Type>(progress) makes what outputs an element: the test for
+// overflow comes before each.
+template <class Type, class Sink, class MakeVisit>
+kel_status_t general_kernel(const kernel_t &kernel, Sink &to, bool widths, bool runs, const MakeVisit &make_visit)
+{
+    progress_t progress;
+    auto visit = make_visit.template operator()<Type>(progress);
+    const auto output = [&](const typename Type::word &element, uint64_t bits, uint64_t run) {
+        return to.full() ? KEL_EOVERFLOW : visit(element, bits, run);
+    };
+    const kel_status_t status = walk_source<Type>(kernel, widths, runs, progress, output);
+    return finish(kernel, to, status, progress);
+}
+
+template <class Sink, class MakeVisit>
+kel_status_t general_kernel(const kernel_t &kernel, Sink &to, kel_type_t type, kel_fmt_t fmt,
+                            const MakeVisit &make_visit)
+{
+    return with_element_type(kernel, type, fmt, [&]<class Type>(bool widths, bool runs) {
+        return general_kernel<Type>(kernel, to, widths, runs, make_visit);
+    });
+}
 
 } // namespace

@@ -25,7 +25,7 @@ struct lookup_t : bitmap_t {
 template <class Sink>
 kel_status_t general_translate(const kernel_t &kernel, const lookup_t &lookup, kel_type_t type, kel_fmt_t fmt)
 {
-    Sink to(kernel.dst);
+    Sink to(kernel);
     return general_kernel(kernel, to, type, fmt, [&]<class Type>(progress_t &progress) {
         return [lookup, &to, &progress](const typename Type::word &element, uint64_t, uint64_t run) {
             const bool hit = lookup.hit(Type::low(element));
@@ -44,17 +44,16 @@ bool bears_all(const kernel_t &kernel, const lookup_t &lookup, kel_fmt_t fmt)
            (fmt == kel_fmt_fixed && kernel.dst->elements >= kernel.src->elements);
 }
 
-kel_status_t run_kernel(const kernel_t &kernel, const lookup_t &lookup, kel_type_t type, kel_fmt_t fmt, bool ones,
-                        bool fast)
+kel_status_t run_kernel(const kernel_t &kernel, const lookup_t &lookup, kel_type_t type, kel_fmt_t fmt, bool ones)
 {
-    if (fast && !lookup.tested && masks_by_blocks(kernel.src, fmt) && takes_blocks(kernel.dst, ones) &&
+    if (kernel.set() && !lookup.tested && masks_by_blocks(kernel.src, fmt) && takes_blocks(kernel.dst, ones) &&
         bears_all(kernel, lookup, fmt))
         return mask_kernel<bitmap_t>(kernel, lookup, ones);
     return ones ? general_translate<index_sink>(kernel, lookup, type, fmt)
                 : general_translate<bit_sink>(kernel, lookup, type, fmt);
 }
 
-kel_status_t emulate(kernel_t &&kernel, uint64_t flags, lookup_t &lookup, const char *verbose_line, bool fast)
+kel_status_t emulate(kernel_t &&kernel, uint64_t flags, lookup_t &lookup, const char *verbose_line)
 {
     const uint64_t wide = kel_dispatch_bytes(kernel.src);
     if (kernel.ctx->log.options & KEL_LOG_VERBOSE)
@@ -65,14 +64,7 @@ kel_status_t emulate(kernel_t &&kernel, uint64_t flags, lookup_t &lookup, const 
     const bool ones = flags & KEL_ONES_INDEX;
     lookup.negated = flags & KEL_INVERT;
     kernel.ext = kel_dispatch_ext(kernel.ctx, kernel.src);
-    return with_plain_source(kernel, type, fmt, [&] { return run_kernel(kernel, lookup, type, fmt, ones, fast); });
-}
-
-kel_status_t translate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                       const kel_vec_t *bitmap, cca_t *cca, bool fast)
-{
-    lookup_t lookup = {{static_cast<const uint8_t *>(bitmap->data), bitmap->elements, false}};
-    return emulate({ctx, src, dst, 0, cca}, flags, lookup, "Emulating kel_translate", fast);
+    return with_plain_source(kernel, type, fmt, [&] { return run_kernel(kernel, lookup, type, fmt, ones); });
 }
 
 } // namespace
@@ -80,13 +72,8 @@ kel_status_t translate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src,
 kel_status_t kel_translate_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                    const kel_vec_t *bitmap, unsigned, cca_t *cca)
 {
-    return translate(ctx, flags, src, dst, bitmap, cca, true);
-}
-
-kel_status_t kel_translate_general(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
-                                   const kel_vec_t *bitmap, unsigned, cca_t *cca)
-{
-    return translate(ctx, flags, src, dst, bitmap, cca, false);
+    lookup_t lookup = {{static_cast<const uint8_t *>(bitmap->data), bitmap->elements, false}};
+    return emulate({ctx, src, dst, 0, cca}, flags, lookup, "Emulating kel_translate");
 }
 
 static constexpr char testval_line[] = "Emulating kel_translate_testval";
@@ -97,7 +84,7 @@ kel_status_t kel_translate_testval_emulate(kel_context_t *ctx, uint64_t flags, c
 {
     const uint64_t index_mask = (uint64_t{1} << (val_width % 32)) - 1; // kept: the mask is made in 32 bits
     lookup_t lookup = {{static_cast<const uint8_t *>(bitmap), 0, false}, true, index_mask, val_width, test_value};
-    return emulate({ctx, src, dst, 0, cca}, flags, lookup, testval_line, true);
+    return emulate({ctx, src, dst, 0, cca}, flags, lookup, testval_line);
 }
 
 kel_status_t kel_translate_testval(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,

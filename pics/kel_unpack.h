@@ -4,7 +4,7 @@
 // ... of a block differ by whole bytes, and one shift count serves all of them.
 #pragma once
 
-#include "kel_block.h"
+#include "kel_producer.h"
 
 namespace
 {

@@ -1,6 +1,7 @@
 // Runs requests by all roads and compares what they leave behind with their model, and makes random sources.
 #pragma once
 
+#include "kel_producer.h"
 #include "model.h"
 #include <bitset>
 #include <cstring>
@@ -41,13 +42,13 @@ class destination_area
     guarded_buffer buffer{size_t{8} << 20, 64};
 };
 
-// The public call, the posted one, the emulation behind them, and the general kernels alone.
-enum road { calls, posts, emulations, general_kernels };
+// The public call, the posted one, and the emulation behind them.
+enum road { calls, posts, emulations };
 
 // Takes a road of an operation. What a request leaves in the log is there in the end, and nothing of its poll.
 template <class... arguments>
 outcome take_road(test_context &ctx, road way, const auto &call, const auto &post, const auto &emulate,
-                  const auto &general, arguments... args)
+                  arguments... args)
 {
     outcome seen = {.cca = cca_before};
     if (way == calls) {
@@ -55,7 +56,7 @@ outcome take_road(test_context &ctx, road way, const auto &call, const auto &pos
         return {result.status, {0, result.reserved, result.count}};
     }
     if (way != posts) {
-        seen.status = way == emulations ? emulate(ctx, args..., &seen.cca) : general(ctx, args..., &seen.cca);
+        seen.status = emulate(ctx, args..., &seen.cca);
         return seen;
     }
     kel_queue_t *queue = nullptr;
@@ -99,20 +100,29 @@ bool check(test_context &ctx, const options &o, road way, request &r, const outc
     if (agree(seen, expected, o.log) && dst.holds(expected)) [[likely]]
         return true;
     seen.bytes.assign(dst.start, dst.start + dst.room);
-    ADD_FAILURE() << "road " << way << ", version " << o.version << ", debug " << o.debug << ", log " << o.log << ": "
-                  << r << "\n  expected " << expected << "; hooks " << expected.debug_calls << ' '
-                  << expected.error_calls << "\n  seen " << seen << "; hooks " << seen.debug_calls << ' '
-                  << seen.error_calls;
+    ADD_FAILURE() << "road " << way << " with " << (ctx->kernels ? ctx->kernels->name : "the walk") << ", version "
+                  << o.version << ", debug " << o.debug << ", log " << o.log << ": " << r << "\n  expected " << expected
+                  << "; hooks " << expected.debug_calls << ' ' << expected.error_calls << "\n  seen " << seen
+                  << "; hooks " << seen.debug_calls << ' ' << seen.error_calls;
     return false;
 }
 
+// By all roads, and the emulation with every set of producers that the processor has, and by the walk alone.
 template <class request>
 bool check_roads(test_context &ctx, const options &o, request &r, destination_area &dst)
 {
     const outcome emulated = emulation(r, o);
-    return check(ctx, o, calls, r, call(r, o, emulated, true), dst) &&
-           check(ctx, o, posts, r, call(r, o, emulated, false), dst) && check(ctx, o, emulations, r, emulated, dst) &&
-           check(ctx, o, general_kernels, r, emulated, dst);
+    bool good = check(ctx, o, calls, r, call(r, o, emulated, true), dst) &&
+                check(ctx, o, posts, r, call(r, o, emulated, false), dst);
+    const kernel_set_t *const widest = std::exchange(ctx->kernels, nullptr);
+    good = good && check(ctx, o, emulations, r, emulated, dst);
+    for (const kernel_set_t *set = kernel_sets; set->name; set++)
+        if (good && set->present()) {
+            ctx->kernels = set;
+            good = check(ctx, o, emulations, r, emulated, dst);
+        }
+    ctx->kernels = widest;
+    return good;
 }
 
 // ---- Random requests ------------------------------------------------------------------------------------------------

@@ -19,10 +19,10 @@ inline outcome run(test_context &ctx, road way, const scan &s)
 {
     const auto op = static_cast<kel_compare_t>(s.op);
     if (s.range())
-        return take_road(ctx, way, kel_scan_range, kel_scan_range_post, kel_scan_range_emulate, kel_scan_range_general,
-                         s.flags, &s.src, &s.dst, op, &s.lower, &s.upper);
-    return take_road(ctx, way, kel_scan_value, kel_scan_value_post, kel_scan_value_emulate, kel_scan_value_general,
-                     s.flags, &s.src, &s.dst, op, &s.lower);
+        return take_road(ctx, way, kel_scan_range, kel_scan_range_post, kel_scan_range_emulate, s.flags, &s.src, &s.dst,
+                         op, &s.lower, &s.upper);
+    return take_road(ctx, way, kel_scan_value, kel_scan_value_post, kel_scan_value_emulate, s.flags, &s.src, &s.dst, op,
+                     &s.lower);
 }
 
 // Makes scans, whose destinations are placed later.
@@ -107,10 +107,8 @@ class scan_maker : public source_maker
 inline outcome run(test_context &ctx, road way, const move &m)
 {
     if (m.select)
-        return take_road(ctx, way, kel_select, kel_select_post, kel_select_emulate, kel_select_general, m.flags, &m.src,
-                         &m.dst, &m.mask);
-    return take_road(ctx, way, kel_extract, kel_extract_post, kel_extract_emulate, kel_extract_general, m.flags, &m.src,
-                     &m.dst);
+        return take_road(ctx, way, kel_select, kel_select_post, kel_select_emulate, m.flags, &m.src, &m.dst, &m.mask);
+    return take_road(ctx, way, kel_extract, kel_extract_post, kel_extract_emulate, m.flags, &m.src, &m.dst);
 }
 
 // Makes selects and extracts, whose destinations are placed later.
@@ -173,8 +171,8 @@ class move_maker : public source_maker
 inline outcome run(test_context &ctx, road way, const translate &t)
 {
     if (!t.test_value)
-        return take_road(ctx, way, kel_translate, kel_translate_post, kel_translate_emulate, kel_translate_general,
-                         t.flags, &t.src, &t.dst, &t.bitmap, t.val_width);
+        return take_road(ctx, way, kel_translate, kel_translate_post, kel_translate_emulate, t.flags, &t.src, &t.dst,
+                         &t.bitmap, t.val_width);
     outcome seen = {.cca = cca_before};
     const auto run_with = [&](const auto &function, auto val_width) {
         seen.status = function(ctx, t.flags, &t.src, &t.dst, t.bitmap.data, val_width, *t.test_value, &seen.cca);
@@ -258,15 +256,7 @@ inline outcome run(test_context &ctx, road way, const logical &l)
     const auto emulate = [&](kel_context_t *, uint64_t flags, auto *src1, auto *src2, auto *dst, cca_t *cca) {
         return kel_logical_emulate(ctx, flags, src1, src2, dst, kel_op_and + l.op, cca);
     };
-    const auto without_instruction = [&](kel_context_t *, uint64_t flags, auto *src1, auto *src2, auto *dst,
-                                         cca_t *cca) {
-        const uint64_t ones = do_logical_il(kel_op_and + l.op, flags, src1->data, src2->data, dst->data, src1->elements,
-                                            src1->offset, src2->offset, 0);
-        *cca = {static_cast<uint32_t>(ones), static_cast<uint32_t>(ones), ones};
-        return KEL_SUCCESS;
-    };
-    return take_road(ctx, way, operations[l.op], posted[l.op], emulate, without_instruction, l.flags, &l.src, &l.src2,
-                     &l.dst);
+    return take_road(ctx, way, operations[l.op], posted[l.op], emulate, l.flags, &l.src, &l.src2, &l.dst);
 }
 
 class logical_maker : public source_maker
@@ -294,9 +284,9 @@ inline outcome run(test_context &ctx, road way, const transfer &t)
 {
     const auto none = [](const auto &...) { return KEL_ENOTIMPL; };
     if (t.value)
-        return take_road(ctx, way, kel_fill, kel_fill_post, none, none, t.flags, *t.value, t.dst.data, t.src.elements,
+        return take_road(ctx, way, kel_fill, kel_fill_post, none, t.flags, *t.value, t.dst.data, t.src.elements,
                          t.src.elem_width);
-    return take_road(ctx, way, kel_copy, kel_copy_post, none, none, t.flags, t.src.data, t.dst.data, t.src.elements);
+    return take_road(ctx, way, kel_copy, kel_copy_post, none, t.flags, t.src.data, t.dst.data, t.src.elements);
 }
 
 // There are no other roads.

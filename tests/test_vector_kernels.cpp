@@ -1,5 +1,6 @@
-// Vector kernels beside their portable twins: random fields, at either end of memory between pages that fault.
-#include "kel_block.h"
+// The producers of each set beside their portable twins: random fields, at either end of memory between pages that
+// fault.
+#include "kel_producer.h"
 #include "support.h"
 #include <cstring>
 #include <gtest/gtest.h>
@@ -10,7 +11,6 @@ namespace
 {
 
 constexpr uint64_t most_blocks = 3;
-constexpr uint64_t loaded_behind = 16; // bytes that a producer may load behind its last block
 
 // Packed bytes between two pages that fault.
 class fenced_source
@@ -24,9 +24,9 @@ class fenced_source
     }
 
     // So many blocks of fields at the start, or so that what may be loaded ends at the end.
-    fields_t fields(unsigned width, unsigned offset, uint64_t blocks, bool at_start) const
+    fields_t fields(unsigned width, unsigned offset, uint64_t blocks, unsigned overrun, bool at_start) const
     {
-        const uint64_t loaded = 8 * width * blocks + loaded_behind;
+        const uint64_t loaded = 8 * width * blocks + overrun;
         return {at_start ? bytes.data : bytes.data + bytes.size - loaded, width, offset};
     }
 
@@ -46,20 +46,29 @@ std::ostream &operator<<(std::ostream &out, const request_t &request)
                << " of " << static_cast<const void *>(request.fields.data);
 }
 
-class vector_kernels : public testing::Test
+std::vector<const kernel_set_t *> sets()
+{
+    std::vector<const kernel_set_t *> all;
+    for (const kernel_set_t *set = kernel_sets; set->name; set++)
+        all.push_back(set);
+    return all;
+}
+
+class kernel_sets_test : public testing::TestWithParam<const kernel_set_t *>
 {
   protected:
     void SetUp() override
     {
-        if (!avx2_element_blocks({nullptr, 8, 0}, 1))
-            GTEST_SKIP() << "no vector kernels for this processor, or in this build";
+        if (!set->present())
+            GTEST_SKIP() << "this processor has no " << set->name;
     }
 
-    request_t any_request(unsigned widest)
+    // Blocks of fields with a width from least to most.
+    request_t any_request(unsigned least, unsigned most)
     {
         const uint64_t blocks = random.between(1, most_blocks);
-        return {source.fields(random.between<unsigned>(1, widest), random.between<unsigned>(0, 7), blocks,
-                              random.one_in(2)),
+        return {source.fields(random.between<unsigned>(least, most), random.between<unsigned>(0, 7), blocks,
+                              set->overrun, random.one_in(2)),
                 blocks};
     }
 
@@ -69,13 +78,15 @@ class vector_kernels : public testing::Test
     {
         uint64_t expected[most_blocks] = {}, seen[most_blocks] = {};
         const fields_t &fields = request.fields;
-        portable_mask_blocks(fields, test)(fields.data, fields, test, expected, request.blocks);
-        const auto vector = avx2_mask_blocks(fields, test);
-        ASSERT_NE(vector, nullptr) << request;
-        vector(fields.data, fields, test, seen, request.blocks);
+        const auto twin = choose_masks(portable, fields, test), made = choose_masks(set, fields, test);
+        ASSERT_EQ(made == twin, set == portable) << request;
+        twin(fields.data, fields, test, expected, request.blocks);
+        made(fields.data, fields, test, seen, request.blocks);
         ASSERT_EQ(hex(seen, sizeof seen), hex(expected, sizeof expected)) << request;
     }
 
+    const kernel_set_t *const set = GetParam();
+    const kernel_set_t *const portable = sets().back();
     random_source random{70};
     const fenced_source source{random};
 };
@@ -94,24 +105,23 @@ predicate_t any_predicate(random_source &random, unsigned width)
 
 } // namespace
 
-TEST_F(vector_kernels, intervals)
+TEST_P(kernel_sets_test, intervals)
 {
-    for (unsigned i = 0; i < 600000; i++) {
-        const request_t request = any_request(64);
+    for (unsigned i = 0; i < 300000; i++) {
+        const request_t request = any_request(1, 64);
         ASSERT_NO_FATAL_FAILURE(compare_masks(request, any_predicate(random, request.fields.width)));
     }
 }
 
 // Bitmaps end at the page that faults, but for the rest of a word; some say that they end before, or far behind it.
-TEST_F(vector_kernels, bitmaps)
+TEST_P(kernel_sets_test, bitmaps)
 {
     for (unsigned width = 1; width <= 20; width++) {
         const uint64_t bits = uint64_t{1} << width;
         const guarded_buffer bytes((bits + 7) / 8, 4);
         random.fill(bytes.data, bytes.size);
         for (unsigned i = 0; i < 5000; i++) {
-            request_t request = any_request(1);
-            request.fields = source.fields(width, request.fields.offset, request.blocks, random.one_in(2));
+            const request_t request = any_request(width, width);
             const uint64_t told = random.one_in(2) ? bits : random.one_in(2) ? random.between(1, bits) : 1u << 24;
             ASSERT_NO_FATAL_FAILURE(compare_masks(request, bitmap_t{bytes.data, told, random.one_in(2)}));
         }
@@ -119,17 +129,16 @@ TEST_F(vector_kernels, bitmaps)
 }
 
 // A bitmap for any field, of which few pages are ever touched.
-TEST_F(vector_kernels, vast_bitmap)
+TEST_P(kernel_sets_test, vast_bitmap)
 {
     constexpr uint64_t bits = uint64_t{1} << 32;
     void *memory = mmap(nullptr, bits / 8, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(memory, MAP_FAILED);
     auto *bytes = static_cast<uint8_t *>(memory);
     for (unsigned i = 0; i < 200; i++) {
-        request_t request = any_request(1);
-        request.fields = source.fields(random.between<unsigned>(20, 32), request.fields.offset, request.blocks, i % 2);
+        const request_t request = any_request(20, 32);
         uint64_t elements[most_blocks * block_elements];
-        portable_element_blocks(request.fields, 8)(request.fields.data, request.fields, 0, 0, elements, request.blocks);
+        portable_elements(request.fields, 8)(request.fields.data, request.fields, 0, 0, elements, request.blocks);
         for (uint64_t j = 0; j < request.blocks * block_elements; j++) {
             const uint64_t element = kel_load_be<uint64_t>(&elements[j]);
             if (random.one_in(2))
@@ -141,22 +150,23 @@ TEST_F(vector_kernels, vast_bitmap)
 }
 
 // Elements as they are cut or padded to their destination, which ends at a page that faults.
-TEST_F(vector_kernels, elements)
+TEST_P(kernel_sets_test, elements)
 {
-    for (const unsigned bytes : {1u, 2u, 4u, 8u}) {
+    for (const unsigned bytes : {1u, 2u, 4u, 8u, 16u}) {
         const unsigned bits = 8 * bytes;
         for (unsigned i = 0; i < 100000; i++) {
-            const request_t request = any_request(bytes == 1 ? 16 : bits);
+            const request_t request = any_request(1, 64);
             const fields_t &fields = request.fields;
             const unsigned rounded = (fields.width + 7) / 8 * 8;
             const unsigned right = rounded > bits ? rounded - bits : 0;
             const unsigned left = rounded < bits && random.one_in(2) ? bits - rounded : 0;
             const size_t size = request.blocks * block_elements * bytes;
-            static uint8_t expected[most_blocks * block_elements * 8];
+            static uint8_t expected[most_blocks * block_elements * 16];
             static const guarded_buffer room(sizeof expected, 1);
             uint8_t *const seen = room.data + room.size - size;
-            portable_element_blocks(fields, bytes)(fields.data, fields, right, left, expected, request.blocks);
-            avx2_element_blocks(fields, bytes)(fields.data, fields, right, left, seen, request.blocks);
+            portable_elements(fields, bytes)(fields.data, fields, right, left, expected, request.blocks);
+            choose_producer(set, &kernel_set_t::elements, fields, uint64_t{bytes})(fields.data, fields, right, left,
+                                                                                   seen, request.blocks);
             ASSERT_EQ(memcmp(seen, expected, size), 0)
                 << request << " to " << bytes << " bytes, shifted by " << right << " and " << left;
         }
@@ -165,15 +175,15 @@ TEST_F(vector_kernels, elements)
 
 // Compactions of any mask. The vector form may leave something in the 32 bytes behind its end, within the room of a
 // block.
-TEST_F(vector_kernels, compactions)
+TEST_P(kernel_sets_test, compactions)
 {
     const auto any_mask = [&] {
         const uint64_t mask = random.word();
         return random.one_in(3) ? mask : random.one_in(2) ? mask & random.word() & random.word() : mask | random.word();
     };
-    for (const unsigned bytes : {1u, 2u, 4u, 8u}) {
+    for (const unsigned bytes : {1u, 2u, 4u, 8u, 16u}) {
         const guarded_buffer from(block_elements * bytes, 1), room(block_elements * bytes, 1);
-        uint8_t expected[block_elements * 8];
+        uint8_t expected[block_elements * 16];
         const auto check = [&](const uint8_t *end, ptrdiff_t length, uint64_t mask) {
             ASSERT_EQ(end - room.data, length);
             ASSERT_EQ(memcmp(room.data, expected, static_cast<size_t>(length)), 0) << std::hex << mask;
@@ -181,16 +191,21 @@ TEST_F(vector_kernels, compactions)
             ASSERT_TRUE(std::all_of(std::min(end + 32, stop), stop, [](uint8_t byte) { return byte == 0xa5; }));
             memset(room.data, 0xa5, room.size);
         };
+        const pick_block_t pick = choose_producer(set, &kernel_set_t::picks, uint64_t{bytes});
         for (unsigned i = 0; i < 50000; i++) {
             const uint64_t mask = any_mask();
             random.fill(from.data, from.size);
-            const auto length = portable_pick_block(bytes)(from.data, mask, expected) - expected;
-            ASSERT_NO_FATAL_FAILURE(check(avx2_pick_block(bytes)(from.data, mask, room.data), length, mask));
+            const auto length = portable_picks(bytes)(from.data, mask, expected) - expected;
+            ASSERT_NO_FATAL_FAILURE(check(pick(from.data, mask, room.data), length, mask));
             if (bytes != 2 && bytes != 4)
                 continue;
             const uint64_t index = random.between(0, bytes == 2 ? UINT16_MAX - 63 : UINT32_MAX - 63);
-            ASSERT_EQ(portable_index_block(bytes)(mask, index, expected) - expected, length);
-            ASSERT_NO_FATAL_FAILURE(check(avx2_index_block(bytes)(mask, index, room.data), length, mask));
+            ASSERT_EQ(portable_indexes(bytes)(mask, index, expected) - expected, length);
+            ASSERT_NO_FATAL_FAILURE(check(
+                choose_producer(set, &kernel_set_t::indexes, uint64_t{bytes})(mask, index, room.data), length, mask));
         }
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(vector_kernels, kernel_sets_test, testing::ValuesIn(sets()),
+                         [](const auto &test) { return test.param->name; });

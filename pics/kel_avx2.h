@@ -5,30 +5,18 @@
 // are those that follow in the stream. So a comparison with an interval needs neither a shift nor a mask: only the
 // interval's ends are moved up, the last with ones behind it.
 //
-// A function that uses instructions of these units is marked KEL_AVX2, and is called only if kel_have_avx2() says so.
-// Another vector set would get a vocabulary and units of its own beside these, and its turn in the choices.
+// Every function that uses these instructions is marked KEL_AVX2.
 #pragma once
 
-#include "kel_block.h"
+#include "kel_processor.h"
+#include "kel_producer.h"
 
-#if !defined(KEL_VECTOR)
-#define KEL_VECTOR 1
-#endif
-
-#if KEL_VECTOR && defined(__x86_64__)
-#define KEL_HAVE_AVX2_UNITS 1
+#if KEL_HAVE_AVX2_UNITS
 #include <immintrin.h>
 #include <type_traits>
 
-#define KEL_AVX2 __attribute__((target("avx2,bmi2,popcnt")))
-
 namespace
 {
-
-inline bool kel_have_avx2()
-{
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2") && __builtin_cpu_supports("popcnt");
-}
 
 // ---- Lanes ----------------------------------------------------------------------------------------------------------
 

@@ -1,0 +1,39 @@
+// What depends on the processor: the instructions that functions may be compiled for, and whether they are there.
+//
+// A function that uses instructions beyond those of every processor is marked with the attribute of their set, and is
+// called only if the test beside it holds. The tests read what the compiler's runtime filled in at load: CPUID traps
+// under virtualisation, and takes microseconds.
+#pragma once
+
+#if !defined(KEL_VECTOR)
+#define KEL_VECTOR 1
+#endif
+
+#if KEL_VECTOR && defined(__x86_64__)
+#define KEL_HAVE_AVX2_UNITS 1
+#endif
+
+#define KEL_POPCNT __attribute__((target("popcnt")))
+
+inline bool kel_have_popcnt()
+{
+    return __builtin_cpu_supports("popcnt");
+}
+
+#define KEL_AVX2 __attribute__((target("avx2,bmi2,popcnt")))
+
+inline bool kel_have_avx2()
+{
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2") && __builtin_cpu_supports("popcnt");
+}
+
+// Whether PDEP and PEXT take a few cycles. Before the third generation of their line AMD's processors have them in
+// microcode, with some cycles for each bit of the mask: a hundred and more where a step for each element takes thirty.
+inline bool kel_have_fast_pdep()
+{
+    return !__builtin_cpu_is("amdfam15h") && !__builtin_cpu_is("amdfam17h");
+}
+
+// What CPUID says of the population count: bit 23 of ECX of leaf 0x80000001. It is slow, and the bit is clear on many
+// processors that have the instruction, so no request asks here.
+unsigned popcnt_supported(void);

@@ -1,0 +1,278 @@
+// Sources by blocks: the mask words, the runs and the elements of a vector, 64 at a time.
+//
+// Blocks are loaded where they stand. Those whose load would pass the end of the vector are copied first: the last ones
+// of every source.
+#pragma once
+
+#include "kel_emulate_subr.h"
+#include "kel_producer.h"
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+// ---- Shapes ---------------------------------------------------------------------------------------------------------
+
+// Sources whose stored elements are fields of one width up to 64 bits, at an offset that stays in the first byte, with
+// a length in bits that fits in 64 bits.
+inline bool plain_fields(const kel_vec_t *src)
+{
+    const uint64_t bits = kel_width_bits(src);
+    return bits >= 1 && bits <= 64 && src->offset <= kel_max_offset && src->elements <= (UINT64_MAX - 2 * 8) / 64;
+}
+
+// And whose runs, if they have any, are fields of up to 32 bits.
+inline bool plain_runs(const kel_vec_t *src)
+{
+    return kel_power_of_two(src->aux_width) && src->aux_width <= 32 && src->aux_offset <= kel_max_offset;
+}
+
+// The elements of a vector, which are plain fields, and its runs.
+inline fields_t element_fields(const kel_vec_t *vec)
+{
+    return {static_cast<const uint8_t *>(vec->data), static_cast<unsigned>(kel_width_bits(vec)), vec->offset};
+}
+
+inline fields_t run_fields(const kel_vec_t *vec)
+{
+    return {static_cast<const uint8_t *>(vec->aux_data), vec->aux_width, vec->aux_offset};
+}
+
+// ---- Blocks ---------------------------------------------------------------------------------------------------------
+
+constexpr unsigned block_batch = 32; // blocks that are taken at a time
+
+// Consecutive blocks of fields; the last may have fewer elements than 64.
+struct blocks_t {
+    const uint8_t *data;
+    uint64_t blocks;
+    uint64_t elements; // 0 at the end of the source
+};
+
+// Hands out the blocks of fields.
+class block_cursor
+{
+  public:
+    // overrun: of the producer that the blocks are for.
+    block_cursor(unsigned overrun, const fields_t &first, uint64_t count)
+        : fields(first), next(first.data), elements(count), bytes((first.offset + first.width * count + 7) / 8),
+          loadable(count / block_elements)
+    {
+        while (loadable > 0 && 8 * fields.width * loadable + overrun > bytes)
+            loadable--;
+    }
+
+    block_cursor(const block_cursor &) = delete; // it may point into itself
+
+    const fields_t &shape() const
+    {
+        return fields;
+    }
+
+    // The next blocks, at most the given number of them, which is not 0. They stay where they are until the next call.
+    blocks_t take(uint64_t most)
+    {
+        if (loadable == 0)
+            copy_rest();
+        blocks_t taken = {next, std::min(loadable, most), 0};
+        taken.elements = std::min(elements, block_elements * taken.blocks);
+        next += 8 * fields.width * taken.blocks;
+        loadable -= taken.blocks;
+        elements -= taken.elements;
+        bytes -= std::min(bytes, 8 * fields.width * taken.blocks);
+        return taken;
+    }
+
+  private:
+    // Copies what is left, fewer than two blocks and an overrun, to where there is room behind its end. What follows
+    // the last element is 0, so that a bitmap is not looked at far behind its end for a field that does not exist.
+    void copy_rest()
+    {
+        if (elements == 0)
+            return;
+        loadable = (elements + block_elements - 1) / block_elements;
+        memcpy(rest, next, bytes);
+        if (const uint64_t used = (fields.offset + fields.width * elements) % 8; used != 0)
+            rest[bytes - 1] = static_cast<uint8_t>(rest[bytes - 1] & 0xff00 >> used);
+        const uint64_t end = 8 * fields.width * loadable;
+        if (bytes < end)
+            memset(rest + bytes, 0, end - bytes);
+        memset(rest + std::max(bytes, end), 0, most_overrun);
+        next = rest;
+    }
+
+    const fields_t fields; // of the source, as it was
+    const uint8_t *next;   // what is left,
+    uint64_t elements;     // its elements,
+    uint64_t bytes;        // its length,
+    uint64_t loadable;     // and the blocks that can be loaded where they are
+    uint8_t rest[2 * 8 * 64 + 2 * most_overrun];
+};
+
+// ---- Mask words -----------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// The mask words of a source, a batch at a time.
+template <class Test>
+class mask_source
+{
+  public:
+    [[gnu::always_inline]] // of a short scan the call would be a part
+    mask_source(const kernel_set_t *set, const kel_vec_t *src, const Test &tested)
+        : test(tested), cursor(set->overrun, element_fields(src), src->elements),
+          make(choose_masks(set, cursor.shape(), tested))
+    {
+    }
+
+    // Fills masks and answers the number of elements that they stand for; 0 at the end. The bits of the last word
+    // behind the last element are 0.
+    uint64_t next(uint64_t (&masks)[block_batch])
+    {
+        const blocks_t taken = cursor.take(block_batch);
+        if (taken.elements == 0)
+            return 0;
+        make(taken.data, cursor.shape(), test, masks, taken.blocks);
+        masks[taken.blocks - 1] &= ~uint64_t{0} << (block_elements * taken.blocks - taken.elements);
+        return taken.elements;
+    }
+
+  private:
+    const Test &test;
+    block_cursor cursor;
+    const mask_blocks_t<Test> make;
+};
+
+// ---- Runs -----------------------------------------------------------------------------------------------------------
+
+// Up to 64 runs, none of which is 0.
+struct runs_t {
+    uint64_t of[block_elements + 1]; // behind the last one is a 0
+    unsigned count;
+    uint64_t sum;
+};
+
+// The runs of a source, a block at a time.
+class run_source
+{
+  public:
+    run_source(const kernel_set_t *set, const kel_vec_t *src)
+        : cursor(set->overrun, run_fields(src), src->elements),
+          make(choose_producer(set, &kernel_set_t::elements, cursor.shape(), sizeof *batch)),
+          add_one(src->format & KEL_ADD_ONE ? 1 : 0)
+    {
+    }
+
+    // Moves on by a block, and tells whether none of its runs is 0.
+    bool next(runs_t &runs)
+    {
+        if (at == unpacked)
+            unpack();
+        const uint32_t *const block = batch + at;
+        runs.count = static_cast<unsigned>(std::min<uint64_t>(unpacked - at, block_elements));
+        at += runs.count;
+        runs.sum = 0;
+        uint64_t least = UINT64_MAX;
+        for (unsigned i = 0; i < runs.count; i++) {
+            runs.of[i] = kel_load_be<uint32_t>(&block[i]) + add_one;
+            runs.sum += runs.of[i];
+            least = std::min(least, runs.of[i]);
+        }
+        runs.of[runs.count] = 0;
+        return least != 0;
+    }
+
+  private:
+    void unpack()
+    {
+        const blocks_t taken = cursor.take(std::size(batch) / block_elements);
+        make(taken.data, cursor.shape(), 0, 0, batch, taken.blocks);
+        at = 0;
+        unpacked = taken.elements;
+    }
+
+    block_cursor cursor;
+    const element_blocks_t make;
+    const uint64_t add_one;
+    uint32_t batch[8 * block_elements];
+    uint64_t unpacked = 0; // elements of the batch,
+    uint64_t at = 0;       // and where the next block starts
+};
+
+// ---- Elements -------------------------------------------------------------------------------------------------------
+
+// Whole elements that are taken as they stand.
+class unchanged_elements
+{
+  public:
+    unchanged_elements(const void *first, uint64_t size) : data(static_cast<const uint8_t *>(first)), bytes(size) {}
+
+    // The next count elements.
+    const uint8_t *next(uint64_t count)
+    {
+        return std::exchange(data, data + count * bytes);
+    }
+
+    void skip(uint64_t count)
+    {
+        data += count * bytes;
+    }
+
+  private:
+    const uint8_t *data;
+    const uint64_t bytes; // of an element
+};
+
+// Fields that are turned into elements of the destination: cut, or shifted to the high end.
+class converted_elements
+{
+  public:
+    // Elements of a number of bytes out of the first count elements of src.
+    converted_elements(const kernel_set_t *set, const kel_vec_t *src, uint64_t count, uint64_t size,
+                       const adaptation_t &shift)
+        : cursor(set->overrun, element_fields(src), count), bytes(size), right(static_cast<unsigned>(shift.right)),
+          left(static_cast<unsigned>(shift.left)),
+          make(choose_producer(set, &kernel_set_t::elements, cursor.shape(), size))
+    {
+    }
+
+    // The next block, of 64 elements but at the end of the source.
+    const uint8_t *next(uint64_t)
+    {
+        convert(cursor.take(1), block);
+        return block;
+    }
+
+    void skip(uint64_t)
+    {
+        cursor.take(1);
+    }
+
+    // All elements that are left, of which there are count.
+    void convert_all(uint8_t *to, uint64_t count)
+    {
+        while (count >= block_elements) {
+            const blocks_t taken = cursor.take(count / block_elements);
+            convert(taken, to);
+            to += taken.elements * bytes;
+            count -= taken.elements;
+        }
+        if (count > 0)
+            memcpy(to, next(count), count * bytes);
+    }
+
+  private:
+    void convert(const blocks_t &taken, void *to) const
+    {
+        make(taken.data, cursor.shape(), right, left, to, taken.blocks);
+    }
+
+    block_cursor cursor;
+    const uint64_t bytes; // of an element
+    const unsigned right;
+    const unsigned left;
+    const element_blocks_t make;
+    uint8_t block[block_elements * kel_max_elem_bytes];
+};
+
+} // namespace
