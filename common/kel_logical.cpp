@@ -31,7 +31,6 @@ static int logical_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *sr
                          const kel_vec_t *dst, kel_queue_t *queue, unsigned version)
 {
     return kel_validate([=](auto log) KEL_INLINED {
-        const auto misalignment = static_cast<unsigned>(reinterpret_cast<uintptr_t>(dst->data) % kel_dst_align);
         const bool same_elements = src1->elements == src2->elements;
         int valid = thread_valid(ctx, log);
         valid &= flags_valid(ctx, flags, KEL_INVERT | KEL_INVERT_SRC, KEL_NOWAIT, version, log);
@@ -50,7 +49,7 @@ static int logical_valid(kel_context_t *ctx, uint64_t flags, const kel_vec_t *sr
                           src2->elements);
         valid &= kel_test(log, !same_elements || src1->elements <= dst->elements, ctx,
                           "dst elements %lu is less than src elements %lu", dst->elements, src1->elements);
-        valid &= kel_test(log, misalignment == 0, ctx, "Invalid dst data alignment %u; must be 64", misalignment);
+        valid &= alignment_valid(ctx, dst->data, kel_dst_align, "dst data", log);
         return valid;
     });
 }

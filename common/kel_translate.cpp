@@ -15,14 +15,12 @@ static bool src_width_valid(uint64_t bits, unsigned version)
 
 static int bitmap_valid(kel_context_t *ctx, const kel_vec_t *bitmap, unsigned version, int log)
 {
-    const unsigned align = kel_bitmap_align(version);
-    const auto misalignment = static_cast<unsigned>(reinterpret_cast<uintptr_t>(bitmap->data) % align);
     char fmt[kel_fmt_text_size];
     int valid = kel_test(log, bitmap->elem_width == 1, ctx, "Invalid bitmap width: %u; must be 1", bitmap->elem_width);
     valid &= kel_test(log, bitmap->format == KEL_BITS, ctx, "Invalid bitmap format: %s; must be KEL_BITS",
                       fmt_str(ctx, bitmap->format, fmt, sizeof fmt));
     valid &= kel_test(log, bitmap->offset == 0, ctx, "Invalid bitmap offset %u; must be 0", bitmap->offset);
-    valid &= kel_test(log, misalignment == 0, ctx, "Invalid bitmap data alignment %u; must be %u", misalignment, align);
+    valid &= alignment_valid(ctx, bitmap->data, kel_bitmap_align(version), "bitmap data", log);
     valid &= kel_test(log, bitmap->elements <= kel_max_bitmap_elements, ctx,
                       "Invalid bitmap elements %lu; must be <= (1 << 24)", bitmap->elements);
     return valid;

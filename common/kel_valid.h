@@ -60,12 +60,17 @@ KEL_INLINED inline int src_valid(kel_context_t *ctx, const kel_vec_t *vec, uint6
     return valid;
 }
 
+KEL_INLINED inline int alignment_valid(kel_context_t *ctx, const void *data, unsigned align, const char *name, int log)
+{
+    const auto misalignment = static_cast<unsigned>(reinterpret_cast<uintptr_t>(data) % align);
+    return kel_test(log, misalignment == 0, ctx, "Invalid %s alignment %u; must be %u", name, misalignment, align);
+}
+
 // What every destination has to be: at bit 0 of an aligned address.
 KEL_INLINED inline int kel_dst_start_valid(kel_context_t *ctx, const kel_vec_t *vec, int log)
 {
-    const auto misalignment = static_cast<unsigned>(reinterpret_cast<uintptr_t>(vec->data) % kel_dst_align);
     int valid = kel_test(log, vec->offset == 0, ctx, "Invalid dst offset %u; must be 0", vec->offset);
-    valid &= kel_test(log, misalignment == 0, ctx, "Invalid dst alignment %u; must be 64", misalignment);
+    valid &= alignment_valid(ctx, vec->data, kel_dst_align, "dst", log);
     return valid;
 }
 
