@@ -7,6 +7,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+static void PrintTo(const kernel_set_t *set, std::ostream *out)
+{
+    *out << set->name;
+}
+
 namespace
 {
 
