@@ -33,36 +33,6 @@ TEST(copy, verbose_lines)
     EXPECT_EQ(lines(60, 68), (lines_t{"software copy 1st 4 bytes\n", "kel copy 64 bytes\n", "Emulating kel_extract"}));
 }
 
-TEST(copy_and_fill, entry_and_return_lines)
-{
-    test_context ctx(2, KEL_DEBUG_ARG, KEL_LOG_ENTRY | KEL_LOG_RETURN);
-    kel_queue_t *queue;
-    ASSERT_EQ(kel_queue_create(ctx, 2, &queue), KEL_SUCCESS);
-    ctx.messages();
-    uint8_t bytes[16] = {};
-    const std::string src = pointer_text(bytes);
-    const std::string dst = pointer_text(bytes + 8);
-    const std::string copy_args =
-        "ctx=" + pointer_text(ctx.ctx) + ", flags=none, \n  src = " + src + ", dst = " + dst + ", count = 3";
-    const auto fill_args = [&](const char *flags) {
-        return "ctx=" + pointer_text(ctx.ctx) + ", flags=" + flags + ", \n  val = 258, val_width=2, dst = " + dst +
-               ", count = 3";
-    };
-    kel_copy(ctx, 0, bytes, bytes + 8, 3);
-    EXPECT_EQ(ctx.messages(), (lines_t{"kel_copy(): " + copy_args + " ", "kel_copy() returns {SUCCESS, count=0}\n"}));
-    kel_copy_post(queue, 0, bytes, bytes + 8, 3, at(1));
-    EXPECT_EQ(ctx.messages(),
-              (lines_t{"kel_copy_post(): " + copy_args + "\n  udata=0x1", "kel_copy_post() returns {SUCCESS}\n"}));
-    const lines_t inner = {"kel_fill(): " + fill_args("none"), "kel_fill() returns {SUCCESS, count=0}"};
-    kel_fill(ctx, 0, 258, bytes + 8, 3, 2);
-    EXPECT_EQ(ctx.messages(), inner);
-    kel_fill_post(queue, KEL_SERIAL, 258, bytes + 8, 3, 2, at(2));
-    EXPECT_EQ(ctx.messages(), (lines_t{"kel_fill_post(): " + fill_args("serial") + "\n  udata=0x2", inner[0], inner[1],
-                                       "kel_fill_post() returns {SUCCESS}"}));
-    EXPECT_EQ(hex(bytes + 8, 8), "0102010201020000");
-    EXPECT_EQ(kel_queue_destroy(queue), KEL_SUCCESS);
-}
-
 TEST(fill, writers)
 {
     test_context ctx(2, 0, KEL_LOG_VERBOSE);

@@ -251,29 +251,31 @@ TEST(allocator, null_results)
     block_store store;
     const kel_init_options_t options = store.options();
     test_context ctx(1, 1, 1, &options);
-    const auto expect_null = [&](size_t align, size_t size, bool refused) {
+    const std::tuple<size_t, size_t, bool> rows[] = {{24, 100, true},
+                                                     {0, 8, true},
+                                                     {8, 0, true},
+                                                     {3, 1, true},
+                                                     {limit, 8, true},
+                                                     {8, limit, true},
+                                                     {limit / 2, limit - 1, false},
+                                                     {1, limit - 8, false}};
+    for (const auto &[align, size, refused] : rows) {
         const std::string size_text = std::to_string(size), align_text = std::to_string(align);
-        const std::string failed = "kel_memalign failed to allocate " + size_text + " bytes aligned to " + align_text;
-        const std::string bad =
-            "kel_memalign: size = " + size_text + ", align = " + align_text + ": invalid size or alignment";
+        lines_t lines(2, "kel_memalign failed to allocate " + size_text + " bytes aligned to " + align_text);
+        if (refused)
+            lines[0] = "kel_memalign: size = " + size_text + ", align = " + align_text + ": invalid size or alignment";
         errno = 0;
         store.requests = {};
         store.failing = 1;
         EXPECT_EQ(kel_memalign(ctx, align, size), nullptr);
         EXPECT_EQ(errno, refused ? EINVAL : 0);
-        EXPECT_EQ(ctx.messages(), (lines_t{refused ? bad : failed, failed}));
+        EXPECT_EQ(ctx.messages(), lines);
         EXPECT_EQ(store.requests, std::vector(refused ? 0 : 1, align + whole_words(size) + tail_size));
-    };
-    const std::pair<size_t, size_t> bad_pairs[] = {{24, 100}, {0, 8}, {8, 0}, {3, 1}, {limit, 8}, {8, limit}};
-    for (const auto &[align, size] : bad_pairs)
-        expect_null(align, size, true);
-    expect_null(limit / 2, limit - 1, false);
-    expect_null(1, limit - 8, false);
-    for (const bool cleared : {false, true}) {
+    }
+    for (const auto &[call, name] : {std::pair{0, "kel_calloc"}, {1, "kel_malloc"}}) {
         store.requests = {};
-        EXPECT_EQ(cleared ? kel_calloc(ctx, 3, 7) : kel_malloc(ctx, 21), nullptr);
-        EXPECT_EQ(ctx.messages(),
-                  lines_t{std::string(cleared ? "kel_calloc" : "kel_malloc") + " failed to allocate 21 bytes"});
+        EXPECT_EQ(call ? kel_malloc(ctx, 21) : kel_calloc(ctx, 3, 7), nullptr);
+        EXPECT_EQ(ctx.messages(), lines_t{std::string(name) + " failed to allocate 21 bytes"});
     }
     EXPECT_EQ(kel_debug_calls, 0u);
 }

@@ -220,29 +220,21 @@ TEST(queue, random_calls_against_the_model)
 // Blocks are asked for the queue and its node together, then for its slots; whichever fails, nothing stays.
 TEST(queues, creation_without_memory)
 {
-    const struct {
-        size_t failing, asked;
-        int length;
-        size_t bytes;
-    } rows[] = {{1, 2, 5, sizeof(kel_queue_t)},
-                {2, 2, 5, sizeof(kel_queue_list_t)},
-                {3, 3, INT_MAX, INT_MAX * sizeof(ccb_state_t)}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(&row - rows);
+    const std::tuple<size_t, size_t, int, size_t> rows[] = {{1, 2, 5, sizeof(kel_queue_t)},
+                                                            {2, 2, 5, sizeof(kel_queue_list_t)},
+                                                            {3, 3, INT_MAX, INT_MAX * sizeof(ccb_state_t)}};
+    for (const auto &[failing, asked, length, bytes] : rows) {
         block_store store = {1};
         const kel_init_options_t options = store.options();
         test_context ctx(2, 1, KEL_LOG_ERROR, &options);
         const size_t live = store.live.size();
         store.requests = {};
-        store.failing = row.failing;
+        store.failing = failing;
         kel_queue_t *const untouched = static_cast<kel_queue_t *>(at(0x40)), *queue = untouched;
-        EXPECT_EQ(kel_queue_create(ctx, row.length, &queue), KEL_ENOMEM);
-        EXPECT_EQ(queue, untouched);
-        EXPECT_EQ(ctx.messages(), lines_t{"kel_calloc failed to allocate " + std::to_string(row.bytes) + " bytes"});
-        EXPECT_EQ(kel_debug_calls, 0u);
-        EXPECT_EQ(store.requests.size(), row.asked);
-        EXPECT_EQ(store.live.size(), live);
-        EXPECT_EQ(ctx->qlist, nullptr);
+        EXPECT_EQ(kel_queue_create(ctx, length, &queue), KEL_ENOMEM);
+        EXPECT_EQ(ctx.messages(), lines_t{"kel_calloc failed to allocate " + std::to_string(bytes) + " bytes"});
+        EXPECT_TRUE(queue == untouched && !ctx->qlist && kel_debug_calls == 0);
+        EXPECT_TRUE(store.requests.size() == asked && store.live.size() == live) << "request " << failing;
     }
 }
 
