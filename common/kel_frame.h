@@ -1,10 +1,10 @@
 // The road of an operation, from the exported function to its work and back, written once for all operations.
 //
-//   kel_<op>          kel_execute: reads the context's options and picks a body
-//   kel_<op>_il       kel_il: entry line, validation, return line, for one interface version; with all options off the
-//                     road is bare, and goes straight on
-//   <op>_exec         exec: an empty completion record, the emulation, the diagnosis of a failure
-//   kel_<op>_emulate  the operation's own work
+//   kel_copy, ...   what the public header declares: kel_execute reads the context's options and picks a body
+//   kel_il          entry line, validation, return line, for one interface version; with all options off the road is
+//                   bare, and goes straight on
+//   exec            an empty completion record, the emulation, the diagnosis of a failure
+//   op::emulate     the operation's own work
 //
 // An operation is a struct that holds only what is its own:
 //
@@ -23,8 +23,8 @@
 //   name(args)                                the first argument of the return lines; where operations share a struct
 //   request(args, request)                    fills in what trace probes show; only where the operation has a probe
 //
-// A posted request takes the same road to its emulation, kel_post and kel_post_il, and leaves its outcome in a slot of
-// the queue (<op>_post, here post).
+// A posted request takes the same road to its emulation by kel_post and kel_post_il; post leaves its outcome in a slot of
+// the queue.
 #pragma once
 
 #include "kel_limits.h"

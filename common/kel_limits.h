@@ -35,6 +35,26 @@ inline constexpr unsigned kel_max_zip_contig(unsigned version)
     return version == 2 ? kel_zip_block : 4098;
 }
 
+// What only the properties tell: a coprocessor's limits, and its alignments for best speed, in bytes.
+inline constexpr uint64_t kel_published_src_len = 1u << 24;
+inline constexpr uint64_t kel_published_dst_len = 1u << 26;
+inline constexpr unsigned kel_large_elem_align = 1;
+
+inline constexpr unsigned kel_published_bitmap(unsigned version) // elements
+{
+    return version == 2 ? 65536 : 32768;
+}
+
+inline constexpr unsigned kel_bitmap_align_best(unsigned version)
+{
+    return version == 2 ? 8192 : 4096;
+}
+
+inline constexpr unsigned kel_zip_align_best(unsigned version)
+{
+    return version == 2 ? kel_zip_block : kel_zip_align;
+}
+
 inline constexpr uint32_t kel_log_levels = 63;    // every level that exists
 inline constexpr uint32_t kel_debug_options = 15; // every debug option that exists
 
