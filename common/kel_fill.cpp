@@ -164,7 +164,7 @@ struct fill_op {
     // Kept: the posted form goes through the synchronous call, which logs and validates again; a failure there is lost.
     static kel_status_t emulate_post(kel_context_t *ctx, uint64_t flags, const args &a, cca_t *)
     {
-        kel_fill(ctx, flags & ~KEL_SYNC_FLAGS_V2, a.val, a.dst, a.count, a.val_width);
+        (void)kel_fill(ctx, flags & ~KEL_SYNC_FLAGS_V2, a.val, a.dst, a.count, a.val_width);
         return KEL_SUCCESS;
     }
 

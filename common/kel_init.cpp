@@ -142,7 +142,7 @@ kel_status_t kel_thread_create(kel_context_t *ctx, uint32_t, kel_thread_t **made
         thread->tid = pthread_self();
         status = publish(ctx, thread);
         if (status != KEL_SUCCESS)
-            kel0_thread_destroy(thread, ctx);
+            (void)kel0_thread_destroy(thread, ctx);
     }
     if (status != KEL_SUCCESS) {
         release_thread(thread, ctx);
@@ -212,7 +212,7 @@ void kel_thread_data_destroy(void *data)
         thread->ctxl_head = node->next_ctx;
         kel_free(node->ctx, node, sizeof *node);
     }
-    kel_thread_destroy(thread, nullptr);
+    (void)kel_thread_destroy(thread, nullptr);
 }
 
 kel_status_t kel_thread_init(uint32_t major, uint32_t minor, uint32_t options, const kel_init_options_t *init_options,
@@ -249,8 +249,8 @@ kel_status_t kel_thread_fini(kel_context_t *ctx)
         return KEL_ETHREAD;
     ctx->closing = true;
     while (ctx->qlist)
-        kel_queue_destroy(ctx->qlist->queue);
-    kel_thread_detach(ctx);
+        (void)kel_queue_destroy(ctx->qlist->queue);
+    (void)kel_thread_detach(ctx);
     // A later use of the stale pointer is to meet the owner test, not the bare road. The barrier keeps the compiler
     // from dropping stores to memory that is about to be freed.
     *ctx = {};

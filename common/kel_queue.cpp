@@ -84,7 +84,7 @@ kel_status_t destroy(kel_queue_t *queue)
     kel_queue_list_t *node = before ? before->next : ctx->qlist;
     if (node)
         set_next(ctx, before, node->next);
-    kel0_queue_destroy(queue);
+    (void)kel0_queue_destroy(queue);
     release(ctx, queue, node);
     return KEL_SUCCESS;
 }

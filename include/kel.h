@@ -49,6 +49,13 @@
 #define KEL_API
 #endif
 
+/** In C++ a compiler warns of an outcome that nobody looks at; (void) in front of the call says that it is meant. */
+#if defined(__cplusplus) && __cplusplus >= 201703L
+#define KEL_NODISCARD [[nodiscard]]
+#else
+#define KEL_NODISCARD
+#endif
+
 /** Enumerations are 32 bits wide in both languages. */
 #ifdef __cplusplus
 #define KEL_INT32 : int32_t
@@ -63,7 +70,8 @@ extern "C" {
  */
 
 /** The outcome of a call. */
-typedef enum kel_status KEL_INT32 {
+typedef enum KEL_NODISCARD kel_status KEL_INT32
+{
     KEL_SUCCESS = 0,     /**< the request was carried out */
     KEL_EINTERNAL = -1,  /**< the library failed inside, for example at creating its thread-specific key */
     KEL_EINVAL = -2,     /**< an argument failed validation */
@@ -202,7 +210,7 @@ typedef enum kel_compare KEL_INT32 {
  */
 
 /** The outcome of a synchronous operation. */
-typedef struct kel_result {
+typedef struct KEL_NODISCARD kel_result {
     kel_status_t status; /**< how it ended */
     uint32_t reserved;   /**< 0 */
     uint64_t count;      /**< the operation's count; after a failure the count as far as the operation came, or 0 */
@@ -491,7 +499,7 @@ KEL_API kel_status_t kel_queue_destroy(kel_queue_t *queue);
  *
  * The number of outcomes; KEL_EQEMPTY: there is none; KEL_ETHREAD.
  */
-KEL_API int kel_poll(kel_queue_t *queue, kel_poll_t *results, int nres, int64_t timeout);
+KEL_NODISCARD KEL_API int kel_poll(kel_queue_t *queue, kel_poll_t *results, int nres, int64_t timeout);
 
 /**
  * Looks for a request with this datum. As every request has run when its post returns, nothing is cancelled: it is

@@ -66,7 +66,7 @@ struct close_context {
     /** The deleter of an owner. */
     void operator()(kel_context_t *ctx) const noexcept
     {
-        kel_thread_fini(ctx);
+        (void)kel_thread_fini(ctx);
     }
 };
 /** An open context. */
@@ -77,7 +77,7 @@ struct destroy_queue {
     /** The deleter of an owner. */
     void operator()(kel_queue_t *queue) const noexcept
     {
-        kel_queue_destroy(queue);
+        (void)kel_queue_destroy(queue);
     }
 };
 /** A queue. */
@@ -90,7 +90,7 @@ struct free_codec {
     /** The deleter of an owner. */
     void operator()(kel_zip_t *codec) const noexcept
     {
-        kel_zip_free(ctx, codec);
+        (void)kel_zip_free(ctx, codec);
     }
 };
 /** A codec, such as kel_zip makes. */
@@ -111,7 +111,7 @@ using codec = owner<kel_zip_t, free_codec>;
 [[nodiscard]] inline queue make_queue(kel_context_t *ctx, int requests) noexcept
 {
     kel_queue_t *made = nullptr;
-    kel_queue_create(ctx, requests, &made);
+    (void)kel_queue_create(ctx, requests, &made); // after a failure it is null still
     return queue(made);
 }
 
@@ -143,6 +143,33 @@ constexpr kel_int_t value(std::string_view text) noexcept
     return made;
 }
 
+/** Where a value lies among those that a column can have. */
+enum class place {
+    below,   /**< it is less than all of them */
+    inside,  /**< it is to be compared with them */
+    above,   /**< it is greater than all of them */
+    between, /**< it equals none: greater than those up to number, less than the others; a text of over 16 bytes */
+};
+
+/** A value to compare the elements of a column with (see column::value). The scans take it as it is, if it lies inside;
+ * if not the answer is known without one, and they get a null pointer, which validation refuses. */
+struct column_value {
+    kel_int_t number; /**< the value as scans take it, or the text's first 16 bytes; of a number outside 0 */
+    kel::place place; /**< where it lies */
+
+    /** Whether it lies inside. */
+    constexpr explicit operator bool() const noexcept
+    {
+        return place == place::inside;
+    }
+
+    /** What the calls of kel.h take. */
+    constexpr operator const kel_int_t *() const noexcept
+    {
+        return *this ? &number : nullptr;
+    }
+};
+
 /** @} */
 
 /**
@@ -155,9 +182,17 @@ template <class Values>
 concept integers = std::ranges::contiguous_range<Values> && std::integral<std::ranges::range_value_t<Values>> &&
     !std::same_as<std::ranges::range_value_t<Values>, bool>;
 
+/** What such an array consists of. */
+template <integers Values>
+using number_of = std::ranges::range_value_t<Values>;
+
 /** A vector that owns its buffers. They are zeroed, with the alignment and the room of a destination, so that a column
- * serves as a source and as a destination. The calls of kel.h take a column as it is; the fields of vec may be changed.
- * One without memory has no data and is false. */
+ * serves as a source and as a destination. The calls of kel.h take a column as it is; the fields of vec may be changed,
+ * but for its pointers: the functions of a column stay inside its buffers however vec describes them. One without
+ * memory has no data and is false.
+ *
+ * An element is a value less the column's base, which is 0 until a call that packs names another, and by which the calls
+ * without one go. It is to be at most the least value: then elements are in the order of values. */
 class column
 {
   public:
@@ -167,7 +202,8 @@ class column
     /** Takes the buffers over; other is left without data. */
     column(column &&other) noexcept
         : vec(std::exchange(other.vec, {})), data(std::move(other.data)), aux(std::move(other.aux)),
-          room(std::exchange(other.room, {})), text_size(std::exchange(other.text_size, 0))
+          room(std::exchange(other.room, {})), own_base(std::exchange(other.own_base, 0)),
+          text_size(std::exchange(other.text_size, 0))
     {
     }
 
@@ -179,6 +215,7 @@ class column
         std::swap(data, moved.data);
         std::swap(aux, moved.aux);
         std::swap(room, moved.room);
+        std::swap(own_base, moved.own_base);
         std::swap(text_size, moved.text_size);
         return *this;
     }
@@ -225,58 +262,120 @@ class column
 
     /** A column of the least width that holds all values less base. */
     template <integers Values>
-    static column packed(const Values &values, std::ranges::range_value_t<Values> base = 0) noexcept
+    static column packed(const Values &values, number_of<Values> base = 0) noexcept
     {
-        using number = std::make_unsigned_t<std::ranges::range_value_t<Values>>;
+        using number = std::make_unsigned_t<number_of<Values>>;
         number greatest = 0;
         for (const auto value : values)
             greatest = std::max(greatest, static_cast<number>(static_cast<number>(value) - static_cast<number>(base)));
         column made = bits(std::ranges::size(values), kel_width_for(greatest));
         if (made)
-            made.pack(values, base);
+            (void)made.pack(values, base); // they fit
         return made;
     }
 
-    /** Packs values into the elements from number first on: kel_pack. */
+    /** Packs values into the elements from number first on: kel_pack. The base becomes the column's. */
     template <integers Values>
-    kel_status_t pack(const Values &values, std::ranges::range_value_t<Values> base = 0, uint64_t first = 0) noexcept
+    kel_status_t pack(const Values &values, number_of<Values> base, uint64_t first = 0) noexcept
     {
         const std::span all(values);
-        return kel_pack(&vec, first, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base));
+        own_base = base;
+        return holds(first, all.size())
+                   ? kel_pack(&vec, first, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base))
+                   : KEL_EINVAL;
+    }
+
+    /** The same, with the column's base. */
+    template <integers Values>
+    kel_status_t pack(const Values &values) noexcept
+    {
+        return pack(values, static_cast<number_of<Values>>(own_base));
     }
 
     /** Reads as many elements as values has, from number first on: kel_unpack. */
     template <integers Values>
-    requires std::ranges::output_range<Values, std::ranges::range_value_t<Values>>
-        kel_status_t unpack(Values &&values, std::ranges::range_value_t<Values> base = 0, uint64_t first = 0)
+    requires std::ranges::output_range<Values, number_of<Values>>
+        kel_status_t unpack(Values &&values, number_of<Values> base, uint64_t first = 0)
     const noexcept
     {
         const std::span all(values);
-        return kel_unpack(&vec, first, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base));
+        return holds(first, all.size())
+                   ? kel_unpack(&vec, first, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base))
+                   : KEL_EINVAL;
     }
 
-    /** Packs values as runs; vec.elements becomes their number: kel_pack_runs. */
+    /** The same, with the column's base. */
     template <integers Values>
-    kel_status_t pack_runs(const Values &values, std::ranges::range_value_t<Values> base = 0) noexcept
+    requires std::ranges::output_range<Values, number_of<Values>> kel_status_t unpack(Values &&values)
+    const noexcept
+    {
+        return unpack(std::forward<Values>(values), static_cast<number_of<Values>>(own_base));
+    }
+
+    /** Packs values as runs; vec.elements becomes their number: kel_pack_runs. The base becomes the column's. */
+    template <integers Values>
+    kel_status_t pack_runs(const Values &values, number_of<Values> base = 0) noexcept
     {
         const std::span all(values);
-        return kel_pack_runs(&vec, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base));
+        own_base = base;
+        return holds(0, vec.elements) && holds_aux(vec.elements)
+                   ? kel_pack_runs(&vec, all.size(), all.data(), sizeof all[0], static_cast<uint64_t>(base))
+                   : KEL_EINVAL;
+    }
+
+    /** A number to compare the elements of a column of numbers with, in their base and width. */
+    template <std::integral Number>
+    [[nodiscard]] column_value value(Number number) const noexcept
+    {
+        const wide stored = static_cast<wide>(number) - own_base;
+        const uint64_t bits = kel_element_bits(&vec);
+        if (stored < 0)
+            return {{}, place::below};
+        if (bits <= 64 && stored >> bits != 0)
+            return {{}, place::above};
+        return {{static_cast<uint32_t>(vec.format & KEL_BITS),
+                 vec.elem_width,
+                 {0, static_cast<uint64_t>(stored >> 64), static_cast<uint64_t>(stored)}},
+                place::inside};
+    }
+
+    /** A text to compare the elements of a column of texts with. Where these have a fixed width a shorter one gets zero
+     * bytes behind, as they have, so that it compares equal. */
+    [[nodiscard]] column_value value(std::string_view text) const noexcept
+    {
+        const bool varied = vec.format & KEL_VAR;
+        kel_int_t made = kel::value(text);
+        if (text.empty() && varied)
+            return {made, place::below};
+        for (; !varied && made.elem_width < std::min(vec.elem_width, 16u); made.elem_width++) {
+            made.dword[1] = made.dword[1] << 8 | made.dword[2] >> 56;
+            made.dword[2] <<= 8;
+        }
+        return {made, text.size() > 16 && (varied || vec.elem_width >= 16) ? place::between : place::inside};
     }
 
     /** Appends a text: kel_append_text, and KEL_EOVERFLOW if there is no room for it. */
     kel_status_t append(std::string_view text) noexcept
     {
-        const uint64_t length = vec.format & KEL_VAR ? text.size() : vec.elem_width;
-        if (vec.elements >= room.elements || length > room.bytes - text_size)
+        const bool varied = vec.format & KEL_VAR;
+        const uint64_t length = varied ? text.size() : (kel_element_bits(&vec) + 7) / 8;
+        if (vec.elements >= room.elements || length > room.bytes - text_size ||
+            (varied && !holds_aux(vec.elements + 1)))
             return KEL_EOVERFLOW;
         return kel_append_text(&vec, &text_size, text.data(), text.size());
+    }
+
+    /** The appended texts as a vector of single bytes, which kel_encode takes: kel_text_bytes. */
+    kel_vec_t text_bytes() const noexcept
+    {
+        return kel_text_bytes(&vec, text_size);
     }
 
     /** The text in element number at of a column of bytes: kel_text_at. It lives as long as the column; empty if there
      * is no such element. */
     std::string_view text(uint64_t at) const noexcept
     {
-        if (at >= vec.elements || (vec.format & ~KEL_ADD_ONE) != KEL_BYTES)
+        if (at >= vec.elements || !holds(at, 1) || (vec.format & ~KEL_ADD_ONE) != KEL_BYTES)
             return {};
         const char *first = nullptr;
         const size_t length = kel_text_at(&vec, at, &first);
@@ -298,6 +397,8 @@ class column
     kel_vec_t vec = {}; /**< the vector; its buffers are the column's */
 
   private:
+    __extension__ typedef __int128 wide; // has the numbers of all types and their differences
+
     struct release {
         /** The deleter of an owner. */
         void operator()(void *block) const noexcept
@@ -324,17 +425,31 @@ class column
         if (data && (aux || !aux_width)) {
             vec.data = data.get();
             vec.aux_data = aux.get();
-            room = {elements, format & KEL_VAR ? data_elements : elements * width};
+            room = {elements, (data_elements * kel_element_bits(&vec) + 7) / 8, elements * aux_width};
         }
     }
 
+    /* Whether data has room for these elements, however vec describes them. An offset is less than what lies behind. */
+    bool holds(uint64_t first, uint64_t count) const noexcept
+    {
+        const uint64_t has = 8 * room.bytes / std::max<uint64_t>(kel_element_bits(&vec), 1);
+        return first <= has && count <= has - first;
+    }
+
+    /* Whether aux_data has, for no more than data has. */
+    bool holds_aux(uint64_t count) const noexcept
+    {
+        return count * vec.aux_width <= room.aux_bits;
+    }
+
     struct room_t {
-        uint64_t elements = 0, bytes = 0;
+        uint64_t elements = 0, bytes = 0, aux_bits = 0;
     };
 
     block data;
     block aux;
-    room_t room;            /**< for texts */
+    room_t room;            /**< that the buffers have */
+    wide own_base = 0;      /**< what was taken off the values; signed, and beyond 64 bits where those are unsigned */
     uint64_t text_size = 0; /**< bytes of all texts */
 };
 

@@ -276,7 +276,7 @@ static inline uint64_t kel_longest(const kel_vec_t *vec)
 static inline int kel_has_aux(const kel_vec_t *vec)
 {
     const uint32_t width = vec->aux_width;
-    return width == 1 || width == 2 || width == 4 || width == 8;
+    return vec->aux_data && (width == 1 || width == 2 || width == 4 || width == 8);
 }
 
 /* Writes the run or length of element number at. */
@@ -293,8 +293,8 @@ static inline void kel_put_aux(const kel_vec_t *vec, uint64_t at, uint64_t numbe
  * vec->elements says for how many stored elements its buffers have room, count being always enough, and becomes the
  * number of those that were stored.
  *
- * KEL_SUCCESS; KEL_EINVAL: as kel_pack, or no KEL_RLE, or an aux_width that does not exist; KEL_EDATASIZE: an element
- * is too narrow for its value; KEL_EOVERFLOW: there are more runs than room. After a failure vec->elements is
+ * KEL_SUCCESS; KEL_EINVAL: as kel_pack, or no KEL_RLE, no aux_data, or an aux_width that does not exist;
+ * KEL_EDATASIZE: an element is too narrow for its value; KEL_EOVERFLOW: there are more runs than room. After a failure vec->elements is
  * untouched; the buffers hold the runs before the failing one.
  */
 static inline kel_status_t kel_pack_runs(kel_vec_t *vec, uint64_t count, const void *values, size_t value_width,
@@ -325,11 +325,11 @@ static inline kel_status_t kel_pack_runs(kel_vec_t *vec, uint64_t count, const v
  * Appends a text, which is any bytes, to vec, whose streams start at bit 0, and counts it in vec->elements. *size is
  * the number of bytes in data so far; it grows by those of the text. vec: KEL_VAR, texts of at least one byte, the
  * longest being the least of 16, what an aux element can stand for, and 15 without KEL_ADD_ONE; or KEL_BYTES, texts of
- * up to elem_width bytes, with zero bytes behind. The buffers must have room for one text more.
+ * up to elem_width bytes, with zero bytes behind. The buffers must have room for one text more. A KEL_VAR vector is
+ * encoded (kel_encode) as what kel_text_bytes makes of it.
  *
- * KEL_SUCCESS; KEL_EINVAL: another vector, or one without data; KEL_EDATASIZE: the text is too long, or has no byte in
- * a KEL_VAR vector.
- * After a failure nothing has been written or counted.
+ * KEL_SUCCESS; KEL_EINVAL: another vector, or one without data or aux_data; KEL_EDATASIZE: the text is too long, or has
+ * no byte in a KEL_VAR vector. After a failure nothing has been written or counted.
  */
 static inline kel_status_t kel_append_text(kel_vec_t *vec, uint64_t *size, const void *text, size_t length)
 {
@@ -355,11 +355,22 @@ static inline kel_status_t kel_append_text(kel_vec_t *vec, uint64_t *size, const
     return KEL_SUCCESS;
 }
 
+/** The texts of vec, of size bytes together, as a vector of single bytes. kel_encode counts the bytes of any source as
+ * elements times elem_width, which for KEL_VAR is not their number: this is the source that has them all. */
+static inline kel_vec_t kel_text_bytes(const kel_vec_t *vec, uint64_t size)
+{
+    const kel_vec_t bytes = {KEL_BYTES, size, vec->data, 1, 0, 0, 0, NULL, NULL, 0};
+    return bytes;
+}
+
 /** The text in element number at of a KEL_BYTES vector, less zero bytes at its end, such as KEL_PAD leaves there. It
- * stays in the vector's buffer; *text becomes its first byte. The length in bytes. */
+ * stays in the vector's buffer; *text becomes its first byte. The length in bytes; 0 if vec has no data. */
 static inline size_t kel_text_at(const kel_vec_t *vec, uint64_t at, const char **text)
 {
     size_t length = vec->elem_width;
+    *text = "";
+    if (!vec->data)
+        return 0;
     *text = (const char *)vec->data + at * length;
     while (length > 0 && (*text)[length - 1] == 0)
         length--;

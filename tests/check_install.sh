@@ -30,6 +30,8 @@ clients find_package -DCMAKE_PREFIX_PATH="$scratch/prefix"
 PKG_CONFIG_PATH=$(dirname "$(find "$scratch/prefix" -name kel.pc)")
 export PKG_CONFIG_PATH
 libdir=$(pkg-config --variable=libdir kel)
+printf '#include <kel.h>\nint main(void) { kel_nop(NULL, 0); return 0; }\n' >"$scratch/dropped.c"
+sed 's/kel_nop.*0);/kel_thread_fini(NULL);/' "$scratch/dropped.c" >"$scratch/dropped_too.c"
 strict="-Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Werror"
 for compilers in "cc c++ -Wuseless-cast" "clang clang++"; do
     # shellcheck disable=SC2086
@@ -41,6 +43,13 @@ for compilers in "cc c++ -Wuseless-cast" "clang clang++"; do
     "$2" -std=c++20 $strict -Wold-style-cast ${3:-} -o "$scratch/by_pc_cpp" "$source/tests/client/client_cpp.cpp" \
         $(pkg-config --cflags --libs kel)
     LD_LIBRARY_PATH=$libdir run pkg-config "$scratch/by_pc_c" "$scratch/by_pc_cpp"
+    # What a call answers may be dropped in C alone.
+    for source_file in "$scratch"/dropped*.c; do
+        # shellcheck disable=SC2046,SC2086
+        "$1" $strict -fsyntax-only $(pkg-config --cflags kel) "$source_file"
+        # shellcheck disable=SC2046,SC2086
+        ! "$2" -std=c++20 $strict -fsyntax-only -x c++ $(pkg-config --cflags kel) "$source_file" 2>/dev/null || exit 1
+    done
 done
 
 clients sources -DKEL_SOURCE="$source"

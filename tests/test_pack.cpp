@@ -180,6 +180,135 @@ TEST(pack, texts)
     EXPECT_EQ(numbers.append("a"), KEL_EINVAL);
 }
 
+// However a column is described anew, what it writes and reads stays in its buffers.
+TEST(columns, described_anew)
+{
+    kel::column bits = kel::column::bits(1000, 1), runs = kel::column::runs(1000, 1);
+    for (kel::column *column : {&bits, &runs}) {
+        kel_vec_t &vec = column->vec;
+        const std::vector<uint64_t> values(1000, 1);
+        vec.format = KEL_BYTES;
+        vec.elem_width = 16;
+        vec.elements = 0;
+        for (uint64_t i = 0; i < 1000; i++)
+            ASSERT_EQ(column->append("sixteen letters!"), i < 1000 / 8 / 16 ? KEL_SUCCESS : KEL_EOVERFLOW);
+        vec.elements = 1000;
+        EXPECT_EQ(column->text(6), "sixteen letters!");
+        EXPECT_EQ(column->text(7), "");
+        vec.elem_width = 8;
+        EXPECT_EQ(column->pack(values), KEL_EINVAL);
+        EXPECT_EQ(column->unpack(std::vector(values)), KEL_EINVAL);
+        vec.format |= KEL_RLE;
+        EXPECT_EQ(column->pack_runs(values), KEL_EINVAL);
+    }
+    kel::column texts = kel::column::texts(1000, 1000);
+    texts.vec.aux_width = 8;
+    for (int i = 0; i < 1000; i++)
+        ASSERT_EQ(texts.append("a"), i < 500 ? KEL_SUCCESS : KEL_EOVERFLOW);
+    kel::column none;
+    none.vec = {KEL_BYTES, 9, nullptr, 8, 0, 0, 0, nullptr, nullptr, 0};
+    EXPECT_EQ(none.text(3), "");
+    const char *text = nullptr;
+    EXPECT_EQ(kel_text_at(&none.vec, 3, &text), 0u);
+    EXPECT_STREQ(text, "");
+    none.vec.format = KEL_VAR;
+    uint64_t size = 0;
+    none.vec.data = &size;
+    none.vec.aux_width = 8;
+    EXPECT_EQ(kel_append_text(&none.vec, &size, "a", 1), KEL_EINVAL);
+}
+
+TEST(columns, make_values_in_their_base_and_width)
+{
+    using enum kel::place;
+    constexpr int64_t least = INT64_MIN;
+    constexpr struct {
+        int64_t base;
+        uint32_t bits;
+        int64_t number;
+        kel::place place;
+        uint64_t stored;
+    } cases[] = {{-40, 7, -40, inside, 0}, {-40, 7, -41, below, 0},       {-40, 7, 87, inside, 127},
+                 {-40, 7, 88, above, 0},   {0, 7, -1, below, 0},          {5, 8, 4, below, 0},
+                 {-1, 64, -1, inside, 0},  {-1, 64, least, below, 0},     {least, 64, INT64_MAX, inside, UINT64_MAX},
+                 {least, 1, 0, above, 0},  {least, 64, least, inside, 0}, {INT64_MAX, 1, -5, below, 0}};
+    for (const auto &c : cases)
+        for (const bool bytes : {false, true}) {
+            if (bytes && c.bits % 8 != 0)
+                continue;
+            kel::column column = bytes ? kel::column::bytes(2, c.bits / 8) : kel::column::bits(2, c.bits);
+            std::vector<int64_t> values = {c.number, c.base}, back(2);
+            EXPECT_EQ(column.pack(values, c.base), c.place == inside || c.bits == 64 ? KEL_SUCCESS : KEL_EDATASIZE);
+            EXPECT_EQ(column.unpack(back), KEL_SUCCESS);
+            EXPECT_TRUE(c.place != inside || back == values) << c.number;
+            const kel::column moved = std::move(column);
+            const kel::column_value value = moved.value(c.number);
+            EXPECT_EQ(value.place, c.place) << c.number;
+            EXPECT_EQ(static_cast<const kel_int_t *>(value) != nullptr, c.place == inside);
+            EXPECT_EQ(value.number.dword[2], c.stored);
+            EXPECT_EQ(value.number.elem_width, c.place != inside ? 0 : moved.vec.elem_width);
+            EXPECT_EQ(value.number.format, c.place == inside && !bytes ? KEL_BITS : KEL_BYTES);
+        }
+    kel::column low = kel::column::bits(1, 64);
+    EXPECT_EQ(low.pack(std::vector{-1}, -1), KEL_SUCCESS);
+    EXPECT_EQ(low.value(UINT64_MAX).place, above); // the difference has 65 bits
+    const kel_int_t difference = kel::column::bytes(1, 16).value(UINT64_MAX).number;
+    EXPECT_EQ(difference.dword[1] + 1, 1u);
+    EXPECT_EQ(difference.dword[2], UINT64_MAX);
+    EXPECT_TRUE(kel::column::packed(std::vector{UINT64_MAX}, UINT64_MAX).value(UINT64_MAX));
+}
+
+// Texts of a column equal themselves, whatever their length and the width of the column.
+TEST(columns, make_texts_that_compare_equal)
+{
+    const kel::context ctx = kel::open();
+    const std::string long_text(17, 'x');
+    for (const uint32_t width : {0u, 3u, 8u, 9u, 16u, 20u}) {
+        kel::column texts = width ? kel::column::texts_of_width(3, width) : kel::column::texts(3, 30);
+        const kel::column found = kel::column::bits(3, 1);
+        for (const char *text : {"b", "bc", "\xff"})
+            ASSERT_EQ(texts.append(text), KEL_SUCCESS);
+        kel_vec_t src = texts.vec;
+        if (width <= 16)
+            for (const auto &[text, matches] : std::vector<std::pair<const char *, std::pair<uint64_t, uint64_t>>>{
+                     {"a", {0, 0}}, {"b", {1, 0}}, {"bc", {1, 1}}, {"bca", {0, 2}}, {"\xff", {1, 2}}}) {
+                const kel_result_t equal = kel_scan_value(ctx, 0, &src, found, KEL_EQ, texts.value(text));
+                const kel_result_t less = kel_scan_value(ctx, 0, &src, found, KEL_LT, texts.value(text));
+                EXPECT_EQ(equal.status, KEL_SUCCESS);
+                EXPECT_EQ(equal.count, matches.first) << text << width;
+                EXPECT_EQ(less.count, matches.second) << text << width;
+            }
+        EXPECT_EQ(texts.value("").place, width ? kel::place::inside : kel::place::below);
+        EXPECT_EQ(texts.value(long_text).place, width == 0 || width >= 16 ? kel::place::between : kel::place::inside);
+    }
+}
+
+// A column of texts of variable width, encoded with a codec of its own, comes back whole.
+TEST(columns, encode_texts_of_variable_width)
+{
+    const kel::context ctx = kel::open();
+    constexpr uint64_t rows = 4000;
+    kel::column texts = kel::column::texts(rows, rows * 16), plain = kel::column::bytes(rows, 16);
+    for (uint64_t i = 0; i < rows; i++)
+        ASSERT_EQ(texts.append("customer " + std::to_string(i % 500)), KEL_SUCCESS);
+    std::vector<uint8_t> trained(rows * 16 + 2), encoded(rows * 16 + 2);
+    size_t trained_size = rows * 16, encoded_size = rows * 16;
+    kel_zip_t *made = nullptr;
+    ASSERT_EQ(kel_zip(ctx, 0, texts, trained.data(), &trained_size, &made).status, KEL_SUCCESS);
+    const kel::codec codec(made, {ctx});
+    const kel_vec_t bytes = texts.text_bytes();
+    const kel_result_t result = kel_encode(ctx, &bytes, encoded.data(), &encoded_size, codec);
+    ASSERT_EQ(result.status, KEL_SUCCESS);
+    kel_vec_t zipped = texts.vec;
+    zipped.format |= KEL_ZIP;
+    zipped.data = encoded.data();
+    zipped.codec = codec;
+    zipped.codewords = result.count;
+    ASSERT_EQ(kel_extract(ctx, KEL_PAD, &zipped, plain).status, KEL_SUCCESS);
+    for (uint64_t i = 0; i < rows; i++)
+        ASSERT_EQ(plain.text(i), "customer " + std::to_string(i % 500));
+}
+
 TEST(owners, pass_what_they_own)
 {
     kel_status_t status;

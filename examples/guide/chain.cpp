@@ -18,14 +18,16 @@ int main()
         return 1;
     // The mask of the select is what the scan writes; the last request depends on the select.
     const char *names[] = {"scan", "select", "scan of the selected"};
-    kel_scan_value_post(queue, KEL_SERIAL | KEL_PIPE_MASK, reading, high, KEL_GT, &two_hundred, &names[0]);
-    kel_select_post(queue, KEL_COND | KEL_SERIAL, reading, values, high, &names[1]);
     kel_vec_t selected = values.vec;
     selected.elements = 3; // a client that does not know polls first
-    const kel_status_t posted =
-        kel_scan_value_post(queue, KEL_COND | KEL_ONES_INDEX, &selected, odd, KEL_GE, &limit, &names[2]);
-    if (posted != KEL_SUCCESS)
-        return 1;
+    const kel_status_t posted[] = {
+        kel_scan_value_post(queue, KEL_SERIAL | KEL_PIPE_MASK, reading, high, KEL_GT, &two_hundred, &names[0]),
+        kel_select_post(queue, KEL_COND | KEL_SERIAL, reading, values, high, &names[1]),
+        kel_scan_value_post(queue, KEL_COND | KEL_ONES_INDEX, &selected, odd, KEL_GE, &limit, &names[2]),
+    };
+    for (const kel_status_t status : posted)
+        if (status != KEL_SUCCESS)
+            return 1;
 
     kel_poll_t done[3];
     const int polled = kel_poll(queue, done, 3, 0);

@@ -19,12 +19,13 @@ int main()
     const kel::context ctx = kel::open();
     if (!ctx)
         return 1;
-    kel_set_log_callback(ctx, KEL_LOG_ERROR | KEL_LOG_ENTRY | KEL_LOG_RETURN, print, nullptr);
+    if (kel_set_log_callback(ctx, KEL_LOG_ERROR | KEL_LOG_ENTRY | KEL_LOG_RETURN, print, nullptr) != KEL_SUCCESS)
+        return 1;
     dst.vec.elements = 99;
     dst.vec.offset = 3;
-    kel_scan_value(ctx, KEL_PAD, src, dst, KEL_EQ, &value); // three faults, and a line for each
+    (void)kel_scan_value(ctx, KEL_PAD, src, dst, KEL_EQ, &value); // three faults, and a line for each
 
     dst = kel::column::bits(100, 1);
-    kel_set_debug(ctx, KEL_DEBUG_ARG | KEL_DEBUG_PERF); // the probes are for tracers
-    kel_scan_value(ctx, 0, src, dst, KEL_EQ, &value);
+    (void)kel_set_debug(ctx, KEL_DEBUG_ARG | KEL_DEBUG_PERF); // the probes are for tracers
+    (void)kel_scan_value(ctx, 0, src, dst, KEL_EQ, &value);
 }

@@ -13,14 +13,14 @@ int main()
     const kel::column state = kel::column::packed(states);   // 2 bits each
     const kel::column large = kel::column::bits(rows, 1), alive = kel::column::bits(rows, 1);
     const kel::column wanted = kel::column::bits(rows, 1), sums = kel::column::bytes(rows, 4);
-    const kel_int_t limit = kel::value(100, amount.vec.elem_width), cancelled = kel::value(2, state.vec.elem_width);
+    const kel::column_value limit = amount.value(100), cancelled = state.value(2);
 
     const kel::context ctx = kel::open();
     if (!ctx)
         return 1;
     const kel_result_t results[] = {
-        kel_scan_value(ctx, 0, amount, large, KEL_GT, &limit),
-        kel_scan_value(ctx, 0, state, alive, KEL_NE, &cancelled),
+        kel_scan_value(ctx, 0, amount, large, KEL_GT, limit),
+        kel_scan_value(ctx, 0, state, alive, KEL_NE, cancelled),
         kel_and(ctx, 0, large, alive, wanted),
         kel_select(ctx, 0, amount, sums, wanted),
     };
@@ -31,7 +31,8 @@ int main()
         }
 
     std::vector<uint32_t> found(results[3].count);
-    sums.unpack(found);
+    if (sums.unpack(found) != KEL_SUCCESS)
+        return 1;
     std::cout << amount.vec.elem_width << " bits an amount, " << found.size() << " orders:";
     for (const uint32_t sum : found)
         std::cout << ' ' << sum;

@@ -14,18 +14,19 @@ int main()
     if (day.pack_runs(days) != KEL_SUCCESS)
         return 1;
     const kel::column second_week = kel::column::bits(rows, 1), plain = kel::column::bytes(rows, 2);
-    const kel_int_t first = kel::value(7, 8), last = kel::value(13, 8);
+    const kel::column_value first = day.value(7), last = day.value(13);
 
     const kel::context ctx = kel::open();
     if (!ctx)
         return 1;
-    const kel_result_t found = kel_scan_range(ctx, 0, day, second_week, KEL_GE_AND_LE, &first, &last);
+    const kel_result_t found = kel_scan_range(ctx, 0, day, second_week, KEL_GE_AND_LE, first, last);
     const kel_result_t expanded = kel_extract(ctx, 0, day, plain);
     if (found.status != KEL_SUCCESS || expanded.status != KEL_SUCCESS)
         return 1;
 
     std::vector<uint16_t> back(rows);
-    plain.unpack(back);
+    if (plain.unpack(back) != KEL_SUCCESS)
+        return 1;
     std::cout << day.vec.elements << " runs for " << rows << " events, " << found.count << " in the second week; "
               << "expanded they are " << (back == days ? "as they were" : "something else") << '\n';
 }

@@ -29,7 +29,8 @@ int main()
         return 1;
 
     std::vector<uint32_t> at(found.count);
-    in_range.unpack(at);
+    if (in_range.unpack(at) != KEL_SUCCESS)
+        return 1;
     for (const uint32_t row : at)
         std::cout << row << ' ' << padded.text(row) << '\n';
 }
