@@ -5,8 +5,8 @@ JOBS := $(shell nproc)
 CONFIGURE = cmake --preset release $(CMAKE_FLAGS)
 COMPILE = cmake --build $(BUILD) -j $(JOBS) --target
 
-.PHONY: all demo test sanitize tsan fuzz soak coverage bench performance docs install clean tools \
-    test-tools bench-tools fuzz-tools coverage-tools chart-tools docs-tools
+.PHONY: all demo test sanitize tsan lint fuzz soak coverage bench performance docs install clean tools \
+    test-tools bench-tools fuzz-tools lint-tools coverage-tools chart-tools docs-tools
 
 all: tools
 	$(CONFIGURE) -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_BENCH=OFF
@@ -42,6 +42,13 @@ coverage: coverage-tools
 	cmake --build build/coverage -j $(JOBS)
 	LLVM_PROFILE_FILE=$(CURDIR)/build/coverage/profiles/%m.profraw ctest --preset coverage -j $(JOBS) -E ^library$$
 	tools/coverage.sh build/coverage
+
+# clang-tidy over the library and the examples, as the release build compiles them, but for an option of gcc's.
+lint: lint-tools
+	$(CONFIGURE)
+	mkdir -p build/lint
+	sed 's/ -fno-gnu-unique//' $(BUILD)/compile_commands.json >build/lint/compile_commands.json
+	git ls-files 'common/*.cpp' 'pics/*.cpp' 'examples/*/*.cpp' | xargs -P $(JOBS) -n 2 clang-tidy -p build/lint --quiet
 
 # The fuzzers, each for some seconds.
 SECONDS := 60
@@ -99,6 +106,8 @@ bench-tools:
 	@tools/need.sh benchmark
 fuzz-tools:
 	@tools/need.sh gtest fuzz
+lint-tools:
+	@tools/need.sh lint
 coverage-tools:
 	@tools/need.sh gtest coverage
 docs-tools:
