@@ -68,31 +68,24 @@ TEST(reader, reads_what_single_bits_say_and_no_word_behind)
 
 TEST(reader, known_cases)
 {
-    alignas(8) uint8_t head[16] = {0, 0, 0, 0, 0, 0xff, 0x12, 0x34, 0x56};
+    alignas(8) uint8_t memory[24] = {1, 2, 3, 4, 5, 0xff, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
     kel_input_t in;
-    kelio_buf_input(head + 5, 3, &in);
-    EXPECT_EQ(in.cache_bits, 21u);
-    EXPECT_EQ(reinterpret_cast<uint8_t *>(in.buf), head + 8);
-    EXPECT_EQ(kelio_get_bits(&in, 21), 0x1f1234u);
+    kelio_buf_input(memory + 5, 3, &in);
+    EXPECT_TRUE(in.cache_bits == 21 && reinterpret_cast<uint8_t *>(in.buf) == memory + 8);
+    EXPECT_EQ(kelio_get_bits(&in, 21), 0x1f0708u);
     EXPECT_EQ(in.cache_bits, 0u);
-    EXPECT_EQ(kelio_get_bits(&in, 8), 0x56u);
-    EXPECT_EQ(reinterpret_cast<uint8_t *>(in.buf), head + 16);
-
-    alignas(8) uint8_t memory[24] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    kelio_buf_input(memory, 0, &in);
-    EXPECT_EQ(kelio_get_bits(&in, 0), 0x0102030405060708u) << "no bits give the whole cache";
-    EXPECT_EQ(kelio_get_bits(&in, 64), 0x0102030405060708u);
-    EXPECT_EQ(in.cache_bits, 0u);
-    EXPECT_EQ(kelio_get_bits(&in, 16), 0x090au);
+    EXPECT_EQ(kelio_get_bits(&in, 8), 9u);
+    EXPECT_EQ(reinterpret_cast<uint8_t *>(in.buf), memory + 16);
 
     kelio_buf_input(memory, 0, &in);
-    EXPECT_EQ(hex(kelio_get_bits_ptr(&in, 24), 8), "0000000000010203") << "a short field stands behind leading zeros";
-
+    EXPECT_EQ(kelio_get_bits(&in, 0), 0x0102030405ff0708u) << "no bits give the whole cache";
+    EXPECT_EQ(kelio_get_bits(&in, 64), 0x0102030405ff0708u);
+    EXPECT_EQ(in.cache_bits, 0u);
+    EXPECT_EQ(hex(kelio_get_bits_ptr(&in, 24), 8), "0000000000090a0b") << "a short field stands behind leading zeros";
     kelio_nocache_input(memory + 1, &in);
     EXPECT_EQ(kelio_get_bits_ptr(&in, 24), memory + 1);
     EXPECT_EQ(kelio_get_bits_ptr(&in, 8), memory + 4);
-
-    kel_vec_t vec = {KEL_BITS | KEL_ZIP, 1, memory, 8, 4, 0, 0, nullptr, nullptr, 1};
+    const kel_vec_t vec = {KEL_BITS | KEL_ZIP, 1, memory, 8, 4, 0, 0, nullptr, nullptr, 1};
     kelio_vec_input(nullptr, &vec, memory, 1, &in);
     EXPECT_EQ(kelio_get_bits(&in, 8), 1u) << "the offset of a compressed stream is not that of its expansion";
 }
@@ -105,7 +98,7 @@ TEST(writer, writes_what_single_bits_say)
         std::vector<std::pair<uint64_t, unsigned>> written; // words and how many of their bits
         for (uint64_t bits = 0; bits < 1000;) {
             const unsigned width = random_width(random);
-            oword_t field = {};
+            oword_t field = {{random.word(), random.word(), random.word(), random.word()}}; // above the width, too
             for (unsigned word = 0; word < 4; word++)
                 if (const unsigned here = bits_in_word(width, word)) {
                     field.dw[word] = random.word() >> (64 - here);
@@ -155,20 +148,18 @@ TEST(writer, stores_words_when_it_should)
 TEST(words, shift_like_long_numbers)
 {
     random_source random(3);
-    using number = std::bitset<256>;
-    const auto number_of = [](const oword_t &v) {
-        number n;
+    const auto number = [](const oword_t &v) {
+        std::bitset<256> n;
         for (const uint64_t word : v.dw)
-            n = n << 64 | number(word);
+            n = n << 64 | std::bitset<256>(word);
         return n;
     };
-    const auto short_number = [&](const qword_t &v) { return number_of({{0, 0, v.hi, v.lo}}); };
+    const auto short_number = [&](const qword_t &v) { return number({{0, 0, v.hi, v.lo}}); };
     for (unsigned turn = 0; turn < 2000; turn++) {
         const oword_t v = {{random.word(), random.word(), random.word(), random.word()}};
         const qword_t q = {v.dw[2], v.dw[3]};
         const ulong_t n = random.between(0, 255), m = n % 128;
-        ASSERT_EQ(number_of(oword_lshift(v, n)), number_of(v) << n) << n;
-        ASSERT_EQ(number_of(oword_rshift(v, n)), number_of(v) >> n) << n;
+        ASSERT_TRUE(number(oword_lshift(v, n)) == number(v) << n && number(oword_rshift(v, n)) == number(v) >> n) << n;
         ASSERT_EQ(short_number(qword_lshift(q, m)), short_number(q) << (128 + m) >> 128) << m;
         ASSERT_EQ(short_number(qword_rshift(q, m)), short_number(q) >> m) << m;
     }
@@ -179,36 +170,26 @@ TEST(words, known_values)
     EXPECT_EQ(oword_cmp({{1, 0, 0, 0}}, {{0, ~0u, 5, 5}}), 1);
     EXPECT_EQ(oword_cmp({{1, 2, 3, 4}}, {{1, 2, 3, 5}}), -1);
     EXPECT_EQ(oword_cmp({{1, 2, 3, 4}}, {{1, 2, 3, 4}}), 0);
-    EXPECT_EQ(qword_cmp({1, 0}, {0, ~uint64_t{0}}), 1);
-    EXPECT_EQ(qword_cmp({1, 0}, {1, uint64_t{1} << 63}), -1);
-    EXPECT_EQ(byte_cmp("\x01\xff", "\x01\x7f", 2), 1);
-    EXPECT_EQ(byte_cmp("a", "b", 0), 0);
+    EXPECT_TRUE(qword_cmp({1, 0}, {0, ~uint64_t{0}}) == 1 && qword_cmp({1, 0}, {1, uint64_t{1} << 63}) == -1);
+    EXPECT_TRUE(byte_cmp("\x01\xff", "\x01\x7f", 2) == 1 && byte_cmp("a", "b", 0) == 0);
     const qword_t carried = qword_add_dword({1, ~uint64_t{0}}, 1), borrowed = qword_sub_dword({1, 0}, 1);
-    EXPECT_TRUE(carried.hi == 2 && carried.lo == 0);
-    EXPECT_TRUE(borrowed.hi == 0 && borrowed.lo == ~uint64_t{0});
+    EXPECT_TRUE(carried.hi == 2 && carried.lo == 0 && borrowed.hi == 0 && borrowed.lo == ~uint64_t{0});
     EXPECT_EQ(revbytes64(0x0102030405060708), 0x0807060504030201u);
-    EXPECT_EQ(revbytes32(0x01020304), 0x04030201u);
-    EXPECT_EQ(revbytes16(0x0102), 0x0201u);
+    EXPECT_TRUE(revbytes32(0x01020304) == 0x04030201 && revbytes16(0x0102) == 0x0201);
 }
 
 TEST(padding, ends_at_the_next_boundary_or_refuses)
 {
-    const struct {
-        const char *name;
+    constexpr struct {
         unsigned stored, held; // bytes stored before, bits in the cache
         int status;
         unsigned size; // of the output, after the flush
     } cases[] = {
-        {"one bit", 0, 1, KEL_SUCCESS, 64},
-        {"empty at the start", 0, 0, KEL_SUCCESS, 0},
-        {"empty at a boundary", 64, 0, KEL_SUCCESS, 64},
-        {"a bit at the end goes 64 bytes beyond", 64, 1, KEL_SUCCESS, 128},
-        {"behind the end, nothing held", 72, 0, KEL_EOVERFLOW, 72},
-        {"behind the end, the cache is stored alone", 72, 9, KEL_EOVERFLOW, 80},
-        {"a full cache", 56, 64, KEL_SUCCESS, 64},
+        {0, 1, KEL_SUCCESS, 64},    {0, 0, KEL_SUCCESS, 0},     {64, 0, KEL_SUCCESS, 64},  {64, 1, KEL_SUCCESS, 128},
+        {72, 0, KEL_EOVERFLOW, 72}, {72, 9, KEL_EOVERFLOW, 80}, {56, 64, KEL_SUCCESS, 64},
     };
-    for (const auto &[name, stored, held, status, size] : cases) {
-        SCOPED_TRACE(name);
+    for (const auto &[stored, held, status, size] : cases) {
+        SCOPED_TRACE(testing::Message() << stored << " bytes stored, " << held << " bits held");
         output_area area;
         for (unsigned i = 0; i < stored / 8; i++)
             kelio_put_word(&area.out, 0x1111111111111111);
@@ -287,13 +268,11 @@ TEST(popcount, instruction_loop_and_words_agree)
     random_source random(5);
     std::vector<uint64_t> words(1000);
     random.fill(words.data(), words.size() * 8);
-    words[0] = 0;
-    words[1] = ~uint64_t{0};
+    words[1] = ~(words[0] = 0);
     uint64_t total = 0;
     for (const uint64_t word : words) {
         const auto count = static_cast<uint64_t>(std::popcount(word));
-        ASSERT_EQ(popc(word, 0), count);
-        ASSERT_EQ(popc(word, __builtin_cpu_supports("popcnt") != 0), count);
+        ASSERT_TRUE(popc(word, 0) == count && popc(word, __builtin_cpu_supports("popcnt") != 0) == count);
         total += count;
     }
     EXPECT_EQ(popc_words(words.data(), words.size()), total);

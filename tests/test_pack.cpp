@@ -9,47 +9,29 @@ namespace
 
 random_source random_numbers(7);
 
-// Bytes that end at a page that faults, and start behind one.
-struct stream_t {
-    explicit stream_t(size_t bytes) : buffer(std::max<size_t>(bytes, 1)), data(buffer.data), size(bytes)
-    {
-        random_numbers.fill(data, size);
-        before.assign(data, data + size);
-    }
-
-    guarded_buffer buffer;
-    uint8_t *data;
-    size_t size;
-    std::vector<uint8_t> before;
-};
-
-bool bit_at(const uint8_t *data, uint64_t bit)
-{
-    return data[bit / 8] >> (7 - bit % 8) & 1;
-}
-
-// One case of kel_pack and kel_unpack, for values of a type: every bit of the stream is as it should be.
+// One case of kel_pack and kel_unpack, for values of a type, in a stream that ends at a page that faults: every bit of it
+// is as it should be.
 template <class Value>
 void pack_and_unpack(uint32_t bits, uint8_t offset, uint64_t first, uint64_t count, Value base)
 {
     SCOPED_TRACE(testing::Message() << sizeof(Value) << " bytes to " << bits << " bits, offset " << +offset
                                     << ", first " << first << ", count " << count);
     const uint64_t elements = first + count, start = offset + first * bits, end = start + count * bits;
-    stream_t stream((end + 7) / 8);
+    const guarded_buffer stream((end + 7) / 8, 1);
+    random_numbers.fill(stream.data, stream.size);
+    std::vector<uint8_t> expected(stream.data, stream.data + stream.size);
     const kel_vec_t vec = {KEL_BITS, elements, stream.data, bits, offset, 0, 0, nullptr, nullptr, 0};
-    std::vector<uint64_t> stored(count);
     std::vector<Value> values(count), back(count + 1, Value{17});
-    for (uint64_t i = 0; i < count; i++) {
-        stored[i] = random_numbers.word() >> (64 - std::min<uint64_t>(bits, 8 * sizeof(Value)));
-        values[i] = static_cast<Value>(stored[i] + static_cast<uint64_t>(base));
+    uint64_t at = start;
+    for (Value &value : values) {
+        const uint64_t stored = random_numbers.word() >> (64 - std::min<uint64_t>(bits, 8 * sizeof(Value)));
+        value = static_cast<Value>(stored + static_cast<uint64_t>(base));
+        for (uint32_t bit = bits; bit-- > 0; at++)
+            expected[at / 8] =
+                static_cast<uint8_t>((expected[at / 8] & ~(0x80 >> at % 8)) | (stored >> bit & 1) << (7 - at % 8));
     }
     ASSERT_EQ(kel_pack(&vec, first, count, values.data(), sizeof(Value), static_cast<uint64_t>(base)), KEL_SUCCESS);
-    for (uint64_t bit = 0; bit < 8 * stream.size; bit++) {
-        const uint64_t at = bit - start;
-        const bool expected = bit < start || bit >= end ? bit_at(stream.before.data(), bit)
-                                                        : stored[at / bits] >> (bits - 1 - at % bits) & 1;
-        ASSERT_EQ(bit_at(stream.data, bit), expected) << "bit " << bit;
-    }
+    ASSERT_EQ(hex(stream.data, stream.size), hex(expected.data(), expected.size()));
     const kel_status_t read = kel_unpack(&vec, first, count, back.data(), sizeof(Value), static_cast<uint64_t>(base));
     ASSERT_EQ(read, bits > 8 * sizeof(Value) ? KEL_EDATASIZE : KEL_SUCCESS);
     if (read != KEL_SUCCESS)
@@ -101,15 +83,11 @@ TEST(pack, values_that_do_not_fit_are_not_written)
 
 TEST(pack, sizes_and_widths)
 {
-    constexpr struct {
-        uint64_t elements;
-        uint32_t bits;
-        uint64_t source, destination;
-    } sizes[] = {{0, 5, 0, 64},    {1, 1, 8, 128},    {64, 1, 8, 128},
-                 {65, 1, 16, 128}, {512, 1, 64, 128}, {513, 1, 72, 192}};
-    for (const auto &size : sizes) {
-        EXPECT_EQ(kel_source_size(size.elements, size.bits), size.source);
-        EXPECT_EQ(kel_destination_size(size.elements, size.bits), size.destination);
+    constexpr uint64_t sizes[][4] = {{0, 5, 0, 64},    {1, 1, 8, 128},    {64, 1, 8, 128},
+                                     {65, 1, 16, 128}, {512, 1, 64, 128}, {513, 1, 72, 192}};
+    for (const auto &[elements, bits, source, destination] : sizes) {
+        EXPECT_EQ(kel_source_size(elements, static_cast<uint32_t>(bits)), source);
+        EXPECT_EQ(kel_destination_size(elements, static_cast<uint32_t>(bits)), destination);
     }
     constexpr std::pair<uint64_t, uint32_t> widths[] = {
         {0, 1},         {1, 1},          {2, 2},           {4095, 12},       {4096, 13},

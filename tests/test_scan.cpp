@@ -127,15 +127,14 @@ TEST(scan, list_overflows_at_any_entry)
     destination_area dst;
     random_source random(9);
     const guarded_buffer data(264);
-    for (const uint32_t entry : {2u, 4u})
-        for (uint64_t lines = 0; lines < 512 * entry / 64; lines++)
-            for (uint64_t first = 0; first < 70; first++) {
-                for (uint64_t i = 0; i < data.size; i++)
-                    data.data[i] = i < first || random.one_in(100);
-                scan s = {
-                    KEL_ONES_INDEX, byte_source(data, 256), destination(lines * 64 / entry, entry), KEL_EQ, zero, none};
-                ASSERT_TRUE(check_roads(ctx, plain, s, dst));
-            }
+    for (uint64_t n = 0; n < 48 * 70; n++) {
+        const uint64_t first = n % 70, entry = n / 70 < 16 ? 2 : 4, lines = n / 70 % 16 + (n / 70 < 32 ? 0 : 16);
+        for (uint64_t i = 0; i < data.size; i++)
+            data.data[i] = i < first || random.one_in(100);
+        const kel_vec_t list = destination(lines * 64 / entry, entry);
+        scan s = {KEL_ONES_INDEX, byte_source(data, 256), list, KEL_EQ, zero, none};
+        ASSERT_TRUE(check_roads(ctx, plain, s, dst));
+    }
 }
 
 // Elements whose length in bits passes 64 bits: both roads stop at the destination's end, which wraps to its start.
@@ -144,11 +143,11 @@ TEST(scan, more_elements_than_a_length_can_tell)
     test_context ctx;
     destination_area dst;
     const guarded_buffer data(8);
-    scan s = {KEL_ONES_INDEX, byte_source(data, 8), destination(0, 2), KEL_EQ, {0, 1, {}}, {}};
+    scan s = {KEL_ONES_INDEX, byte_source(data, 8), destination(0, 2), KEL_EQ, zero, none};
     dst.place(s, {});
     s.src.elements = s.dst.elements = uint64_t{1} << 61;
-    EXPECT_EQ(kel_scan_value(ctx, KEL_ONES_INDEX, &s.src, &s.dst, KEL_EQ, &s.lower).status, KEL_EOVERFLOW);
-    EXPECT_EQ(ctx.messages(), std::vector<std::string>{"EOVERFLOW at element index 1"});
+    EXPECT_EQ(kel_scan_value(ctx, KEL_ONES_INDEX, &s.src, &s.dst, KEL_EQ, &zero).status, KEL_EOVERFLOW);
+    EXPECT_EQ(ctx.messages(), lines_t{"EOVERFLOW at element index 1"});
 }
 
 // Beside a value of more than 32 bytes elements are compared by bytes: by the 8 that hold them, with the first of the
@@ -156,26 +155,19 @@ TEST(scan, more_elements_than_a_length_can_tell)
 TEST(scan, value_beyond_32_bytes)
 {
     test_context ctx(2, 0);
-    const uint8_t data[24] = {1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 3};
-    const kel_vec_t wide = plain_vector(KEL_BYTES, 3, 8, const_cast<uint8_t *>(data));
-    const kel_vec_t narrow = plain_vector(KEL_BYTES, 12, 2, const_cast<uint8_t *>(data));
+    const known_vector wide(0, 3, 8, "010101010101010102020202020202020202020202020203"),
+        narrow(0, 12, 2, "010101010101010102020202020202020202020202020203");
     const kel_int_t twos = {KEL_BYTES, 40, {0x0202020202020202, 0, 0}}, one = {KEL_BYTES, 40, {1, 0, 0}};
-    const struct {
-        const kel_vec_t &src;
-        kel_compare_t op;
-        const kel_int_t &value;
-        uint8_t matches;
-    } cases[] = {{wide, KEL_LT, twos, 0xc0},
-                 {wide, KEL_EQ, twos, 0},
-                 {wide, KEL_GT, twos, 0x20},
-                 {narrow, KEL_LE, one, 0xff},
-                 {narrow, KEL_GE, one, 0}};
-    for (const auto &c : cases) {
+    const auto matches = [&](const kel_vec_t &src, kel_compare_t op, const kel_int_t &value) {
         const kel::column dst = kel::column::bits(12, 1);
-        const kel_result_t result = kel_scan_value(ctx, 0, &c.src, dst, c.op, &c.value);
-        EXPECT_EQ(result.status, KEL_SUCCESS);
-        EXPECT_EQ(*static_cast<uint8_t *>(dst.vec.data), c.matches) << c.op;
-    }
+        EXPECT_EQ(kel_scan_value(ctx, 0, &src, dst, op, &value).status, KEL_SUCCESS);
+        return *static_cast<uint8_t *>(dst.vec.data);
+    };
+    EXPECT_EQ(matches(wide, KEL_LT, twos), 0xc0);
+    EXPECT_EQ(matches(wide, KEL_EQ, twos), 0);
+    EXPECT_EQ(matches(wide, KEL_GT, twos), 0x20);
+    EXPECT_EQ(matches(narrow, KEL_LE, one), 0xff);
+    EXPECT_EQ(matches(narrow, KEL_GE, one), 0);
 }
 
 // Elements without a byte have no data to be read: the length is looked at first.
@@ -185,36 +177,26 @@ TEST(scan, length_of_nothing)
     uint8_t lengths[8] = {};
     const kel_vec_t src = {KEL_VAR, 1, nullptr, 0, 0, 0, 8, lengths, nullptr, 0};
     const kel::column dst = kel::column::bytes(1, 4);
-    const kel_int_t value = kel::value("a");
-    EXPECT_EQ(kel_scan_value(ctx, KEL_ONES_INDEX, &src, dst, KEL_EQ, &value).status, KEL_EDATAFMT);
+    EXPECT_EQ(kel_scan_value(ctx, KEL_ONES_INDEX, &src, dst, KEL_EQ, &five).status, KEL_EDATAFMT);
     EXPECT_EQ(kel_extract(ctx, 0, &src, dst).status, KEL_EDATAFMT);
 }
 
 // An operator above its family names the kernel of another format, which is not to look for lengths where there are
-// none.
-TEST(scan, operator_above_its_family)
+// none. Beyond all kernels it ends the program.
+TEST(scan_death, operators_above_their_families)
 {
     const options o = {2, arg | extra, errors};
-    test_context ctx(o.version, o.debug, o.log);
+    test_context ctx(o.version, o.debug, o.log), unvalidated(2, 0);
     destination_area dst;
     const guarded_buffer data(32);
-    scan s = {0,           plain_vector(KEL_BYTES, 2, 16, data.data), destination(2, 0), KEL_EQ_OR_EQ, bytes(16, 1),
-              bytes(16, 2)};
+    const kel_vec_t src = plain_vector(KEL_BYTES, 2, 16, data.data);
+    scan s = {0, src, destination(2, 0), KEL_EQ_OR_EQ, bytes(16, 1), bytes(16, 2)};
     const outcome expected = call(s, o, emulation(s, o), true);
     s.op += 32;
     EXPECT_TRUE(check(ctx, o, calls, s, expected, dst));
-}
-
-TEST(scan_death, operator_beyond_the_table)
-{
-    test_context ctx(2, 0);
-    destination_area dst;
-    const guarded_buffer data(8);
-    scan s = {0, byte_source(data, 8), destination(8, 0), 1000, zero, zero};
-    dst.place(s, {});
-    const auto op = static_cast<kel_compare_t>(s.op);
-    EXPECT_DEATH(kel_scan_value(ctx, 0, &s.src, &s.dst, op, &zero), "kel_scan_value_emulate.*0");
-    EXPECT_DEATH(kel_scan_range(ctx, 0, &s.src, &s.dst, op, &zero, &zero), "kel_scan_range_emulate.*0");
+    const auto op = static_cast<kel_compare_t>(1000);
+    EXPECT_DEATH(kel_scan_value(unvalidated, 0, &s.src, &s.dst, op, &zero), "kel_scan_value_emulate.*0");
+    EXPECT_DEATH(kel_scan_range(unvalidated, 0, &s.src, &s.dst, op, &zero, &zero), "kel_scan_range_emulate.*0");
 }
 
 // Scans of uncompressed sources take no memory, whether they succeed or fail.
