@@ -161,7 +161,7 @@ kel_status_t small_scan::range_post(kel_queue_t *queue, void *udata) const
 guarded_buffer::guarded_buffer(size_t wanted, size_t align) : size(wanted)
 {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t inner = (size + page - 1) / page * page + page;
+    const size_t inner = std::max<size_t>(1, (size + page - 1) / page) * page;
     mapped = inner + 2 * page;
     void *memory = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)

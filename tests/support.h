@@ -103,8 +103,9 @@ struct small_scan {
     kel_status_t range_post(kel_queue_t *queue, void *udata = nullptr) const;
 };
 
-// Memory between two pages that fault. It starts at a multiple of align (a power of two up to 64) and ends as close to
-// the page behind it as that allows: with align 1 at its first byte. All bytes start as 0xa5.
+// Memory between two pages that fault. It starts at a multiple of align (a power of two up to a page) and ends as close to
+// the page behind it as that allows: with align 1 at its first byte. A size of whole pages starts behind the page in
+// front. All bytes start as 0xa5.
 class guarded_buffer
 {
   public:

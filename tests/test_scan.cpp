@@ -128,7 +128,8 @@ TEST(scan, list_overflows_at_any_entry)
     random_source random(9);
     const guarded_buffer data(264);
     for (uint64_t n = 0; n < 48 * 70; n++) {
-        const uint64_t first = n % 70, entry = n / 70 < 16 ? 2 : 4, lines = n / 70 % 16 + (n / 70 < 32 ? 0 : 16);
+        const uint32_t entry = n / 70 < 16 ? 2 : 4;
+        const uint64_t first = n % 70, lines = entry == 2 ? n / 70 : n / 70 - 16;
         for (uint64_t i = 0; i < data.size; i++)
             data.data[i] = i < first || random.one_in(100);
         const kel_vec_t list = destination(lines * 64 / entry, entry);

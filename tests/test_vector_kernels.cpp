@@ -5,7 +5,6 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 static void PrintTo(const kernel_set_t *set, std::ostream *out)
 {
@@ -16,29 +15,6 @@ namespace
 {
 
 constexpr uint64_t most_blocks = 3;
-
-// Packed bytes between two pages that fault.
-class fenced_source
-{
-  public:
-    explicit fenced_source(random_source &random)
-        : page(static_cast<size_t>(sysconf(_SC_PAGESIZE))), bytes(2 * page, page)
-    {
-        mprotect(bytes.data - page, page, PROT_NONE);
-        random.fill(bytes.data, bytes.size);
-    }
-
-    // So many blocks of fields at the start, or so that what may be loaded ends at the end.
-    fields_t fields(unsigned width, unsigned offset, uint64_t blocks, unsigned overrun, bool at_start) const
-    {
-        const uint64_t loaded = 8 * width * blocks + overrun;
-        return {at_start ? bytes.data : bytes.data + bytes.size - loaded, width, offset};
-    }
-
-  private:
-    size_t page;
-    guarded_buffer bytes;
-};
 
 struct request_t {
     fields_t fields;
@@ -62,19 +38,23 @@ std::vector<const kernel_set_t *> sets()
 class kernel_sets_test : public testing::TestWithParam<const kernel_set_t *>
 {
   protected:
+    kernel_sets_test()
+    {
+        random.fill(source.data, source.size);
+    }
+
     void SetUp() override
     {
         if (!set->present())
             GTEST_SKIP() << "this processor has no " << set->name;
     }
 
-    // Blocks of fields with a width from least to most.
-    request_t any_request(unsigned least, unsigned most)
+    // Fields that start behind a page that faults, or such that what may be loaded ends in front of one.
+    request_t any_request(unsigned narrowest, unsigned widest)
     {
-        const uint64_t blocks = random.between(1, most_blocks);
-        return {source.fields(random.between<unsigned>(least, most), random.between<unsigned>(0, 7), blocks,
-                              set->overrun, random.one_in(2)),
-                blocks};
+        const auto width = random.between<unsigned>(narrowest, widest), offset = random.between<unsigned>(0, 7);
+        const uint64_t blocks = random.between(1, most_blocks), loaded = 8 * width * blocks + set->overrun;
+        return {{source.data + (random.one_in(2) ? 0 : source.size - loaded), width, offset}, blocks};
     }
 
     // Whether both producers make the same mask words.
@@ -93,7 +73,7 @@ class kernel_sets_test : public testing::TestWithParam<const kernel_set_t *>
     const kernel_set_t *const set = GetParam();
     const kernel_set_t *const portable = sets().back();
     random_source random{70};
-    const fenced_source source{random};
+    const guarded_buffer source{2 * size_t{4096}, 4096}; // whole pages
 };
 
 predicate_t any_predicate(random_source &random, unsigned width)
