@@ -253,8 +253,14 @@ inline outcome run(test_context &ctx, road way, const logical &l)
 {
     constexpr decltype(&kel_and) operations[] = {kel_and, kel_or, kel_xor};
     constexpr decltype(&kel_and_post) posted[] = {kel_and_post, kel_or_post, kel_xor_post};
+    // Without producers also without the instruction that counts.
     const auto emulate = [&](kel_context_t *, uint64_t flags, auto *src1, auto *src2, auto *dst, cca_t *cca) {
-        return kel_logical_emulate(ctx, flags, src1, src2, dst, kel_op_and + l.op, cca);
+        if (ctx->kernels)
+            return kel_logical_emulate(ctx, flags, src1, src2, dst, kel_op_and + l.op, cca);
+        const uint64_t ones = do_logical_il(kel_op_and + l.op, flags, src1->data, src2->data, dst->data, src1->elements,
+                                            src1->offset, src2->offset, 0);
+        *cca = {static_cast<uint32_t>(ones), static_cast<uint32_t>(ones), ones};
+        return KEL_SUCCESS;
     };
     return take_road(ctx, way, operations[l.op], posted[l.op], emulate, l.flags, &l.src, &l.src2, &l.dst);
 }

@@ -132,32 +132,6 @@ lines_t test_context::texts()
     return taken;
 }
 
-std::string small_scan::text(kel_context_t *ctx) const
-{
-    char text[kel_args_text_size];
-    return entry_args_str(ctx, flags, &src, &dst, text, sizeof text);
-}
-
-kel_result_t small_scan::value(kel_context_t *ctx) const
-{
-    return kel_scan_value(ctx, flags, &src, &dst, value_op, &five);
-}
-
-kel_result_t small_scan::range(kel_context_t *ctx) const
-{
-    return kel_scan_range(ctx, flags, &src, &dst, range_op, &five, &seven);
-}
-
-kel_status_t small_scan::value_post(kel_queue_t *queue, void *udata) const
-{
-    return kel_scan_value_post(queue, flags, &src, &dst, value_op, &five, udata);
-}
-
-kel_status_t small_scan::range_post(kel_queue_t *queue, void *udata) const
-{
-    return kel_scan_range_post(queue, flags, &src, &dst, range_op, &five, &seven, udata);
-}
-
 guarded_buffer::guarded_buffer(size_t wanted, size_t align) : size(wanted)
 {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));

@@ -92,15 +92,20 @@ struct small_scan {
     kel_compare_t value_op = KEL_EQ, range_op = KEL_EQ_OR_EQ;
     uint64_t flags = 0;
 
-    // The vectors and values as entry lines show them.
-    std::string text(kel_context_t *ctx) const;
-    static constexpr char five_text[] = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x5} }";
-    static constexpr char seven_text[] = "{ elem_width=1, fmt=bytes, dwords={0x0, 0x7} }";
+    kel_result_t value(kel_context_t *ctx) const
+    {
+        return kel_scan_value(ctx, flags, &src, &dst, value_op, &five);
+    }
 
-    kel_result_t value(kel_context_t *ctx) const;
-    kel_result_t range(kel_context_t *ctx) const;
-    kel_status_t value_post(kel_queue_t *queue, void *udata = nullptr) const;
-    kel_status_t range_post(kel_queue_t *queue, void *udata = nullptr) const;
+    kel_result_t range(kel_context_t *ctx) const
+    {
+        return kel_scan_range(ctx, flags, &src, &dst, range_op, &five, &seven);
+    }
+
+    kel_status_t value_post(kel_queue_t *queue, void *udata = nullptr) const
+    {
+        return kel_scan_value_post(queue, flags, &src, &dst, value_op, &five, udata);
+    }
 };
 
 // Memory between two pages that fault. It starts at a multiple of align (a power of two up to a page) and ends as close to

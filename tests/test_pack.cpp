@@ -125,6 +125,11 @@ TEST(pack, runs)
         }
     kel::column plain = kel::column::bits(4, 4);
     EXPECT_EQ(plain.pack_runs(std::vector{1, 2}), KEL_EINVAL);
+    plain.vec.aux_width = 8;
+    EXPECT_EQ(plain.pack_runs(std::vector{1, 2}), KEL_EINVAL);
+    plain.vec.format |= KEL_RLE;
+    plain.vec.aux_width = 3;
+    EXPECT_EQ(plain.pack_runs(std::vector{1, 2}), KEL_EINVAL);
 }
 
 TEST(pack, texts)
