@@ -6,6 +6,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <thread>
+#include <unistd.h>
 
 namespace
 {
@@ -56,68 +57,39 @@ void *__wrap_memalign(size_t align, size_t size)
 }
 }
 
-// A context that is attached by itself, because a new one has no level on when its thread record is made.
-struct bare_context {
-    explicit bare_context(kel_init_options_t *options)
-    {
-        ctx.init_options = options;
-        ctx.log = {0, 0, KEL_LOG_ERROR, -1, -1, show, &lines, 0, 0};
-        reset_hooks();
-    }
-
-    static void show(kel_context_t *, void *lines, uint32_t, const char *, const char *message)
-    {
-        static_cast<lines_t *>(lines)->emplace_back(message);
-    }
-
-    kel_context_t ctx = {};
-    lines_t lines;
-};
-
-// A call that fails while a thread record is made: the status, the one line, the hook, and nothing left behind.
-static void expect_no_record(const char *call, int status, const std::string &line, unsigned reports)
+// A context that cannot be made, though it logs its errors to standard error: the status, the line, the calls of the
+// hook, and nothing left behind.
+static void expect_no_context(const char *call, int status, const std::string &line, unsigned hooks, uint32_t options)
 {
     SCOPED_TRACE(call);
     block_store store;
-    kel_init_options_t options = store.options();
-    bare_context bare(reports ? &options : nullptr); // what fails without a report is the system's memory
-    failing = call;
-    EXPECT_EQ(static_cast<int>(kel_thread_attach(&bare.ctx, 0)), status);
-    EXPECT_EQ(bare.lines, lines_t{line});
-    EXPECT_TRUE(store.live.empty());
-
+    const kel_init_options_t allocator = store.options();
     kel_context_t *ctx = no_context;
+    setenv("KEL_LOG_OPTIONS", "error", 1);
+    setenv("KEL_LOG_FD", "2", 1);
+    reset_hooks();
+    testing::internal::CaptureStderr();
     failing = call;
-    EXPECT_EQ(static_cast<int>(kel_thread_init(2, 1, 0, nullptr, &ctx)), status);
-    EXPECT_EQ(ctx, nullptr);
-    EXPECT_EQ(kel_debug_calls, 2 * reports);
+    EXPECT_EQ(int{kel_thread_init(1, 1, options, &allocator, &ctx)}, status);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), log_text("ERROR", line + "\n"));
+    EXPECT_TRUE(store.live.empty() && kel_debug_calls == hooks);
+    EXPECT_EQ(ctx, line.starts_with("kel_thread_init") ? no_context : nullptr);
     failing = nullptr;
+    unsetenv("KEL_LOG_OPTIONS");
+    unsetenv("KEL_LOG_FD");
 }
 
 static const std::string set_failed = "Failed to set thread data for key with error: Cannot allocate memory";
 
 TEST(faults, no_context)
 {
-    block_store store;
-    const kel_init_options_t options = store.options();
-    for (const auto &[call, size] : {std::pair{"aligned_alloc", sizeof(kel_context_t)}, {"malloc", sizeof options}}) {
-        kel_context_t *ctx = no_context;
-        reset_hooks();
-        testing::internal::CaptureStderr();
-        failing = call;
-        EXPECT_EQ(kel_thread_init(1, 1, KEL_ALLOC, &options, &ctx), KEL_ENOMEM);
-        const std::string line = "kel_thread_init: failed to allocate " + std::to_string(size) + " bytes\n";
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), log_text("ERROR", line));
-        EXPECT_TRUE(ctx == no_context && kel_debug_calls == 1 && store.requests.empty());
-    }
-}
-
-TEST(faults, no_record)
-{
-    const std::string record = std::to_string(sizeof(kel_thread_t)) + " bytes aligned to 8192";
-    expect_no_record("calloc", 12, "kel_calloc failed to allocate 16 bytes", 0);
-    expect_no_record("memalign", KEL_ENOMEM, "kel_memalign failed to allocate " + record, 0);
-    expect_no_record("pthread_setspecific", KEL_EINTERNAL, set_failed, 1);
+    const auto failed = [](size_t size) { return "failed to allocate " + std::to_string(size) + " bytes"; };
+    expect_no_context("aligned_alloc", KEL_ENOMEM, "kel_thread_init: " + failed(sizeof(kel_context_t)), 1, KEL_ALLOC);
+    expect_no_context("malloc", KEL_ENOMEM, "kel_thread_init: " + failed(sizeof(kel_init_options_t)), 1, KEL_ALLOC);
+    expect_no_context("calloc", 12, "kel_calloc " + failed(16), 0, 0);
+    expect_no_context("memalign", KEL_ENOMEM, "kel_memalign " + failed(sizeof(kel_thread_t)) + " aligned to 8192", 0,
+                      0);
+    expect_no_context("pthread_setspecific", KEL_EINTERNAL, set_failed, 1, KEL_ALLOC);
     test_context next; // nothing of the failed ones is in its way
     EXPECT_EQ(next->thread->refc, 1);
 }
@@ -128,20 +100,23 @@ TEST(faults, of_the_key)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto not_made = [] {
-        expect_no_record("pthread_key_create", KEL_EINTERNAL,
-                         "pthread_key_create() failed with error: Resource temporarily unavailable", 1);
+        expect_no_context("pthread_key_create", KEL_EINTERNAL,
+                          "pthread_key_create() failed with error: Resource temporarily unavailable", 1, KEL_ALLOC);
         exit(testing::Test::HasFailure());
     };
     EXPECT_EXIT(not_made(), testing::ExitedWithCode(0), "");
     const auto not_cleared = [] {
-        bare_context lines(nullptr);
-        kel_context_t *ctx = open_context(2);
-        ctx->log = lines.ctx.log;
-        failing = "pthread_setspecific";
-        EXPECT_EQ(kel_thread_fini(ctx), KEL_SUCCESS);
-        EXPECT_EQ(lines.lines, lines_t{set_failed});
-        EXPECT_EQ(kel_debug_calls, 1u);
-        exit(testing::Test::HasFailure());
+        test_context shown;
+        std::thread([&] {
+            kel_context_t *ctx = open_context(2);
+            ctx->log = shown->log;
+            reset_hooks();
+            failing = "pthread_setspecific";
+            EXPECT_EQ(kel_thread_fini(ctx), KEL_SUCCESS);
+            EXPECT_EQ(shown.messages(), lines_t{set_failed});
+            EXPECT_EQ(kel_debug_calls, 1u);
+            _exit(testing::Test::HasFailure());
+        }).join();
     };
     EXPECT_EXIT(not_cleared(), testing::ExitedWithCode(0), "");
 }
