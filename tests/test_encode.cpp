@@ -422,7 +422,7 @@ TEST(training, overflow_before_an_unknown_byte)
     vorp_dict_t dict;
     const uint8_t widths[] = {0x11}, source[] = {'a', 'b', 'a', 'b', 'b', 'b', 'b', 'b', 'a', '?'};
     make_vorp_dict(2, widths, source, nullptr, &pool, &dict);
-    for (const uint64_t capacity : {0, 1, 2}) {
+    for (const uint64_t capacity : {0u, 1u, 2u}) {
         uint8_t stream[3] = {};
         uint64_t length = 99, count = 99;
         int overflow = 99;

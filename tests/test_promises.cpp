@@ -6,6 +6,8 @@
 
 // ---- Null arguments -------------------------------------------------------------------------------------------------
 
+#define CALL(call) [&]() -> int { return call; }
+
 // Calls with one null argument each, under their names.
 struct null_call {
     const char *argument;
@@ -26,51 +28,45 @@ TEST(promises, null_arguments)
     ASSERT_EQ(kel_zip_create(ctx, 1, image + 2, image + 3, &codec), KEL_SUCCESS);
     small_scan scan;
 
-    using logical_t =
-        kel_result_t (*)(kel_context_t *, uint64_t, const kel_vec_t *, const kel_vec_t *, const kel_vec_t *);
-    const auto with = [](auto call, auto... args) { return [=]() -> int { return call(args...).status; }; };
-    const auto status = [](auto call, auto... args) { return [=]() -> int { return call(args...); }; };
     const kel_vec_t *no = nullptr;
     const kel_int_t *no_val = nullptr;
-    std::vector<null_call> calls = {
-        {"src", with(kel_scan_value, ctx, 0, no, &vec, KEL_EQ, &val)},
-        {"dst", with(kel_scan_value, ctx, 0, &vec, no, KEL_EQ, &val)},
-        {"val", with(kel_scan_value, ctx, 0, &vec, &vec, KEL_EQ, no_val)},
-        {"lower", with(kel_scan_range, ctx, 0, &vec, &vec, KEL_GE_AND_LE, no_val, &val)},
-        {"upper", with(kel_scan_range, ctx, 0, &vec, &vec, KEL_GE_AND_LE, &val, no_val)},
-        {"upper", status(kel_scan_range_post, queue, 0, &vec, &vec, KEL_GE_AND_LE, &val, no_val, nullptr)},
-        {"src", with(kel_select, ctx, 0, no, no, no)},
-        {"mask", with(kel_select, ctx, 0, &vec, &vec, no)},
-        {"dst", with(kel_extract, ctx, 0, &vec, no)},
-        {"bitmap", with(kel_translate, ctx, 0, &vec, &vec, no, 1)},
-        {"src", with(kel_copy, ctx, 0, nullptr, &length, 1)},
-        {"dst", with(kel_copy, ctx, 0, &length, nullptr, 1)},
-        {"dst", status(kel_copy_post, queue, 0, &length, nullptr, 1, nullptr)},
-        {"dst", with(kel_fill, ctx, 0, 0, nullptr, 1, 8)},
-        {"buf", status(kel_int_create, ctx, nullptr, 4, &scan.five)},
-        {"val", status(kel_int_create, ctx, &length, 4, nullptr)},
-        {"value", status(kel_version, ctx, nullptr)},
-        {"queue", status(kel_queue_create, ctx, 1, nullptr)},
-        {"results", status(kel_poll, queue, nullptr, 1, 0)},
-        {"results", status(kel_poll, queue, nullptr, -1, 0)},
-        {"src", with(kel_zip, ctx, 0, no, &length, &length, &codec)},
-        {"buf", with(kel_zip, ctx, 0, &scan.src, nullptr, &length, &codec)},
-        {"buflen", with(kel_zip, ctx, 0, &scan.src, &length, nullptr, &codec)},
-        {"codec", with(kel_zip, ctx, 0, &scan.src, &length, &length, nullptr)},
-        {"buf", with(kel_encode, ctx, &scan.src, nullptr, &length, codec)},
-        {"codec", with(kel_encode, ctx, &scan.src, &length, &length, nullptr)},
-        {"codec", status(kel_zip_create, ctx, uint16_t{1}, image + 2, image + 3, nullptr)},
-        {"codec", status(kel_zip_create_contig, ctx, image, 4, nullptr)},
-        {"codec", status(kel_zip_get_contig, ctx, nullptr, &length, &length)},
-        {"buf", status(kel_zip_get_contig, ctx, codec, nullptr, &length)},
-        {"buflen", status(kel_zip_get_contig, ctx, codec, &length, nullptr)},
-        {"codec", status(kel_zip_free, ctx, nullptr)},
+    const null_call calls[] = {
+        {"src", CALL(kel_scan_value(ctx, 0, no, &vec, KEL_EQ, &val).status)},
+        {"dst", CALL(kel_scan_value(ctx, 0, &vec, no, KEL_EQ, &val).status)},
+        {"val", CALL(kel_scan_value(ctx, 0, &vec, &vec, KEL_EQ, no_val).status)},
+        {"lower", CALL(kel_scan_range(ctx, 0, &vec, &vec, KEL_GE_AND_LE, no_val, &val).status)},
+        {"upper", CALL(kel_scan_range(ctx, 0, &vec, &vec, KEL_GE_AND_LE, &val, no_val).status)},
+        {"upper", CALL(kel_scan_range_post(queue, 0, &vec, &vec, KEL_GE_AND_LE, &val, no_val, nullptr))},
+        {"src", CALL(kel_select(ctx, 0, no, no, no).status)},
+        {"mask", CALL(kel_select(ctx, 0, &vec, &vec, no).status)},
+        {"dst", CALL(kel_extract(ctx, 0, &vec, no).status)},
+        {"bitmap", CALL(kel_translate(ctx, 0, &vec, &vec, no, 1).status)},
+        {"src1", CALL(kel_and(ctx, 0, no, &vec, &vec).status)},
+        {"src2", CALL(kel_or(ctx, 0, &vec, no, &vec).status)},
+        {"dst", CALL(kel_xor(ctx, 0, &vec, &vec, no).status)},
+        {"src", CALL(kel_copy(ctx, 0, nullptr, &length, 1).status)},
+        {"dst", CALL(kel_copy(ctx, 0, &length, nullptr, 1).status)},
+        {"dst", CALL(kel_copy_post(queue, 0, &length, nullptr, 1, nullptr))},
+        {"dst", CALL(kel_fill(ctx, 0, 0, nullptr, 1, 8).status)},
+        {"buf", CALL(kel_int_create(ctx, nullptr, 4, &scan.five))},
+        {"val", CALL(kel_int_create(ctx, &length, 4, nullptr))},
+        {"value", CALL(kel_version(ctx, nullptr))},
+        {"queue", CALL(kel_queue_create(ctx, 1, nullptr))},
+        {"results", CALL(kel_poll(queue, nullptr, 1, 0))},
+        {"results", CALL(kel_poll(queue, nullptr, -1, 0))},
+        {"src", CALL(kel_zip(ctx, 0, no, &length, &length, &codec).status)},
+        {"buf", CALL(kel_zip(ctx, 0, &scan.src, nullptr, &length, &codec).status)},
+        {"buflen", CALL(kel_zip(ctx, 0, &scan.src, &length, nullptr, &codec).status)},
+        {"codec", CALL(kel_zip(ctx, 0, &scan.src, &length, &length, nullptr).status)},
+        {"buf", CALL(kel_encode(ctx, &scan.src, nullptr, &length, codec).status)},
+        {"codec", CALL(kel_encode(ctx, &scan.src, &length, &length, nullptr).status)},
+        {"codec", CALL(kel_zip_create(ctx, 1, image + 2, image + 3, nullptr))},
+        {"codec", CALL(kel_zip_create_contig(ctx, image, 4, nullptr))},
+        {"codec", CALL(kel_zip_get_contig(ctx, nullptr, &length, &length))},
+        {"buf", CALL(kel_zip_get_contig(ctx, codec, nullptr, &length))},
+        {"buflen", CALL(kel_zip_get_contig(ctx, codec, &length, nullptr))},
+        {"codec", CALL(kel_zip_free(ctx, nullptr))},
     };
-    for (const logical_t call : {kel_and, kel_or, kel_xor}) {
-        calls.push_back({"src1", with(call, ctx, 0, no, &vec, &vec)});
-        calls.push_back({"src2", with(call, ctx, 0, &vec, no, &vec)});
-        calls.push_back({"dst", with(call, ctx, 0, &vec, &vec, no)});
-    }
     for (const auto &[argument, call] : calls) {
         reset_hooks();
         context.lines.clear();

@@ -85,7 +85,7 @@ text_t shortest()
     text_t text;
     for (const bytes_t &symbol : {bytes_t{'a'}, {'b', 'c'}, {'d'}, {'e'}, {'f'}})
         text.add_symbol(symbol);
-    for (const unsigned code : {0, 1, 2, 3, 1, 1, 1, 0})
+    for (const unsigned code : {0u, 1u, 2u, 3u, 1u, 1u, 1u, 0u})
         text.add_codeword(code);
     return text;
 }
