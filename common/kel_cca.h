@@ -1,4 +1,4 @@
-// The outcome of an emulation.
+// The completion record.
 #pragma once
 
 #include "kel.h"

@@ -23,8 +23,8 @@
 //   name(args)                                the first argument of the return lines; where operations share a struct
 //   request(args, request)                    fills in what trace probes show; only where the operation has a probe
 //
-// A posted request takes the same road to its emulation by kel_post and kel_post_il; post leaves its outcome in a slot of
-// the queue.
+// A posted request takes the same road to its emulation by kel_post and kel_post_il; post leaves its outcome in a slot
+// of the queue.
 #pragma once
 
 #include "kel_limits.h"
@@ -210,7 +210,7 @@ kel_status_t post(kel_queue_t *queue, uint64_t flags, const typename Op::args &a
     return queue_get_next(queue, flags, &cca, status, udata, Op::pipe_dst(args));
 }
 
-// A full queue comes before every validation. The operation's own outcome stays in its slot: a request that fails has
+// A full queue comes before every validation but that of null arguments. The operation's own outcome stays in its slot: a request that fails has
 // been posted all the same.
 template <class Op, unsigned version>
 kel_status_t kel_post_il(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)

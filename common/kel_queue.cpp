@@ -57,7 +57,7 @@ kel_status_t create(kel_context_t *ctx, int qlen, kel_queue_t **made)
     if (qlen <= 0 || !kel_given(ctx, {{"queue", made}}))
         return KEL_EINVAL;
     if (ctx->closing) { // or a log callback that creates queues would keep its context from closing
-        kel_report(ctx, "A context that closes has no more queues");
+        kel_report(ctx, "A context that is being closed takes no new queues");
         return KEL_EINVAL;
     }
     auto *queue = static_cast<kel_queue_t *>(kel_calloc(ctx, 1, sizeof(kel_queue_t)));

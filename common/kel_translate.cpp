@@ -70,13 +70,15 @@ struct element_faults {
 };
 
 // Elements that can be read. Kept: counts are looked at in 32 bits. A compressed source, which is refused unless
-// arguments are unchecked, has as many as its codewords have bits for.
+// arguments are unchecked, has as many as its codewords have bits for, and without a codec none.
 static uint32_t readable_elements(const kel_vec_t *src)
 {
     const auto elements = static_cast<uint32_t>(src->elements);
     const uint64_t width = kel_width_bits(src);
     if (!(src->format & KEL_ZIP) || width == 0)
         return elements;
+    if (!src->codec)
+        return 0;
     const uint64_t stream_bits = src->codewords * zip_code_width(src->codec->nsyms);
     return static_cast<uint32_t>(std::min<uint64_t>(elements, stream_bits / width));
 }

@@ -289,6 +289,8 @@ kel_status_t kel_zip_create(kel_context_t *ctx, uint16_t nsyms, const uint8_t *w
 {
     if (!kel_given(ctx, {{"codec", codec}}))
         return KEL_EINVAL;
+    if (nsyms > 0 && !kel_given(ctx, {{"widths", widths}, {"syms", syms}}))
+        return KEL_EINVAL;
     kel_log_line(ctx, KEL_LOG_ENTRY,
                  "kel_zip_create(): ctx=0x%lx, nsyms=%d, \n  widths=0x%lx, syms=0x%lx, &codec=0x%lx", kel_log_ptr(ctx),
                  nsyms, kel_log_ptr(widths), kel_log_ptr(syms), kel_log_ptr(codec));
@@ -318,6 +320,8 @@ kel_status_t kel_zip_create_contig(kel_context_t *ctx, const void *buf, size_t l
     if (!kel_given(ctx, {{"codec", codec}}))
         return KEL_EINVAL;
     *codec = nullptr;
+    if (length > 0 && !kel_given(ctx, {{"buf", buf}}))
+        return KEL_EINVAL;
     kel_log_line(ctx, KEL_LOG_ENTRY, "kel_zip_create_contig(): ctx=0x%lx, buf=0x%lx, \n  length=%lu, &codec=0x%lx",
                  kel_log_ptr(ctx), kel_log_ptr(buf), length, kel_log_ptr(codec));
     const kel_status_t status = zip_create_contig(ctx, buf, length, codec);

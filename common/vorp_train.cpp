@@ -229,8 +229,8 @@ void vorp_dict_op_calc_freq(const vorp_config_t *, vorp_dict_t *dict, const uint
 
 void vorp_dict_op_remove_onegrams(const vorp_config_t *config, vorp_dict_t *dict)
 {
-    for (uint64_t value = vorp_byte_values;
-         value-- > 0;) { // downwards, so that lower values keep their places in the list
+    // Downwards, so that lower values keep their places in the list.
+    for (uint64_t value = vorp_byte_values; value-- > 0;) {
         const auto byte = static_cast<uint8_t>(value);
         if (vorp_trie_is_present(dict->trie, byte))
             continue;

@@ -20,21 +20,22 @@
  * ownership of a vector or of what its pointers address.
  *
  * Failures. A call that fails says so by a negative kel_status_t (but for one case of kel_thread_init), never by ending
- * the program (but for an operator that no enumerator of kel_compare_t names). An argument that fails validation leaves
- * every buffer untouched. Reasons are told in log lines at level KEL_LOG_ERROR. A new context validates its arguments
- * (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule have undefined results.
+ * the program (but for an operator that no enumerator of kel_compare_t names, and SIGPIPE, see kel_set_log_file). An
+ * argument that fails validation leaves every buffer untouched. Reasons are told in log lines at level KEL_LOG_ERROR.
+ * A new context validates its arguments (KEL_DEBUG_ARG); with validation switched off, descriptors that break a rule
+ * have undefined results.
  *
  * Null. Validation refuses a null vector, value or codec, and a null pointer that a call would store through, with
  * KEL_EINVAL and one line that names the argument. A buffer may be null where no byte goes or comes: with a capacity,
  * count, or number of elements of 0. Not tested are contexts, queues, the out-pointer of kel_thread_init, the record of
  * kel_get_props, and what a vector's data and aux_data point to.
  *
- * Callbacks. A log callback, and those of an allocator, may make calls on other contexts. They must not take the
- * queues of the context that called them (post, poll, destroy), nor close it: a request or an outcome of the call under
- * way may then be refused (KEL_EQFULL) or handed to the inner call, and what has been destroyed must not be used again.
+ * Callbacks. A log callback, or one of an allocator, may make any call but kel_thread_fini of the context that called
+ * it, and those that take a queue of that context (post, poll, cancel, destroy).
  *
- * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing. A thread
- * closes its contexts before it ends: one that is left open stays allocated and may not be used any more.
+ * Threads. A context belongs to the thread that opened it. Contexts of different threads share nothing that a result
+ * depends on, but for training (kel_zip). A thread closes its contexts before it ends: one that is left open stays
+ * allocated and may not be used any more.
  */
 #ifndef KEL_H
 #define KEL_H
@@ -430,9 +431,10 @@ KEL_API kel_status_t kel_get_props(kel_context_t *ctx, kel_props_t *props);
  *
  * KEL_DEBUG_OPTIONS lists debug options ("arg", "extra", "sync", "perf", "all"). Not set, it stands for "arg"; empty,
  * it switches validation off. An unknown word of KEL_LOG_OPTIONS, and a KEL_LOG_FD that is not a number, are told on
- * standard error and in the system log, up to 200 bytes of them; the good words hold, but without a descriptor that is open their lines go
- * nowhere. An unknown word of KEL_DEBUG_OPTIONS switches validation off, which only a log line tells. The tid of a line
- * is the calling thread's pthread_self() as an int. A program that runs with more rights than who started it (set-uid)
+ * standard error and in the system log, up to 200 bytes of them; the good words hold, but without a descriptor that is
+ * open their lines go nowhere. An unknown word of KEL_DEBUG_OPTIONS switches validation off, which only a log line
+ * tells. The tid of a line is the calling thread's pthread_self() as an int. A program that runs with more rights than
+ * who started it (set-uid)
  * does not look at the environment.
  *
  * options is a set of KEL_LOG_ bits. KEL_SUCCESS; KEL_EINVAL: a bit that does not exist, or a negative descriptor;
@@ -486,8 +488,8 @@ KEL_API kel_status_t kel_set_debug(kel_context_t *ctx, uint64_t options);
 
 /**
  * Creates a queue for qlen requests that are posted and not yet polled. It belongs to the context, whose end it does
- * not outlive. KEL_SUCCESS; KEL_EINVAL: qlen is not positive, or the context is being closed; KEL_ENOMEM; KEL_ETHREAD. After a failure *queue is
- * untouched.
+ * not outlive. KEL_SUCCESS; KEL_EINVAL: qlen is not positive, or the context is being closed; KEL_ENOMEM; KEL_ETHREAD.
+ * After a failure *queue is untouched.
  */
 KEL_API kel_status_t kel_queue_create(kel_context_t *ctx, int qlen, kel_queue_t **queue);
 
@@ -497,7 +499,7 @@ KEL_API kel_status_t kel_queue_destroy(kel_queue_t *queue);
 /**
  * Hands back up to nres outcomes, oldest first; a negative nres means no limit. Never waits: timeout is not read.
  *
- * The number of outcomes; KEL_EQEMPTY: there is none; KEL_ETHREAD.
+ * The number of outcomes; KEL_EQEMPTY: there is none; KEL_EINVAL: results is null; KEL_ETHREAD.
  */
 KEL_NODISCARD KEL_API int kel_poll(kel_queue_t *queue, kel_poll_t *results, int nres, int64_t timeout);
 
@@ -806,7 +808,7 @@ KEL_API kel_result_t kel_encode(kel_context_t *ctx, const kel_vec_t *src, void *
 /**
  * Releases a codec, which must not be null, with the image if it is the codec's own.
  *
- * KEL_SUCCESS; KEL_ETHREAD: the codec stays.
+ * KEL_SUCCESS; KEL_EINVAL: the codec is null; KEL_ETHREAD: the codec stays.
  */
 KEL_API kel_status_t kel_zip_free(kel_context_t *ctx, kel_zip_t *codec);
 

@@ -191,8 +191,8 @@ using number_of = std::ranges::range_value_t<Values>;
  * but for its pointers: the functions of a column stay inside its buffers however vec describes them. One without
  * memory has no data and is false.
  *
- * An element is a value less the column's base, which is 0 until a call that packs names another, and by which the calls
- * without one go. It is to be at most the least value: then elements are in the order of values. */
+ * An element is a value less the column's base, which is 0 until a call that packs names another, and by which the
+ * calls without one go. It is to be at most the least value: then elements are in the order of values. */
 class column
 {
   public:
@@ -285,11 +285,12 @@ class column
                    : KEL_EINVAL;
     }
 
-    /** The same, with the column's base. */
+    /** The same, with the column's base. KEL_EDATASIZE, too: the values' type does not have it. */
     template <integers Values>
     kel_status_t pack(const Values &values) noexcept
     {
-        return pack(values, static_cast<number_of<Values>>(own_base));
+        const auto base = static_cast<number_of<Values>>(own_base);
+        return wide{base} == own_base ? pack(values, base) : KEL_EDATASIZE;
     }
 
     /** Reads as many elements as values has, from number first on: kel_unpack. */
@@ -309,7 +310,8 @@ class column
     requires std::ranges::output_range<Values, number_of<Values>> kel_status_t unpack(Values &&values)
     const noexcept
     {
-        return unpack(std::forward<Values>(values), static_cast<number_of<Values>>(own_base));
+        const auto base = static_cast<number_of<Values>>(own_base);
+        return wide{base} == own_base ? unpack(std::forward<Values>(values), base) : KEL_EDATASIZE;
     }
 
     /** Packs values as runs; vec.elements becomes their number: kel_pack_runs. The base becomes the column's. */

@@ -294,8 +294,8 @@ static inline void kel_put_aux(const kel_vec_t *vec, uint64_t at, uint64_t numbe
  * number of those that were stored.
  *
  * KEL_SUCCESS; KEL_EINVAL: as kel_pack, or no KEL_RLE, no aux_data, or an aux_width that does not exist;
- * KEL_EDATASIZE: an element is too narrow for its value; KEL_EOVERFLOW: there are more runs than room. After a failure vec->elements is
- * untouched; the buffers hold the runs before the failing one.
+ * KEL_EDATASIZE: an element is too narrow for its value; KEL_EOVERFLOW: there are more runs than room. After a failure
+ * vec->elements is untouched; the buffers hold the runs before the failing one.
  */
 static inline kel_status_t kel_pack_runs(kel_vec_t *vec, uint64_t count, const void *values, size_t value_width,
                                          uint64_t base)

@@ -86,7 +86,7 @@ struct kernel_set_t {
 
 constexpr unsigned most_overrun = 16; // of all sets
 
-// From the widest vectors down; the last but the end, which has no name, is in portable code and has all producers.
+// From the widest vectors down to portable code, which has all producers. A record without a name ends the table.
 extern const kernel_set_t kernel_sets[];
 
 // The producer of a set, or of the first one behind it that has one.

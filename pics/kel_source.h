@@ -118,7 +118,7 @@ template <class Test>
 class mask_source
 {
   public:
-    [[gnu::always_inline]] // of a short scan the call would be a part
+    [[gnu::always_inline]] // a call would cost a short scan too much
     mask_source(const kernel_set_t *set, const kel_vec_t *src, const Test &tested)
         : test(tested), cursor(set->overrun, element_fields(src), src->elements),
           make(choose_masks(set, cursor.shape(), tested))

@@ -1,4 +1,5 @@
 // Threads scan one column, each a slice of it, into one bit vector.
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <iostream>
