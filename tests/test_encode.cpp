@@ -260,7 +260,7 @@ TEST(training, random_access)
     for (const uint64_t size : {3000u, 25000u}) {
         const bytes_t source = words_t{30, 5, 5, 1, 26}.text(random, size);
         bytes_t dictionary(vorp_dict_out_bytes), plain(size);
-        uint64_t plain_length = 0, codewords;
+        uint64_t length = 0, plain_length = 0, codewords = 0;
         EXPECT_EQ(vorp_kel_zip(source.data(), size, plain.data(), size, &plain_length, nullptr, nullptr, no_log,
                                nullptr, VORP2, dictionary.data(), &codewords),
                   0);
@@ -269,7 +269,6 @@ TEST(training, random_access)
         std::vector<uint64_t> in(size / 8 + 1), out(entries + size / 8 + 1), table(entries);
         memcpy(in.data(), source.data(), size);
         kel_store_be(table.data(), entries << 42);
-        uint64_t length = 0;
         EXPECT_EQ(vorp_encode(&silent, 0, in.data(), size, out.data(), &length, 8 * out.size(), VORP2, nullptr, nullptr,
                               nullptr, 1, interval),
                   0);
@@ -425,6 +424,9 @@ TEST(training, overflow_before_an_unknown_byte)
     vorp_dict_t dict;
     const uint8_t widths[] = {0x11}, source[] = {'a', 'b', 'a', 'b', 'b', 'b', 'b', 'b', 'a', '?'};
     make_vorp_dict(2, widths, source, nullptr, &pool, &dict);
+    const uint64_t used = pool.used[0];
+    vorp_trie_insert(dict.trie, source, 1, 0); // takes nothing a second time
+    EXPECT_EQ(pool.used[0], used);
     for (const uint64_t capacity : {0u, 1u, 2u}) {
         uint8_t stream[3] = {};
         uint64_t length = 99, count = 99;

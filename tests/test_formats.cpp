@@ -123,7 +123,7 @@ TEST(formats, values)
 
 TEST(formats, codecs)
 {
-    kel_set_debug(ctx, KEL_DEBUG_ARG | KEL_DEBUG_EXTRA);
+    ASSERT_EQ(kel_set_debug(ctx, KEL_DEBUG_ARG | KEL_DEBUG_EXTRA), KEL_SUCCESS);
     kel_vec_t src = vector(KEL_ZIP, 7, 1, "84");
     ASSERT_EQ(kel_zip_create_contig(ctx, shown("00 03 12 30 61 62 63 64 65 66"), 10, &src.codec), KEL_SUCCESS);
     src.codewords = 4;

@@ -11,10 +11,7 @@ using namespace model;
 namespace
 {
 
-std::string num(uint64_t value)
-{
-    return std::to_string(value);
-}
+using std::to_string;
 
 // A codec whose image ends at a page that faults: the lengths one behind the other, or rows of 16 bytes.
 struct dictionary {
@@ -113,7 +110,7 @@ expansion decode(const source &s, const dictionary &from, bool extra, uint64_t r
     const auto fault = [](const std::string &line) { return expansion{KEL_EDATAFMT, "", {"EDATAFMT: " + line}}; };
     for (uint64_t index = 0; left > 0; index++) {
         if (index == codewords)
-            return fault("the stream of " + num(index) + " codewords ends before the decoded data");
+            return fault("the stream of " + to_string(index) + " codewords ends before the decoded data");
         uint64_t code = in.field(from.code_width);
         for (unsigned i = 0; from.code_width == 0 && i < 64; i++) { // the low half of the first word, shifted
             const uint64_t bit = s.zipped.offset + i, held = 64 - reinterpret_cast<uintptr_t>(s.zipped.data) % 8 * 8;
@@ -122,11 +119,12 @@ expansion decode(const source &s, const dictionary &from, bool extra, uint64_t r
         const bool known = code < from.symbols.size();
         const std::string symbol = known ? from.symbols[code] : "";
         if (extra && !known)
-            return fault("codeword " + num(code) + " > max valid codeword " + num(from.symbols.size() - 1) +
-                         " at index " + num(index));
+            return fault("codeword " + to_string(code) + " > max valid codeword " + to_string(from.symbols.size() - 1) +
+                         " at index " + to_string(index));
         if (extra && (symbol.empty() || symbol.size() > 8))
-            return fault("codeword " + num(code) + " at index " + num(index) + " maps to symbol with bad length " +
-                         num(symbol.size()) + " bytes; must be between 1 and 8 bytes");
+            return fault("codeword " + to_string(code) + " at index " + to_string(index) +
+                         " maps to symbol with bad length " + to_string(symbol.size()) +
+                         " bytes; must be between 1 and 8 bytes");
         if (extra && (e.bytes.empty() ? 0 : (e.bytes.size() - 1) / 8 * 8) >= room) // the last word is held back
             return {KEL_EOVERFLOW, e.bytes};
         if (symbol.empty() && from.code_width == 0) // and nothing else would come
@@ -209,13 +207,13 @@ TEST(expansion, agrees_with_the_model)
         const dictionary from = dictionary::draw(random, random.one_in(4));
         const source s = streams.make(from, random.one_in(4));
         const expansion diagnosis = decode(s, from, true, UINT64_MAX), all = decode(s, from, extra, UINT64_MAX);
-        SCOPED_TRACE("turn " + num(turn));
+        SCOPED_TRACE("turn " + to_string(turn));
         check_places(from);
         EXPECT_EQ(zip_valid_syms(ctx, &s.zipped, &from.codec), diagnosis.fault.empty());
         EXPECT_EQ(ctx.messages(), diagnosis.fault);
         EXPECT_EQ(kel_debug_calls, diagnosis.fault.size());
-        const size_t most = all.bytes.size();
-        for (uint64_t room = 0; room < most + 18; room += room < 70 || room + 20 > most ? 1 : 50) {
+        for (uint64_t room = 0, most = all.bytes.size(); room < most + 18;
+             room += room < 70 || room + 20 > most ? 1 : 50) {
             auto *to = static_cast<uint8_t *>(memset(area.data + area.size - room, 0xa5, room));
             const expansion e = decode(s, from, extra, room);
             ASSERT_EQ(kel_unzip(ctx, &s.zipped, &from.codec, to, room), e.status) << room;
@@ -230,7 +228,8 @@ TEST(expansion, agrees_with_the_model)
         size_t size = 0;
         const bool cut = whole.status == KEL_EOVERFLOW, bad = whole.status == KEL_EDATAFMT;
         EXPECT_EQ(kelio_unzip(ctx, &s.zipped, &buf, &size), bad ? KEL_EDATAFMT : KEL_SUCCESS);
-        EXPECT_EQ(ctx.messages(), cut ? lines_t{"kel_unzip outlen=" + num(s.wanted + 8) + " overflow"} : lines_t());
+        EXPECT_EQ(ctx.messages(),
+                  cut ? lines_t{"kel_unzip outlen=" + to_string(s.wanted + 8) + " overflow"} : lines_t());
         EXPECT_EQ(kel_debug_calls, diagnosis.fault.size() + cut);
         EXPECT_EQ(store.requests.back(), (s.wanted + 15) / 8 * 8 + 16);
         if (!bad) {
@@ -301,10 +300,10 @@ void check_operations(uint32_t version, uint32_t debug)
                             .cca = way == emulations ? cca_before : cca_t()};
             if (expanded && starved)
                 expected.lines = {{KEL_LOG_ERROR, "kel_malloc failed to allocate " +
-                                                      num(kel_decoded_bytes(ctx, &r.src) + 8) + " bytes"}};
+                                                      to_string(kel_decoded_bytes(ctx, &r.src) + 8) + " bytes"}};
             else if (expanded && broken && way == calls) {
-                expected.lines = {{KEL_LOG_ERROR, "EDATAFMT: codeword " + num(all - 1) + " > max valid codeword " +
-                                                      num(last) + " at index 0"}};
+                expected.lines = {{KEL_LOG_ERROR, "EDATAFMT: codeword " + to_string(all - 1) +
+                                                      " > max valid codeword " + to_string(last) + " at index 0"}};
                 expected.debug_calls = 1;
             }
             const size_t requests = store.requests.size();

@@ -9,13 +9,9 @@
 namespace
 {
 
+using std::to_string;
 using bytes_t = std::vector<uint8_t>;
 using widths_t = std::vector<unsigned>;
-
-std::string num(uint64_t value)
-{
-    return std::to_string(value);
-}
 
 uintptr_t place(const void *pointer)
 {
@@ -89,8 +85,8 @@ unsigned sum_widths(const widths_t &widths, lines_t &faults)
     const auto take = [&](size_t code, bool test) {
         sum += widths[code];
         if (test && (widths[code] == 0 || widths[code] > 8))
-            faults.push_back("codeword " + num(code) + " maps to symbol with bad length " + num(widths[code]) +
-                             " bytes; bytes must be between 1 and 8");
+            faults.push_back("codeword " + to_string(code) + " maps to symbol with bad length " +
+                             to_string(widths[code]) + " bytes; bytes must be between 1 and 8");
     };
     size_t i = 0;
     for (; i + 1 < widths.size() && faults.empty(); i += 2) {
@@ -113,12 +109,12 @@ lines_t reports(const attempt &a)
     if (a.debug & KEL_DEBUG_ARG) {
         const size_t longest = a.version == 2 ? 8192 : 4098;
         test(a.half_used, "last unused width in widths[] is not zero");
-        test(a.nsyms == 0 || a.nsyms > 1024, "nsyms=" + num(a.nsyms) + " exceeds maximum of 1024");
+        test(a.nsyms == 0 || a.nsyms > 1024, "nsyms=" + to_string(a.nsyms) + " exceeds maximum of 1024");
         test(a.foreign, test_context::wrong_thread());
         test(a.contig && place(a.buf) % 16, "buf=" + pointer_text(a.buf) + " is not 16 byte aligned");
-        test(a.contig && a.relaid && a.length > 4098, "length=" + num(a.length) + " exceeds maximum of 4098");
-        test(a.contig && a.length > longest,
-             "zip dictionary length sum " + num(a.length) + "greater than maximum allowed bytes of " + num(longest));
+        test(a.contig && a.relaid && a.length > 4098, "length=" + to_string(a.length) + " exceeds maximum of 4098");
+        test(a.contig && a.length > longest, "zip dictionary length sum " + to_string(a.length) +
+                                                 "greater than maximum allowed bytes of " + to_string(longest));
     }
     if (!(a.debug & KEL_DEBUG_EXTRA) || !lines.empty())
         return lines;
@@ -128,9 +124,9 @@ lines_t reports(const attempt &a)
         rows[code % 256] += a.widths[code];
     const auto row = std::find_if(rows, rows + 255, [](unsigned sum) { return sum > 14; });
     test(a.version == 1 && *row > 14, "zip dictionary symbol length sum starting at symbol " +
-                                          num(static_cast<uint64_t>(row - rows)) + " is " + num(*row) +
+                                          to_string(static_cast<uint64_t>(row - rows)) + " is " + to_string(*row) +
                                           ", which exceeds the maximum of 14 bytes");
-    test(a.contig && a.length != right, "invalid length=" + num(a.length) + "; should be " + num(right));
+    test(a.contig && a.length != right, "invalid length=" + to_string(a.length) + "; should be " + to_string(right));
     return lines;
 }
 
@@ -175,7 +171,8 @@ void check_end(test_context &ctx, kel_zip_t *codec, const bytes_t &image, bool f
         if (refused)
             lines.push_back(test_context::wrong_thread());
         else if (expected && (ctx->debug_options || ctx->log.options)) // without any option nothing is reported
-            lines.push_back("Contig buffer overflow. buffer size = " + num(room) + ", needed = " + num(size));
+            lines.push_back("Contig buffer overflow. buffer size = " + to_string(room) +
+                            ", needed = " + to_string(size));
     }
     EXPECT_EQ(kel_zip_free(ctx, codec), kept ? KEL_ETHREAD : KEL_SUCCESS);
     if (kept) {
@@ -189,7 +186,7 @@ TEST(codecs, agree_with_the_model)
     random_source random(1);
     for (unsigned turn = 0; turn < 12000 && !HasFailure(); turn++) {
         const attempt a = make_attempt(random);
-        SCOPED_TRACE("turn " + num(turn) + ", version " + num(a.version) + ", debug " + num(a.debug));
+        SCOPED_TRACE("turn " + to_string(turn) + ", version " + to_string(a.version) + ", debug " + to_string(a.debug));
         block_store store = {turn % 8};
         const kel_init_options_t allocator = store.options();
         const bool logged = !random.one_in(3);
@@ -230,17 +227,17 @@ TEST(codecs, entry_and_return_lines)
     alignas(16) uint8_t image[16] = {0, 1, 0x10, 'A'};
     size_t length = sizeof image;
     kel_zip_t *codec = nullptr;
-    kel_zip_create(ctx, 1, image + 2, image + 3, &codec);
+    EXPECT_EQ(kel_zip_create(ctx, 1, image + 2, image + 3, &codec), KEL_SUCCESS);
     const std::string context = "(): ctx=" + pointer_text(ctx.ctx), made = "codec=" + pointer_text(codec);
-    kel_zip_get_contig(ctx, codec, image, &length);
+    EXPECT_EQ(kel_zip_get_contig(ctx, codec, image, &length), KEL_SUCCESS);
     EXPECT_EQ(hex(image, length), "00011041");
-    kel_zip_free(ctx, codec);
-    kel_zip_create_contig(ctx, image, length, &codec);
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_SUCCESS);
+    EXPECT_EQ(kel_zip_create_contig(ctx, image, length, &codec), KEL_SUCCESS);
     const std::string remade = "codec=" + pointer_text(codec), buf = "buf=" + pointer_text(image);
     ctx.disown();
-    kel_zip_free(ctx, codec);
+    EXPECT_EQ(kel_zip_free(ctx, codec), KEL_ETHREAD);
     zip_free(ctx, codec);
-    kel_zip_create_contig(ctx, image, length, &codec);
+    EXPECT_EQ(kel_zip_create_contig(ctx, image, length, &codec), KEL_EINVAL);
     const std::string to = "&codec=" + pointer_text(&codec);
     const std::string from_image = "kel_zip_create_contig" + context + ", " + buf + ", \n  length=4, " + to;
     EXPECT_EQ(ctx.messages(), (lines_t{"kel_zip_create" + context + ", nsyms=1, \n  widths=" + pointer_text(image + 2) +
