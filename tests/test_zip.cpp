@@ -1,5 +1,4 @@
 // Codecs: their images, the rules that these obey, export, release, memory.
-#include "kel_text.h"
 #include "kel_zip.h"
 #include "support.h"
 #include <algorithm>
