@@ -34,7 +34,7 @@ tsan: test-tools
 	cmake --preset tsan $(CMAKE_FLAGS)
 	cmake --build build/tsan -j $(JOBS) --target soak test_init
 	ctest --preset tsan -R '^thread\.'
-	build/tsan/tests/soak 10 1 24
+	build/tsan/tests/soak 10 1 256
 
 # Which lines of the library no test reaches.
 coverage: coverage-tools
