@@ -90,11 +90,6 @@ struct extract_op {
     }
 };
 
-kel_result_t extract_exec(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst)
-{
-    return exec<extract_op>(ctx, flags, {src, dst});
-}
-
 kel_result_t kel_extract(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst)
 {
     return kel_execute<extract_op>(ctx, flags, {src, dst});

@@ -101,96 +101,267 @@ static inline void kel_put_field(void *stream, uint64_t bit, uint32_t bits, uint
  * @{
  */
 
-/** @cond inner loops */
+/** @cond inner loops
+ *
+ * Values are handled in words of the host: a lane of a word is a value, the first one the lowest. Joining the lanes
+ * makes one field of their elements, the first one on top, and splitting a field makes lanes of it, so that a stream is
+ * written and read by fields of several elements. What stands in the loops is inlined with a constant width of lanes,
+ * so that no loop has a test of it; steps go over a batch each on its own, so that compilers can make vector
+ * instructions of them. */
 
-/* What stands in the loops is inlined with a constant value_width, so that no loop has a test of it. */
 #define KEL_PACK_INLINE static inline __attribute__((always_inline))
 
-KEL_PACK_INLINE uint64_t kel_host_value(const void *values, size_t value_width, uint64_t at)
+#define KEL_PACK_BATCH 64 /* words */
+
+/* The lowest bits, of which there is at least one. */
+KEL_PACK_INLINE uint64_t kel_ones(uint32_t bits)
+{
+    return UINT64_MAX >> (64 - bits);
+}
+
+/* A number in every lane of so many bits. */
+KEL_PACK_INLINE uint64_t kel_in_lanes(uint32_t lane, uint64_t number)
+{
+    return UINT64_MAX / kel_ones(lane) * (number & kel_ones(lane));
+}
+
+/* The sums of lanes. Their top bits are added on their own, so that nothing is carried to the next lane. */
+KEL_PACK_INLINE uint64_t kel_add_lanes(uint64_t word, uint32_t lane, uint64_t term)
+{
+    const uint64_t tops = kel_in_lanes(lane, UINT64_C(1) << (lane - 1));
+    return term ? ((word & ~tops) + (term & ~tops)) ^ ((word ^ term) & tops) : word;
+}
+
+/* Two neighbours, numbers of so many bits in lanes, to one number, the first one on top; and back. */
+KEL_PACK_INLINE uint64_t kel_join_pairs(uint64_t word, uint32_t lane, uint32_t bits)
+{
+    const uint64_t first = kel_in_lanes(2 * lane, kel_ones(lane));
+    return (word & first) << bits | (word >> lane & first);
+}
+
+KEL_PACK_INLINE uint64_t kel_split_pairs(uint64_t word, uint32_t lane, uint32_t bits)
+{
+    const uint64_t second = kel_in_lanes(2 * lane, kel_ones(bits));
+    return (word >> bits & second) | (word & second) << lane;
+}
+
+KEL_PACK_INLINE uint64_t kel_join_lanes(uint64_t word, uint32_t lane, uint32_t bits)
+{
+    if (lane <= 8)
+        word = kel_join_pairs(word, 8, bits);
+    if (lane <= 16)
+        word = kel_join_pairs(word, 16, 16 / lane * bits);
+    return lane <= 32 ? kel_join_pairs(word, 32, 32 / lane * bits) : word;
+}
+
+/* Bits above the field are left out. */
+KEL_PACK_INLINE uint64_t kel_split_lanes(uint64_t word, uint32_t lane, uint32_t bits)
+{
+    if (lane == 64)
+        return word & kel_ones(bits);
+    word = kel_split_pairs(word, 32, 32 / lane * bits);
+    if (lane <= 16)
+        word = kel_split_pairs(word, 16, 16 / lane * bits);
+    return lane <= 8 ? kel_split_pairs(word, 8, bits) : word;
+}
+
+/* A value, or a word of them. */
+KEL_PACK_INLINE uint64_t kel_load_value(const uint8_t *from, size_t width)
 {
     uint64_t value = 0;
-    memcpy(&value, (const uint8_t *)values + at * value_width, value_width);
+    memcpy(&value, from, width);
     return value;
 }
 
-KEL_PACK_INLINE void kel_set_host_value(void *values, size_t value_width, uint64_t at, uint64_t value)
+/* Values to elements of their width, or back: a number is added before and after the bytes are put in the opposite
+ * order. */
+KEL_PACK_INLINE void kel_swap_values(uint8_t *to, const uint8_t *from, uint64_t count, uint32_t lane, uint64_t before,
+                                     uint64_t after)
 {
-    memcpy((uint8_t *)values + at * value_width, &value, value_width);
+    uint16_t two;
+    uint32_t four;
+    uint64_t eight;
+    for (const uint8_t *end = from + count * lane / 8; from != end; from += lane / 8, to += lane / 8)
+        switch (lane) {
+        case 8:
+            *to = (uint8_t)(*from + before + after);
+            break;
+        case 16:
+            memcpy(&two, from, 2);
+            two = (uint16_t)(__builtin_bswap16((uint16_t)(two + before)) + after);
+            memcpy(to, &two, 2);
+            break;
+        case 32:
+            memcpy(&four, from, 4);
+            four = (uint32_t)(__builtin_bswap32((uint32_t)(four + before)) + after);
+            memcpy(to, &four, 4);
+            break;
+        default:
+            memcpy(&eight, from, 8);
+            eight = __builtin_bswap64(eight + before) + after;
+            memcpy(to, &eight, 8);
+        }
 }
 
-/* The element that a value makes. */
-KEL_PACK_INLINE uint64_t kel_element_of(const void *values, size_t value_width, uint64_t at, uint64_t base)
+/* A stream that is written: the word behind its bytes has so many free bits, the lowest ones. */
+typedef struct {
+    uint8_t *out;
+    uint64_t word;
+    uint32_t room;
+} kel_stream_t;
+
+static inline kel_stream_t kel_open_stream(void *data, uint64_t bit)
 {
-    return (kel_host_value(values, value_width, at) - base) & UINT64_MAX >> (64 - 8 * value_width);
+    kel_stream_t stream = {(uint8_t *)data + bit / 8, 0, 64 - (uint32_t)(bit % 8)};
+    if (bit % 8)
+        stream.word = (uint64_t)(*stream.out & (0xff00u >> bit % 8)) << 56;
+    return stream;
 }
 
-/* The union of the bits of all elements that values will make. */
-KEL_PACK_INLINE uint64_t kel_pack_union(const void *values, size_t value_width, uint64_t count, uint64_t base)
+static inline void kel_flush_bytes(kel_stream_t *to)
 {
-    uint64_t all = 0;
-    for (uint64_t i = 0; i < count; i++)
-        all |= kel_element_of(values, value_width, i, base);
-    return all;
+    for (; to->room <= 56; to->room += 8, to->word <<= 8)
+        *to->out++ = (uint8_t)(to->word >> 56);
 }
 
-/* Packs elements that fill whole bytes, as eights do: they are gathered in a word, the first one on top. */
-KEL_PACK_INLINE void kel_pack_bytes(uint8_t *out, uint32_t bits, uint64_t count, const void *values, size_t value_width,
-                                    uint64_t base)
+static inline void kel_close_stream(kel_stream_t *to)
 {
-    uint64_t word = 0;
-    uint32_t room = 64; /* bits of the word that are free */
-    for (uint64_t i = 0; i < count; i++) {
-        const uint64_t element = kel_element_of(values, value_width, i, base);
-        if (bits < room) {
-            room -= bits;
-            word |= element << room;
+    kel_flush_bytes(to);
+    if (to->room < 64)
+        *to->out = (uint8_t)(to->word >> 56 | (*to->out & 0xffu >> (64 - to->room)));
+}
+
+KEL_PACK_INLINE void kel_put_word(uint8_t *to, uint64_t word)
+{
+    word = __builtin_bswap64(word);
+    memcpy(to, &word, 8);
+}
+
+static inline void kel_append_fields(kel_stream_t *stream, const uint64_t *fields, uint64_t n, uint32_t bits)
+{
+    kel_stream_t to = *stream;
+    const uint64_t *end = fields + n;
+    if (bits % 8 == 0 && to.room % 8 == 0) /* whole bytes: a word may pass the field's end if the next ones go there */
+        for (kel_flush_bytes(&to); (uint64_t)(end - fields) * bits >= 64; fields++, to.out += bits / 8)
+            kel_put_word(to.out, *fields << (64 - bits));
+    for (; fields != end; fields++) {
+        if (bits < to.room) {
+            to.room -= bits;
+            to.word |= *fields << to.room;
             continue;
         }
-        const uint32_t over = bits - room;
-        word = __builtin_bswap64(word | element >> over);
-        memcpy(out, &word, 8);
-        out += 8;
-        room = 64 - over;
-        word = over ? element << room : 0;
+        const uint32_t over = bits - to.room;
+        kel_put_word(to.out, to.word | *fields >> over);
+        to.out += 8;
+        to.room = 64 - over;
+        to.word = over ? *fields << to.room : 0;
     }
-    for (; room < 64; room += 8, word <<= 8)
-        *out++ = (uint8_t)(word >> 56);
+    *stream = to;
+}
+
+/* Whether all values make elements of so many bits. */
+KEL_PACK_INLINE int kel_values_fit(const uint8_t *values, uint64_t count, uint32_t lane, uint64_t base, uint32_t bits)
+{
+    const uint64_t size = count * lane / 8, term = kel_in_lanes(lane, -base);
+    uint64_t all = 0, at = 0;
+    if (bits >= lane)
+        return 1;
+    for (; at + 8 <= size; at += 8)
+        all |= kel_add_lanes(kel_load_value(values + at, 8), lane, term);
+    for (; at < size; at += lane / 8)
+        all |= (kel_load_value(values + at, lane / 8) - base) & kel_ones(lane);
+    return !(all & ~kel_in_lanes(lane, kel_ones(bits)));
 }
 
 KEL_PACK_INLINE kel_status_t kel_pack_values(const kel_vec_t *vec, uint64_t first, uint64_t count, const void *values,
-                                             size_t value_width, uint64_t base)
+                                             uint32_t lane, uint64_t base)
 {
-    const uint32_t bits = (uint32_t)kel_element_bits(vec);
-    if (bits < 64 && kel_pack_union(values, value_width, count, base) >> bits)
+    const uint32_t bits = (uint32_t)kel_element_bits(vec), in_word = 64 / lane;
+    const uint64_t bit = vec->offset + first * bits, term = kel_in_lanes(lane, -base);
+    uint64_t words = count / in_word, more = count % in_word;
+    const uint8_t *from = (const uint8_t *)values;
+    if (count == 0)
+        return KEL_SUCCESS;
+    __asm__("" : "+r"(from)); /* a compiler that sees a short array warns of loads that are not reached */
+    if (!kel_values_fit(from, count, lane, base, bits))
         return KEL_EDATASIZE;
-    uint64_t bit = vec->offset + first * bits, i = 0;
-    for (; i < count && bit % 8; i++, bit += bits)
-        kel_put_field(vec->data, bit, bits, kel_element_of(values, value_width, i, base));
-    const uint64_t eights = (count - i) / 8 * 8;
-    kel_pack_bytes((uint8_t *)vec->data + bit / 8, bits, eights, (const uint8_t *)values + i * value_width, value_width,
-                   base);
-    for (i += eights, bit += eights * bits; i < count; i++, bit += bits)
-        kel_put_field(vec->data, bit, bits, kel_element_of(values, value_width, i, base));
+    if (bits == lane && bit % 8 == 0) {
+        kel_swap_values((uint8_t *)vec->data + bit / 8, from, count, lane, -base, 0);
+        return KEL_SUCCESS;
+    }
+    if (bits > lane) { /* elements that have no room in a lane */
+        more = count;
+        words = 0;
+    }
+    kel_stream_t stream = kel_open_stream(vec->data, bit);
+    uint64_t batch[KEL_PACK_BATCH];
+    for (uint64_t n; words > 0; words -= n, from += 8 * n) {
+        n = words < KEL_PACK_BATCH ? words : KEL_PACK_BATCH;
+        for (uint64_t i = 0; i < n; i++)
+            batch[i] = kel_join_lanes(kel_add_lanes(kel_load_value(from + 8 * i, 8), lane, term), lane, bits);
+        kel_append_fields(&stream, batch, n, in_word * bits);
+    }
+    for (; more > 0; more--, from += lane / 8) {
+        const uint64_t element = (kel_load_value(from, lane / 8) - base) & kel_ones(lane);
+        kel_append_fields(&stream, &element, 1, bits);
+    }
+    kel_close_stream(&stream);
     return KEL_SUCCESS;
 }
 
-KEL_PACK_INLINE kel_status_t kel_unpack_values(const kel_vec_t *vec, uint64_t first, uint64_t count, void *values,
-                                               size_t value_width, uint64_t base)
+/* The field at bit shift of a byte, with bits of the stream above it. Nine bytes may be read. */
+KEL_PACK_INLINE uint64_t kel_load_field(const uint8_t *from, uint32_t shift, uint32_t bits)
 {
-    const uint32_t bits = (uint32_t)kel_element_bits(vec);
-    uint64_t bit = vec->offset + first * bits, i = 0;
-    const uint64_t bytes = (bit + count * bits) / 8; /* whole ones, up to the end */
-    const uint8_t *data = (const uint8_t *)vec->data;
-    for (; i < count && bit / 8 + 9 <= bytes; i++, bit += bits) {
-        uint64_t word;
-        memcpy(&word, data + bit / 8, 8);
-        word = __builtin_bswap64(word) << bit % 8;
-        if (bits > 57)
-            word |= (uint64_t)data[bit / 8 + 8] >> (8 - bit % 8);
-        kel_set_host_value(values, value_width, i, (word >> (64 - bits)) + base);
+    const uint64_t word = __builtin_bswap64(kel_load_value(from, 8));
+    return shift + bits <= 64 ? word >> (64 - shift - bits)
+                              : word << (shift + bits - 64) | from[8] >> (72 - shift - bits);
+}
+
+/* Reads fields of in_word elements from a bit of the stream on, which has end bytes. Eight elements take as many bytes
+ * as one has bits, so that fields of one place among the eight have one shift. */
+static inline void kel_read_fields(uint64_t *fields, uint64_t n, const uint8_t *data, uint64_t bit, uint64_t end,
+                                   uint32_t bits, uint32_t in_word)
+{
+    const uint32_t in_eight = 8 / in_word, field_bits = in_word * bits;
+    uint64_t loadable = n / in_eight * in_eight;
+    while (loadable > 0 && (bit + (loadable - 1) * field_bits) / 8 + 9 > end)
+        loadable -= in_eight;
+    for (uint64_t place = 0; place < in_eight; place++) {
+        const uint64_t start = bit + place * field_bits;
+        const uint8_t *from = data + start / 8;
+        for (uint64_t i = place; i < loadable; i += in_eight, from += bits)
+            fields[i] = kel_load_field(from, start % 8, field_bits);
     }
-    for (; i < count; i++, bit += bits)
-        kel_set_host_value(values, value_width, i, kel_get_field(data, bit, bits) + base);
+    for (uint64_t i = loadable; i < n; i++)
+        fields[i] = kel_get_field(data, bit + i * field_bits, field_bits);
+}
+
+KEL_PACK_INLINE kel_status_t kel_unpack_values(const kel_vec_t *vec, uint64_t first, uint64_t count, void *values,
+                                               uint32_t lane, uint64_t base)
+{
+    const uint32_t bits = (uint32_t)kel_element_bits(vec), in_word = 64 / lane;
+    const uint8_t *data = (const uint8_t *)vec->data;
+    uint64_t bit = vec->offset + first * bits;
+    const uint64_t end = (bit + count * bits) / 8, term = kel_in_lanes(lane, base);
+    uint8_t *to = (uint8_t *)values;
+    if (bits == lane && bit % 8 == 0) {
+        if (count > 0)
+            kel_swap_values(to, data + bit / 8, count, lane, 0, base);
+        return KEL_SUCCESS;
+    }
+    uint64_t batch[KEL_PACK_BATCH];
+    for (uint64_t words = count / in_word, n; words > 0; words -= n, bit += n * in_word * bits) {
+        n = words < KEL_PACK_BATCH ? words : KEL_PACK_BATCH;
+        kel_read_fields(batch, n, data, bit, end, bits, in_word);
+        for (uint64_t i = 0; i < n; i++, to += 8) {
+            const uint64_t word = kel_add_lanes(kel_split_lanes(batch[i], lane, bits), lane, term);
+            memcpy(to, &word, 8);
+        }
+    }
+    for (uint64_t more = count % in_word; more > 0; more--, bit += bits, to += lane / 8) {
+        const uint64_t value = kel_get_field(data, bit, bits) + base;
+        memcpy(to, &value, lane / 8);
+    }
     return KEL_SUCCESS;
 }
 
@@ -218,13 +389,13 @@ static inline kel_status_t kel_pack(const kel_vec_t *vec, uint64_t first, uint64
         return KEL_EINVAL;
     switch (value_width) {
     case 1:
-        return kel_pack_values(vec, first, count, values, 1, base);
-    case 2:
-        return kel_pack_values(vec, first, count, values, 2, base);
-    case 4:
-        return kel_pack_values(vec, first, count, values, 4, base);
-    case 8:
         return kel_pack_values(vec, first, count, values, 8, base);
+    case 2:
+        return kel_pack_values(vec, first, count, values, 16, base);
+    case 4:
+        return kel_pack_values(vec, first, count, values, 32, base);
+    case 8:
+        return kel_pack_values(vec, first, count, values, 64, base);
     default:
         return KEL_EINVAL;
     }
@@ -246,13 +417,13 @@ static inline kel_status_t kel_unpack(const kel_vec_t *vec, uint64_t first, uint
         return KEL_EDATASIZE;
     switch (value_width) {
     case 1:
-        return kel_unpack_values(vec, first, count, values, 1, base);
-    case 2:
-        return kel_unpack_values(vec, first, count, values, 2, base);
-    case 4:
-        return kel_unpack_values(vec, first, count, values, 4, base);
-    case 8:
         return kel_unpack_values(vec, first, count, values, 8, base);
+    case 2:
+        return kel_unpack_values(vec, first, count, values, 16, base);
+    case 4:
+        return kel_unpack_values(vec, first, count, values, 32, base);
+    case 8:
+        return kel_unpack_values(vec, first, count, values, 64, base);
     default:
         return KEL_EINVAL;
     }
@@ -379,6 +550,7 @@ static inline size_t kel_text_at(const kel_vec_t *vec, uint64_t at, const char *
 
 /** @} */
 
+#undef KEL_PACK_BATCH
 #undef KEL_PACK_INLINE
 
 #ifdef __cplusplus

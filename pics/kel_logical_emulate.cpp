@@ -1,12 +1,11 @@
 // And, or, xor of bit vectors, eight bytes at a time in plain registers.
 //
 // A source with an offset o is a stream of bytes: the bits of a byte from bit o up, then the low o bits of the byte
-// behind it. On a little-endian processor that is what a shift of whole words does, so that a source that starts at any
-// address and offset is read by aligned loads, two shifts and an OR.
+// behind it. On a little-endian processor that is what a shift of whole words does: a word of the stream is two loads,
+// one byte apart, two shifts and an OR. Nothing is loaded that holds no bit of the stream.
 #include "kel_init.h"
 #include "kel_io.h"
 #include "kel_logical.h"
-#include <utility>
 
 static_assert(std::endian::native == std::endian::little);
 
@@ -20,7 +19,7 @@ inline uint64_t load_word(const uint8_t *address)
     return word;
 }
 
-// A source as a stream of bytes.
+// A source as a stream of bytes, and of words at any byte.
 struct source_bytes {
     const uint8_t *data;
     unsigned offset;
@@ -32,53 +31,13 @@ struct source_bytes {
         return static_cast<uint8_t>(kel_shr(data[j], offset) | kel_shl(data[j + 1], 8 - offset));
     }
 
-    // Whether its words are not words of memory.
-    bool shifted() const
+    template <bool shifted>
+    uint64_t word(uint64_t j) const
     {
-        return reinterpret_cast<uintptr_t>(data) % 8 != 0 || offset != 0;
-    }
-};
-
-// The words of a source.
-template <bool shifted>
-class source_words
-{
-  public:
-    explicit source_words(const source_bytes &bytes)
-        : from(bytes.data), shift(static_cast<unsigned>(reinterpret_cast<uintptr_t>(from) % 8 * 8 + bytes.offset))
-    {
-        if constexpr (shifted) {
-            from -= reinterpret_cast<uintptr_t>(from) % 8;
-            held = load();
-        }
-    }
-
-    uint64_t next()
-    {
-        const uint64_t word = load();
         if constexpr (!shifted)
-            return word;
-        return kel_shr(std::exchange(held, word), shift) | kel_shl(word, 64 - shift);
+            return load_word(data + j);
+        return load_word(data + j) >> offset | load_word(data + j + 1) << (8 - offset);
     }
-
-    void prefetch() const
-    {
-        __builtin_prefetch(from + prefetch_bytes);
-    }
-
-  private:
-    static constexpr unsigned prefetch_bytes = 256;
-
-    uint64_t load()
-    {
-        const uint64_t word = load_word(from);
-        from += 8;
-        return word;
-    }
-
-    const uint8_t *from;
-    unsigned shift;
-    uint64_t held = 0;
 };
 
 // What is done to each pair of words: the second one is complemented, the two are joined, the result is complemented.
@@ -103,24 +62,29 @@ inline uint64_t popc_parallel(uint64_t word)
     return popc_words_parallel(&word, 1);
 }
 
-// Writes n words and answers the number of their ones.
+// Writes the words from byte j to byte end and answers the number of their ones.
 template <int op, bool shifted1, bool shifted2, bool popcnt>
 [[gnu::always_inline]] inline uint64_t logical_words(const operation_t &operation, const source_bytes &src1,
                                                      const source_bytes &src2, uint8_t *dst, uint64_t n)
 {
-    source_words<shifted1> words1(src1);
-    source_words<shifted2> words2(src2);
+    constexpr unsigned line = 64, ahead = 4 * line; // bytes
+    const auto [invert_src, invert] = operation;
+    const auto make = [=](uint64_t j) {
+        const uint64_t b = src2.word<shifted2>(j) ^ invert_src;
+        const uint64_t word = join<op>(src1.word<shifted1>(j), b) ^ invert;
+        memcpy(dst + j, &word, sizeof word);
+        return popcnt ? static_cast<uint64_t>(__builtin_popcountll(word)) : popc_parallel(word);
+    };
+    uint64_t j = 0;
     uint64_t count = 0;
-    for (; n > 0; n--, dst += 8) {
-        words1.prefetch();
-        const uint64_t b = words2.next() ^ operation.invert_src;
-        const uint64_t word = join<op>(words1.next(), b) ^ operation.invert;
-        memcpy(dst, &word, sizeof word);
-        if constexpr (popcnt)
-            count += static_cast<uint64_t>(__builtin_popcountll(word));
-        else
-            count += popc_parallel(word);
+    for (; j + line <= 8 * n; j += line) {
+        __builtin_prefetch(src1.data + j + ahead);
+#pragma GCC unroll 8
+        for (unsigned i = 0; i < line; i += 8)
+            count += make(j + i);
     }
+    for (; j < 8 * n; j += 8)
+        count += make(j);
     return count;
 }
 
@@ -128,11 +92,11 @@ template <int op, bool popcnt>
 [[gnu::always_inline]] inline uint64_t choose_words(const operation_t &operation, const source_bytes &src1,
                                                     const source_bytes &src2, uint8_t *dst, uint64_t n)
 {
-    if (!src1.shifted())
-        return src2.shifted() ? logical_words<op, false, true, popcnt>(operation, src1, src2, dst, n)
-                              : logical_words<op, false, false, popcnt>(operation, src1, src2, dst, n);
-    return src2.shifted() ? logical_words<op, true, true, popcnt>(operation, src1, src2, dst, n)
-                          : logical_words<op, true, false, popcnt>(operation, src1, src2, dst, n);
+    if (src1.offset == 0)
+        return src2.offset ? logical_words<op, false, true, popcnt>(operation, src1, src2, dst, n)
+                           : logical_words<op, false, false, popcnt>(operation, src1, src2, dst, n);
+    return src2.offset ? logical_words<op, true, true, popcnt>(operation, src1, src2, dst, n)
+                       : logical_words<op, true, false, popcnt>(operation, src1, src2, dst, n);
 }
 
 template <int op>
