@@ -88,10 +88,9 @@ kel_status_t put_run_blocks(Sink &sink, const uint64_t *masks, uint64_t elements
 // ---- The kernel -----------------------------------------------------------------------------------------------------
 
 // Calls put(masks, elements) with all mask words, batch by batch.
-template <class Test, class Put>
-kel_status_t for_all_masks(const kernel_t &kernel, const Test &test, const Put &put)
+template <class Source, class Put>
+kel_status_t for_all_masks(Source &source, const Put &put)
 {
-    mask_source<Test> source(kernel.set(), kernel.src, test);
     uint64_t masks[block_batch];
     kel_status_t status = KEL_SUCCESS;
     while (status == KEL_SUCCESS) {
@@ -108,16 +107,16 @@ kel_status_t mask_kernel(const kernel_t &kernel, const Test &test)
 {
     Sink to(kernel);
     progress_t progress;
+    mask_source<Test> source(kernel.set(), kernel.src, test);
     kel_status_t status;
     if (kernel.src->format & KEL_RLE) {
         run_source runs(kernel.set(), kernel.src);
-        status = for_all_masks(kernel, test, [&](const uint64_t *masks, uint64_t elements) {
+        status = for_all_masks(source, [&](const uint64_t *masks, uint64_t elements) {
             return put_run_blocks(to, masks, elements, runs, progress);
         });
     } else {
-        status = for_all_masks(kernel, test, [&](uint64_t *masks, uint64_t elements) {
-            return put_blocks(to, masks, elements, progress);
-        });
+        status = for_all_masks(
+            source, [&](uint64_t *masks, uint64_t elements) { return put_blocks(to, masks, elements, progress); });
     }
     return finish(kernel, to, status, progress);
 }
@@ -134,13 +133,20 @@ inline bool takes_blocks(const kel_vec_t *dst, bool ones)
     return !ones || index_bits(dst) == 16 || index_bits(dst) == 32;
 }
 
+// Calls run<Sink>() with the sink of a destination that takes blocks.
+template <class Run>
+kel_status_t with_block_sink(const kel_vec_t *dst, bool ones, const Run &run)
+{
+    if (!ones)
+        return run.template operator()<bit_sink>();
+    return index_bits(dst) == 16 ? run.template operator()<entry_sink<uint16_t>>()
+                                 : run.template operator()<entry_sink<uint32_t>>();
+}
+
 template <class Test>
 kel_status_t mask_kernel(const kernel_t &kernel, const Test &test, bool ones)
 {
-    if (!ones)
-        return mask_kernel<bit_sink>(kernel, test);
-    return index_bits(kernel.dst) == 16 ? mask_kernel<entry_sink<uint16_t>>(kernel, test)
-                                        : mask_kernel<entry_sink<uint32_t>>(kernel, test);
+    return with_block_sink(kernel.dst, ones, [&]<class Sink>() { return mask_kernel<Sink>(kernel, test); });
 }
 
 } // namespace

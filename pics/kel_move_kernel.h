@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kel_sink.h"
+#include "kel_text.h"
 #include <bit>
 
 namespace
@@ -81,14 +82,14 @@ inline unsigned mask_offset(const kel_vec_t *mask)
     return mask->format & KEL_ZIP ? 0 : mask->offset;
 }
 
-inline kel_status_t general_move(const move_t &move, kel_type_t type, kel_fmt_t fmt)
+// What puts an element that the mask, if there is one, does not leave out.
+inline auto move_visitor(const move_t &move, element_sink &to)
 {
-    element_sink to(move);
-    kel_input_t mask = {};
+    kel_input_t bits_of_mask = {};
     if (move.mask && move.src->elements != 0)
-        kelio_buf_input(move.mask->data, mask_offset(move.mask), &mask);
-    return general_kernel(move, to, type, fmt, [&]<class Type>(progress_t &progress) {
-        return [&](const typename Type::word &element, uint64_t bits, uint64_t run) {
+        kelio_buf_input(move.mask->data, mask_offset(move.mask), &bits_of_mask);
+    return [&, bits_of_mask]<class Type>(progress_t &progress) {
+        return [&, mask = bits_of_mask](const typename Type::word &element, uint64_t bits, uint64_t run) mutable {
             if (move.mask) {
                 if (!kelio_get_bits(&mask, 1))
                     return KEL_SUCCESS;
@@ -96,7 +97,13 @@ inline kel_status_t general_move(const move_t &move, kel_type_t type, kel_fmt_t 
             }
             return to.put<Type>(element, bits, run);
         };
-    });
+    };
+}
+
+inline kel_status_t general_move(const move_t &move, kel_type_t type, kel_fmt_t fmt)
+{
+    element_sink to(move);
+    return general_kernel(move, to, type, fmt, move_visitor(move, to));
 }
 
 // ---- The road of blocks ---------------------------------------------------------------------------------------------
@@ -113,13 +120,18 @@ inline bool unchanged(const move_t &move)
     return kel_width_bits(move.src) == written_bits(move) && move.src->offset == 0;
 }
 
+// Whether the destination takes whole elements as they come.
+inline bool takes_whole(const move_t &move)
+{
+    const uint64_t bits = written_bits(move);
+    return kel_power_of_two(bits) && bits >= 8 && bits <= 8 * kel_max_elem_bytes && !move.var_dst();
+}
+
 // Whether the elements can be moved by blocks: plain fields, or what needs no change, to whole elements.
 inline bool moves_by_blocks(const move_t &move, kel_fmt_t fmt)
 {
-    const uint64_t bits = written_bits(move);
-    const bool whole = kel_power_of_two(bits) && bits >= 8 && bits <= 8 * kel_max_elem_bytes;
     const bool readable = plain_fields(move.src) || unchanged(move);
-    return whole && fmt == kel_fmt_fixed && readable && !move.var_dst() &&
+    return takes_whole(move) && fmt == kel_fmt_fixed && readable &&
            (!move.mask || mask_offset(move.mask) <= kel_max_offset);
 }
 
@@ -137,13 +149,13 @@ class byte_sink : public sink
     }
 
     // Leaves the writer as one of bits would be after count elements. That holds back the last word, even a whole one,
-    // which makes a difference only in a full destination, and in one that is not aligned.
-    void written(uint64_t count)
+    // which makes a difference only in a full destination, in one that is not aligned, and if more elements follow.
+    void written(uint64_t count, bool followed = false)
     {
         const uint64_t size = count * bytes;
         if (size == 0)
             return;
-        const bool held = size % 8 != 0 || count >= room || !aligned;
+        const bool held = size % 8 != 0 || count >= room || !aligned || followed;
         out.buf += (size - held) / 8;
         if (!held)
             return;
@@ -179,6 +191,99 @@ inline kel_status_t extract_blocks(const move_t &move)
     to.written(moved);
     return finish(move, to, overflow ? KEL_EOVERFLOW : KEL_SUCCESS, {moved, moved + overflow, 0});
 }
+
+// ---- Texts ----------------------------------------------------------------------------------------------------------
+
+// A destination element of 16 bytes.
+typedef uint64_t two_words_t __attribute__((vector_size(16)));
+
+// How texts become destination elements: one is loaded so that its bytes are where they have to be, and those around it
+// are cleared.
+template <class Word>
+class text_adapter
+{
+  public:
+    explicit text_adapter(bool left)
+    {
+        for (unsigned i = 0; i < longest_text; i++) {
+            const size_t cleared = sizeof(Word) - std::min<size_t>(i + 1, sizeof(Word));
+            before[i] = static_cast<uint8_t>(left ? 0 : cleared);
+            memset(&kept[i], 0, sizeof kept[i]);
+            memset(reinterpret_cast<uint8_t *>(&kept[i]) + before[i], 0xff, sizeof(Word) - cleared);
+        }
+    }
+
+    void put(const texts_t &texts, uint8_t *to) const
+    {
+        for (unsigned group = 0; group < 8; group++) {
+            const uint8_t *const first = texts.data + texts.groups[group];
+            for (unsigned i = 8 * group; i < 8 * group + 8; i++, to += sizeof(Word)) {
+                Word word;
+                const unsigned length = texts.lengths[i];
+                memcpy(&word, first + texts.within[i] - before[length], sizeof word);
+                word &= kept[length];
+                memcpy(to, &word, sizeof word);
+            }
+        }
+    }
+
+  private:
+    Word kept[longest_text];      // by length less 1, as all tables
+    uint8_t before[longest_text]; // bytes that are loaded before a text
+};
+
+// By blocks as far as there are texts.
+template <class Word>
+kel_status_t extract_texts(const move_t &move)
+{
+    const text_adapter<Word> adapter(move.flags & KEL_PAD);
+    byte_sink to(move, sizeof(Word));
+    text_source source(move.set(), move.src);
+    progress_t progress;
+    auto *dst = static_cast<uint8_t *>(move.dst->data);
+    kel_status_t status = KEL_SUCCESS;
+    while (const uint64_t elements = status == KEL_SUCCESS ? source.next() : 0) {
+        const uint64_t moved = std::min(elements, to.room - progress.stored);
+        for (uint64_t left = moved, block = 0; left > 0; block++) {
+            const uint64_t in_block = std::min<uint64_t>(left, block_elements);
+            uint8_t part[block_elements * sizeof(Word)];
+            const bool whole = in_block == block_elements;
+            adapter.put(source.block(block), whole ? dst : part);
+            if (!whole)
+                memcpy(dst, part, in_block * sizeof(Word));
+            dst += in_block * sizeof(Word);
+            left -= in_block;
+        }
+        progress.stored += moved;
+        if (moved < elements)
+            status = KEL_EOVERFLOW;
+    }
+    progress.processed = progress.stored + (status != KEL_SUCCESS);
+    to.written(progress.stored, true);
+    element_sink rest(move);
+    rest.out = to.out;
+    if (status == KEL_SUCCESS)
+        status = walk_into<uint128_unalign>(move, rest, true, false, progress, move_visitor(move, rest));
+    return finish(move, rest, status, progress);
+}
+
+inline kel_status_t extract_texts(const move_t &move)
+{
+    switch (written_bits(move)) {
+    case 8:
+        return extract_texts<uint8_t>(move);
+    case 16:
+        return extract_texts<uint16_t>(move);
+    case 32:
+        return extract_texts<uint32_t>(move);
+    case 64:
+        return extract_texts<uint64_t>(move);
+    default:
+        return extract_texts<two_words_t>(move);
+    }
+}
+
+// ---- Select ---------------------------------------------------------------------------------------------------------
 
 // A block that may fill the destination: the test for that comes before every element.
 template <unsigned bytes>
@@ -278,9 +383,11 @@ inline kel_status_t select_blocks(const move_t &move)
 
 inline kel_status_t run_kernel(const move_t &move, kel_type_t type, kel_fmt_t fmt)
 {
-    if (!move.set() || !moves_by_blocks(move, fmt))
-        return general_move(move, type, fmt);
-    return move.mask ? select_blocks(move) : extract_blocks(move);
+    if (move.set() && moves_by_blocks(move, fmt))
+        return move.mask ? select_blocks(move) : extract_blocks(move);
+    if (move.set() && !move.mask && takes_whole(move) && plain_texts(move.src, type, fmt))
+        return extract_texts(move);
+    return general_move(move, type, fmt);
 }
 
 inline kel_status_t move_emulate(move_t &&move, const char *verbose_line)

@@ -10,6 +10,8 @@
 #pragma once
 
 #include "kel_producer.h"
+#include <algorithm>
+#include <compare>
 #include <utility>
 
 enum outcome_t : unsigned { outcome_less = 1, outcome_equal = 2, outcome_greater = 4 };
@@ -36,29 +38,42 @@ inline bool accepts(unsigned accept, int order)
 
 __extension__ typedef unsigned __int128 uint128_t;
 
-// Elements from begin up to, not including, end. Border is a type with room for the end of the domain: for elements of
-// 64 bits one of 128.
-template <class Border>
+// A place between elements: in front of one, or behind the last one of a domain.
+template <class Word>
+struct border_t {
+    bool end;
+    Word at; // at the end the number of elements, as far as it fits
+
+    auto operator<=>(const border_t &) const = default;
+};
+
+// Elements from one border to another.
+template <class Word>
 struct interval_t {
-    Border begin;
-    Border end;
+    border_t<Word> begin;
+    border_t<Word> end;
 
     bool empty() const
     {
         return begin >= end;
     }
+
+    Word span() const
+    {
+        return end.at - begin.at - 1;
+    }
 };
 
-// The borders between the outcomes of elements of element_bits (1 to 64) against a value of value_bits (1 to 128).
-template <class Border>
+// The borders between the outcomes of elements that fit in a word, against a value of value_bits (1 to 128).
+template <class Word>
 struct outcomes_t {
-    Border equal;   // the first element that is not below
-    Border greater; // the first element that is above
-    Border end;     // the end of the domain
+    border_t<Word> equal;   // in front of the first element that is not below
+    border_t<Word> greater; // in front of the first element that is above
+    border_t<Word> end;     // of the domain
 };
 
-template <class Border>
-outcomes_t<Border> outcomes(uint64_t element_bits, uint128_t value, uint64_t value_bits)
+template <class Word>
+outcomes_t<Word> outcomes(uint64_t element_bits, uint128_t value, uint64_t value_bits)
 {
     const uint64_t rounded = kel_round_bits(element_bits);
     const uint64_t value_rounded = kel_round_bits(value_bits);
@@ -66,56 +81,53 @@ outcomes_t<Border> outcomes(uint64_t element_bits, uint128_t value, uint64_t val
     if (value_rounded > rounded)
         value >>= value_rounded - rounded;
 
-    const Border end = Border{1} << element_bits;
-    const Border highest = (end - 1) >> cut; // of what is left of an element
-    const auto cut_value = static_cast<Border>(value);
-    const Border at_value = value > highest ? end : cut_value << cut;
-    const Border above_value = value >= highest ? end : (cut_value + 1) << cut;
+    const Word last = ~Word{0} >> (8 * sizeof(Word) - element_bits);
+    const Word highest = last >> cut; // of what is left of an element
+    const auto cut_value = static_cast<Word>(value);
+    const border_t<Word> end = {true, last + 1};
+    const border_t<Word> at_value = value > highest ? end : border_t<Word>{false, cut_value << cut};
+    const border_t<Word> above_value = value >= highest ? end : border_t<Word>{false, (cut_value + 1) << cut};
     return {rounded >= value_rounded ? at_value : above_value, rounded > value_rounded ? at_value : above_value, end};
 }
 
 // The elements that an operator accepts, but for NE, for which it is those that it does not accept.
-template <class Border>
-interval_t<Border> accepted(unsigned accept, const outcomes_t<Border> &at)
+template <class Word>
+interval_t<Word> accepted(unsigned accept, const outcomes_t<Word> &at)
 {
     if (accept == accept_ne || accept == accept_eq)
         return {at.equal, at.greater};
     const bool low = accept & outcome_less;
-    const Border border = accept == accept_lt || accept == accept_ge ? at.equal : at.greater;
-    return low ? interval_t<Border>{0, border} : interval_t<Border>{border, at.end};
+    const border_t<Word> border = accept == accept_lt || accept == accept_ge ? at.equal : at.greater;
+    return low ? interval_t<Word>{{}, border} : interval_t<Word>{border, at.end};
 }
 
 // A predicate of two intervals: empty ones are left out, and no interval at all is the negation of all.
-template <class Border>
-predicate_t make_predicate(interval_t<Border> a, interval_t<Border> b, bool negated, Border domain)
+template <class Word>
+membership_t<Word> make_predicate(interval_t<Word> a, interval_t<Word> b, bool negated, border_t<Word> domain)
 {
     if (a.empty())
         a = std::exchange(b, {});
     const bool none = a.empty();
     if (none)
-        a = {0, domain};
-    return {{static_cast<uint64_t>(a.begin), static_cast<uint64_t>(b.begin)},
-            {static_cast<uint64_t>(a.end - a.begin - 1), static_cast<uint64_t>(b.end - b.begin - 1)},
-            b.empty() ? 1u : 2u,
-            none != negated};
+        a = {{}, domain};
+    return {{a.begin.at, b.begin.at}, {a.span(), b.span()}, b.empty() ? 1u : 2u, none != negated};
 }
 
-template <class Border>
-predicate_t reduce(const operator_t &op, const outcomes_t<Border> &at)
+template <class Word>
+membership_t<Word> reduce(const operator_t &op, const outcomes_t<Word> &at)
 {
-    return make_predicate<Border>(accepted(op.accept[0], at), {}, op.accept[0] == accept_ne, at.end);
+    return make_predicate<Word>(accepted(op.accept[0], at), {}, op.accept[0] == accept_ne, at.end);
 }
 
 // The joins that operators have: EQ or EQ, NE and NE, and of two orders either both of a range or one of its outsides.
-template <class Border>
-predicate_t reduce(const operator_t &op, const outcomes_t<Border> &lower, const outcomes_t<Border> &upper)
+template <class Word>
+membership_t<Word> reduce(const operator_t &op, const outcomes_t<Word> &lower, const outcomes_t<Word> &upper)
 {
-    const interval_t<Border> a = accepted(op.accept[0], lower);
-    const interval_t<Border> b = accepted(op.accept[1], upper);
+    const interval_t<Word> a = accepted(op.accept[0], lower);
+    const interval_t<Word> b = accepted(op.accept[1], upper);
     if (op.accept[0] == accept_eq || op.accept[0] == accept_ne)
         return make_predicate(a, b, op.accept[0] == accept_ne, lower.end);
     if (op.both)
-        return make_predicate<Border>({a.begin > b.begin ? a.begin : b.begin, a.end < b.end ? a.end : b.end}, {}, false,
-                                      lower.end);
-    return make_predicate<Border>({a.end, b.begin}, {}, true, lower.end); // below a or above b: not between
+        return make_predicate<Word>({std::max(a.begin, b.begin), std::min(a.end, b.end)}, {}, false, lower.end);
+    return make_predicate<Word>({a.end, b.begin}, {}, true, lower.end); // below a or above b: not between
 }

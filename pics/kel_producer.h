@@ -18,19 +18,16 @@ struct fields_t {
 
 // ---- Mask words -----------------------------------------------------------------------------------------------------
 
-// What is matched of elements of one width: membership in one or two closed intervals.
-struct predicate_t {
-    uint64_t first[2];
-    uint64_t span[2];
+// What is matched of elements of one width that fits in a word: membership in one or two closed intervals.
+template <class Word>
+struct membership_t {
+    Word first[2];
+    Word span[2];
     unsigned intervals;
     bool negated;
-
-    bool match(uint64_t element) const
-    {
-        const bool inside = element - first[0] <= span[0] || (intervals == 2 && element - first[1] <= span[1]);
-        return inside != negated;
-    }
 };
+
+using predicate_t = membership_t<uint64_t>;
 
 // A bitmap that elements are looked up in: element e matches if bit e is 1, or if negated 0.
 struct bitmap_t {

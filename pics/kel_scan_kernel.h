@@ -5,6 +5,7 @@
 #include "kel_platform.h"
 #include "kel_predicate.h"
 #include "kel_scan.h"
+#include "kel_text_test.h"
 
 namespace
 {
@@ -150,12 +151,13 @@ bool reducible(const scan_t &scan, kel_type_t type)
     return fits;
 }
 
-template <unsigned values, class Border>
-predicate_t make_scan_predicate(const scan_t &scan, kel_type_t type, uint64_t element_bits)
+// For elements of that many bits, which fit in a word.
+template <unsigned values, class Word>
+membership_t<Word> predicate_for(const scan_t &scan, kel_type_t type, uint64_t element_bits)
 {
     const auto at = [&](const kel_int_t *val) {
         const uint64_t high = type == kel_type_uint128 ? value_word(val, 1) : 0;
-        return outcomes<Border>(element_bits, uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
+        return outcomes<Word>(element_bits, uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
     };
     if constexpr (values == 1)
         return reduce(scan.op, at(scan.val[0]));
@@ -163,71 +165,57 @@ predicate_t make_scan_predicate(const scan_t &scan, kel_type_t type, uint64_t el
         return reduce(scan.op, at(scan.val[0]), at(scan.val[1]));
 }
 
-// For elements of that many bits.
-template <unsigned values>
-predicate_t scan_predicate(const scan_t &scan, kel_type_t type, uint64_t element_bits)
-{
-    return element_bits < 64 ? make_scan_predicate<values, uint64_t>(scan, type, element_bits)
-                             : make_scan_predicate<values, uint128_t>(scan, type, element_bits);
-}
-
-// The comparisons of elements of variable width: a predicate for each width up to 8 bytes, made when the width is met.
-template <unsigned values>
-class variable_comparison
-{
-  public:
-    explicit variable_comparison(const scan_t &compared) : scan(compared), longer(compared) {}
-
-    bool match(const qword_t &element, uint64_t bits)
-    {
-        if (bits > 64)
-            return longer.match(element, bits);
-        const uint64_t place = bits / 8 - 1;
-        if (!(made >> place & 1)) {
-            by_bytes[place] = scan_predicate<values>(scan, kel_type_uint128, bits);
-            made |= 1u << place;
-        }
-        return by_bytes[place].match(element.lo);
-    }
-
-  private:
-    const scan_t &scan;
-    const comparison<uint128_unalign, values> longer;
-    predicate_t by_bytes[8];
-    unsigned made = 0; // a bit for each
-};
-
+// What compares an element and puts the outcome.
 template <unsigned values, class Sink>
-kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool variable)
+auto scan_visitor(const scan_t &scan, Sink &to)
 {
-    Sink to(scan);
-    const auto visitor = [&to](auto compared, progress_t &progress) {
-        return [compared, &to, &progress](const auto &element, uint64_t bits, uint64_t run) mutable {
+    return [&]<class Type>(progress_t &progress) {
+        return [compared = comparison<Type, values>(scan), &to, &progress](const typename Type::word &element,
+                                                                           uint64_t bits, uint64_t run) {
             const bool match = compared.match(element, bits);
             progress.count += match ? run : 0;
             to.put(match, run);
             return KEL_SUCCESS;
         };
     };
-    if (variable)
-        return general_kernel<uint128_unalign>(scan, to, true, false, [&]<class>(progress_t &progress) {
-            return visitor(variable_comparison<values>(scan), progress);
-        });
-    return general_kernel(scan, to, type, fmt, [&]<class Type>(progress_t &progress) {
-        return visitor(comparison<Type, values>(scan), progress);
-    });
+}
+
+template <unsigned values, class Sink>
+kel_status_t general_scan(const scan_t &scan, kel_type_t type, kel_fmt_t fmt)
+{
+    Sink to(scan);
+    return general_kernel(scan, to, type, fmt, scan_visitor<values>(scan, to));
+}
+
+constexpr uint64_t fewest_texts = block_elements; // for which predicates for all lengths pay
+
+// By blocks as far as there are texts.
+template <unsigned values, class Sink>
+kel_status_t text_scan(const scan_t &scan)
+{
+    Sink to(scan);
+    progress_t progress;
+    text_test_t test;
+    for (unsigned bytes = 1; bytes <= longest_text; bytes++)
+        test.set(bytes, predicate_for<values, uint128_t>(scan, kel_type_uint128, 8 * bytes));
+    text_masks source(scan.set(), scan.src, test);
+    kel_status_t status = for_all_masks(
+        source, [&](uint64_t *masks, uint64_t elements) { return put_blocks(to, masks, elements, progress); });
+    if (status == KEL_SUCCESS)
+        status = walk_into<uint128_unalign>(scan, to, true, false, progress, scan_visitor<values>(scan, to));
+    return finish(scan, to, status, progress);
 }
 
 // The kernel for a type, a format and an output.
 template <unsigned values>
 kel_status_t run_kernel(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool ones)
 {
-    const bool faster = scan.set() && reducible<values>(scan, type);
-    if (faster && masks_by_blocks(scan.src, fmt) && takes_blocks(scan.dst, ones))
-        return mask_kernel(scan, scan_predicate<values>(scan, type, kel_width_bits(scan.src)), ones);
-    const bool variable = faster && fmt == kel_fmt_mixed && type == kel_type_uint128 && scan.src->format & KEL_VAR;
-    return ones ? general_scan<values, index_sink>(scan, type, fmt, variable)
-                : general_scan<values, bit_sink>(scan, type, fmt, variable);
+    const bool blocks = scan.set() && reducible<values>(scan, type) && takes_blocks(scan.dst, ones);
+    if (blocks && masks_by_blocks(scan.src, fmt))
+        return mask_kernel(scan, predicate_for<values, uint64_t>(scan, type, kel_width_bits(scan.src)), ones);
+    if (blocks && plain_texts(scan.src, type, fmt) && scan.src->elements >= fewest_texts)
+        return with_block_sink(scan.dst, ones, [&]<class Sink>() { return text_scan<values, Sink>(scan); });
+    return ones ? general_scan<values, index_sink>(scan, type, fmt) : general_scan<values, bit_sink>(scan, type, fmt);
 }
 
 // A family of scan kernels as its dispatcher sees it.

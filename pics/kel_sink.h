@@ -293,26 +293,27 @@ inline kel_status_t finish(const kernel_t &kernel, sink &to, kel_status_t status
 
 // ---- From the walk to a sink ----------------------------------------------------------------------------------------
 
-// The general kernel of an element type. make_visit<Type>(progress) makes what outputs an element: the test for
-// overflow comes before each.
+// The walk to a sink. make_visit<Type>(progress) makes what outputs an element: the test for overflow comes before each.
 template <class Type, class Sink, class MakeVisit>
-kel_status_t general_kernel(const kernel_t &kernel, Sink &to, bool widths, bool runs, const MakeVisit &make_visit)
+kel_status_t walk_into(const kernel_t &kernel, Sink &to, bool widths, bool runs, progress_t &progress,
+                       const MakeVisit &make_visit)
 {
-    progress_t progress;
     auto visit = make_visit.template operator()<Type>(progress);
     const auto output = [&](const typename Type::word &element, uint64_t bits, uint64_t run) {
         return to.full() ? KEL_EOVERFLOW : visit(element, bits, run);
     };
-    const kel_status_t status = walk_source<Type>(kernel, widths, runs, progress, output);
-    return finish(kernel, to, status, progress);
+    return walk_source<Type>(kernel, widths, runs, progress, output);
 }
 
+// The general kernel.
 template <class Sink, class MakeVisit>
 kel_status_t general_kernel(const kernel_t &kernel, Sink &to, kel_type_t type, kel_fmt_t fmt,
                             const MakeVisit &make_visit)
 {
     return with_element_type(kernel, type, fmt, [&]<class Type>(bool widths, bool runs) {
-        return general_kernel<Type>(kernel, to, widths, runs, make_visit);
+        progress_t progress;
+        const kel_status_t status = walk_into<Type>(kernel, to, widths, runs, progress, make_visit);
+        return finish(kernel, to, status, progress);
     });
 }
 

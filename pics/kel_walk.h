@@ -118,7 +118,7 @@ kel_status_t walk_elements(const kernel_t &kernel, progress_t &progress, Visit v
     uint64_t run = 1;
     kel_input_t in;
     kel_input_t aux = {};
-    if (src->elements == 0)
+    if (progress.stored == src->elements)
         return KEL_SUCCESS;
     if constexpr (widths || runs)
         kelio_aux_input(src, &aux);
@@ -126,6 +126,9 @@ kel_status_t walk_elements(const kernel_t &kernel, progress_t &progress, Visit v
         if (kel_input_t first = aux; kelio_aux_get(&first, src->aux_width) + add_one == 0)
             return KEL_EDATAFMT;
     kelio_vec_input(kernel.ctx, src, src->data, Type::cached, &in); // loads the first word at once: there has to be one
+    if constexpr (widths) // those that blocks have taken; only data in error leaves others
+        for (uint64_t passed = 0; passed < progress.stored; passed++)
+            Type::get(&in, 8 * (kelio_aux_get(&aux, src->aux_width) + add_one));
 
     for (; progress.stored < src->elements; progress.stored++) {
         if constexpr (widths)

@@ -1,0 +1,163 @@
+// Texts: elements of variable width, of 1 to 16 bytes, by blocks.
+//
+// The lengths of some blocks are unpacked, checked, and summed up by words of eight, so that every text of a block is
+// found without those before it. A text is loaded in 16 bytes that start or end with it. Where these would pass the
+// bytes of sound texts, at the start of the source and at the end of every batch, and where texts do not start with a
+// bit 0, a block is copied first.
+#pragma once
+
+#include "kel_source.h"
+
+namespace
+{
+
+constexpr unsigned longest_text = 16;
+
+// Whether a source is of variable width, with lengths in fields of up to 8 bits.
+inline bool plain_texts(const kel_vec_t *src, kel_type_t type, kel_fmt_t fmt)
+{
+    return fmt == kel_fmt_mixed && type == kel_type_uint128 && plain_runs(src) && src->aux_width <= 8 &&
+           src->offset <= kel_max_offset && src->elements <= UINT64_MAX / 256;
+}
+
+// 64 texts; those behind the last one of a source are any of 1 byte.
+struct texts_t {
+    const uint8_t *data;
+    const uint8_t *lengths; // each less 1
+    const uint16_t *groups; // where in data eight texts start,
+    const uint8_t *within;  // and each of them from there
+    bool longer;            // whether some have more than 8 bytes
+
+    const uint8_t *at(unsigned i) const
+    {
+        return data + groups[i / 8] + within[i];
+    }
+};
+
+class text_source
+{
+  public:
+    text_source(const kernel_set_t *set, const kel_vec_t *src)
+        : cursor(set->overrun, run_fields(src), src->elements),
+          make(choose_producer(set, &kernel_set_t::elements, cursor.shape(), uint64_t{1})),
+          data(static_cast<const uint8_t *>(src->data)), offset(src->offset), above(src->format & KEL_ADD_ONE ? 0 : 1)
+    {
+    }
+
+    // Moves on by up to block_batch blocks, and answers the number of their texts: 0 at the end, and in front of a block
+    // with a length that is no text's.
+    uint64_t next()
+    {
+        data += bytes;
+        before += bytes;
+        bytes = 0;
+        count = 0;
+        if (!sound)
+            return 0;
+        const blocks_t taken = cursor.take(block_batch);
+        unpack(taken);
+        while (sound && count < taken.blocks)
+            sound = measure(places[count], &lengths[block_elements * count], &within[block_elements * count]);
+        const uint64_t elements = std::min(taken.elements, block_elements * count);
+        bytes -= block_elements * count - elements;
+        return elements;
+    }
+
+    uint64_t blocks() const
+    {
+        return count;
+    }
+
+    const uint8_t *all_lengths() const
+    {
+        return lengths;
+    }
+
+    // A block, which stays where it is until the next one is asked for.
+    texts_t block(uint64_t number)
+    {
+        const place_t &place = places[number];
+        const uint64_t first = block_elements * number;
+        const bool loadable =
+            offset == 0 && before + place.start >= longest_text && place.start + place.size + longest_text <= bytes;
+        return {loadable ? data + place.start : copied(place), &lengths[first], place.groups, &within[first],
+                place.longer};
+    }
+
+  private:
+    struct place_t {
+        uint64_t start; // in the batch
+        uint64_t size;
+        uint16_t groups[8];
+        bool longer;
+    };
+
+    void unpack(const blocks_t &taken)
+    {
+        make(taken.data, cursor.shape(), 0, 0, lengths, taken.blocks);
+        const uint64_t fields = block_elements * taken.blocks;
+        for (uint64_t first = 0; first < fields; first += block_elements)
+            for (unsigned i = 0; i < block_elements; i++)
+                lengths[first + i] = static_cast<uint8_t>(lengths[first + i] - above);
+        memset(lengths + taken.elements, 0, fields - taken.elements);
+    }
+
+    // Takes a block into the batch if all lengths are sound.
+    bool measure(place_t &place, const uint8_t *less_one, uint8_t *starts)
+    {
+        constexpr uint64_t ones = 0x0101010101010101;
+        uint64_t all = 0;
+        uint64_t size = 0;
+        for (unsigned group = 0; group < 8; group++) {
+            uint64_t word;
+            memcpy(&word, less_one + 8 * group, sizeof word);
+            all |= word;
+            const uint64_t ends = (word + ones) * ones; // of the texts, from that of the first one on
+            const uint64_t begins = ends << 8;
+            memcpy(starts + 8 * group, &begins, sizeof begins);
+            place.groups[group] = static_cast<uint16_t>(size);
+            size += ends >> 56;
+        }
+        if (all & ~(ones * (longest_text - 1)))
+            return false;
+        place.start = bytes;
+        place.size = size;
+        place.longer = all & ones * 8;
+        bytes += size;
+        count++;
+        return true;
+    }
+
+    const uint8_t *copied(const place_t &place)
+    {
+        const uint8_t *from = data + place.start;
+        uint8_t *const to = copy + longest_text;
+        const uint64_t there = std::min(place.size, bytes - place.start);
+        memset(copy, 0, longest_text);
+        if (offset == 0) {
+            memcpy(to, from, there);
+        } else {
+            stream_words words(from, offset);
+            for (uint64_t at = 0; at < there; at += 8)
+                kel_store_be(to + at, words.next(8 * std::min<uint64_t>(there - at, 8)));
+        }
+        memset(to + there, 0, place.size - there + longest_text);
+        return to;
+    }
+
+    block_cursor cursor; // of the lengths
+    const element_blocks_t make;
+    const uint8_t *data; // of the batch,
+    uint64_t bytes = 0;  // its size,
+    uint64_t before = 0; // the bytes of those before it,
+    uint64_t count = 0;  // and its blocks
+    const unsigned offset;
+    const uint8_t above; // 1, by which a length is more than what is kept of it
+    bool sound = true;
+    place_t places[block_batch];
+    uint8_t lengths[block_batch * block_elements];
+    uint8_t within[block_batch * block_elements];
+    uint8_t copy[block_elements * longest_text + 2 * longest_text];
+};
+
+} // namespace
