@@ -165,6 +165,11 @@ struct for_packing { // so that packing registers pairwise leaves the pieces in 
     }
 };
 
+KEL_AVX2 inline __m256i load_both(const uint8_t *lower, const uint8_t *upper)
+{
+    return _mm256_loadu2_m128i(reinterpret_cast<const __m128i_u *>(upper), reinterpret_cast<const __m128i_u *>(lower));
+}
+
 // Loads the fields of a block into lanes. Pieces start at one of few bits of a byte (kinds), which come again and
 // again.
 // narrow: no field and the bits in front of it in its first byte are wider than a lane.
@@ -174,6 +179,7 @@ class field_loader
   public:
     using lane = lanes<bits>;
     using layout = Layout<bits>;
+    static constexpr unsigned lane_bits = bits;
     static constexpr unsigned registers = bits / 8; // for half a block
     static constexpr unsigned piece_elements = 128 / bits;
     static constexpr unsigned kinds = bits / 16;
@@ -239,12 +245,6 @@ class field_loader
         __m256i words, next, shift;
     };
 
-    KEL_AVX2 static __m256i load_both(const uint8_t *lower, const uint8_t *upper)
-    {
-        return _mm256_loadu2_m128i(reinterpret_cast<const __m128i_u *>(upper),
-                                   reinterpret_cast<const __m128i_u *>(lower));
-    }
-
     const uint8_t *piece(const uint8_t *data, unsigned k) const
     {
         return data + place[k % kinds] + k / kinds * width;
@@ -253,6 +253,28 @@ class field_loader
     const uint64_t width;
     uint64_t place[kinds]; // of the first piece of each kind
     pattern_t pattern[layout::patterns];
+};
+
+// Wide fields, of 9 to 16 bytes: two of them in a register, their bytes in the order that is asked for.
+class wide_loader
+{
+  public:
+    // order: which byte of an element each byte of half a register is; beyond its last, or negative: 0.
+    KEL_AVX2 wide_loader(const fields_t &fields, __m128i order)
+        : bytes(fields.width / 8), places(_mm256_broadcastsi128_si256(_mm_or_si128(
+                                       order, _mm_cmpgt_epi8(order, _mm_set1_epi8(static_cast<char>(bytes - 1))))))
+    {
+    }
+
+    KEL_AVX2 __m256i load(const uint8_t *lower, const uint8_t *upper) const
+    {
+        return _mm256_shuffle_epi8(load_both(lower, upper), places);
+    }
+
+    const uint64_t bytes;
+
+  private:
+    const __m256i places;
 };
 
 // Whether fields are narrow in lanes of that many bits: by the highest bit of a byte that one starts at.

@@ -60,6 +60,17 @@ KEL_AVX2 void byte_blocks(const uint8_t *data, const fields_t &fields, unsigned 
     }
 }
 
+// Wide elements in 16 bytes.
+KEL_AVX2 void wide_blocks(const uint8_t *data, const fields_t &fields, unsigned, unsigned left, void *out, size_t n)
+{
+    const __m128i order = _mm_add_epi8(lane_bytes<128>([](unsigned i, unsigned) { return i; }),
+                                       _mm_set1_epi8(static_cast<char>((fields.width + left) / 8 - 16)));
+    const wide_loader loader(fields, order);
+    auto *to = static_cast<__m256i *>(out);
+    for (size_t i = 0; i < n * block_elements / 2; i++, data += 2 * loader.bytes)
+        store(to, loader.load(data, data + loader.bytes));
+}
+
 element_blocks_t pick(const fields_t &fields, unsigned bits, element_blocks_t narrow, element_blocks_t wide)
 {
     if (fields.width > bits)
@@ -81,7 +92,7 @@ element_blocks_t avx2_elements(const fields_t &fields, uint64_t bytes)
     case 8:
         return pick(fields, 64, word_blocks<64, true>, word_blocks<64, false>);
     default:
-        return nullptr;
+        return fields.width > 64 ? wide_blocks : nullptr;
     }
 }
 

@@ -33,50 +33,108 @@ class outside_interval
     __m256i span;
 };
 
-template <unsigned bits>
+// The upper and the lower words of four wide elements.
+struct words_t {
+    __m256i high;
+    __m256i low;
+};
+
+// Half a block of wide elements, four to a load, in the order for packing.
+class word_loader : wide_loader
+{
+  public:
+    static constexpr unsigned lane_bits = 64;
+    static constexpr unsigned registers = 8;
+
+    KEL_AVX2 explicit word_loader(const fields_t &fields)
+        : wide_loader(fields, _mm_sub_epi8(_mm_set1_epi8(static_cast<char>(fields.width / 8 - 1)),
+                                           lane_bytes<128>([](unsigned i, unsigned) { return i; })))
+    {
+    }
+
+    KEL_AVX2 words_t load(const uint8_t *data, unsigned i) const
+    {
+        const uint8_t *lower = data + 2 * for_packing<64>::lower(i) * bytes;
+        const uint8_t *upper = data + 2 * for_packing<64>::upper(i) * bytes;
+        const __m256i even = wide_loader::load(lower, upper);
+        const __m256i odd = wide_loader::load(lower + bytes, upper + bytes);
+        return {_mm256_unpackhi_epi64(even, odd), _mm256_unpacklo_epi64(even, odd)};
+    }
+};
+
+// The same of wide elements. A difference of lower words borrows from the upper ones.
+class outside_wide_interval
+{
+  public:
+    KEL_AVX2 outside_wide_interval(uint128_t low, uint128_t above_low, unsigned)
+        : first{lanes<64>::all(static_cast<uint64_t>(low >> 64) - half), lanes<64>::all(static_cast<uint64_t>(low))},
+          span{lanes<64>::all(static_cast<uint64_t>(above_low >> 64) - half),
+               lanes<64>::all(static_cast<uint64_t>(above_low) - half)}
+    {
+    }
+
+    KEL_AVX2 __m256i operator()(const words_t &x) const
+    {
+        const __m256i halves = lanes<64>::all(half);
+        const __m256i moved = _mm256_xor_si256(x.low, halves);
+        const __m256i borrow = lanes<64>::greater(_mm256_xor_si256(first.low, halves), moved);
+        const __m256i high = _mm256_add_epi64(lanes<64>::minus(x.high, first.high), borrow);
+        const __m256i low = lanes<64>::minus(moved, first.low);
+        const __m256i low_outside =
+            _mm256_and_si256(_mm256_cmpeq_epi64(high, span.high), lanes<64>::greater(low, span.low));
+        return _mm256_or_si256(lanes<64>::greater(high, span.high), low_outside);
+    }
+
+  private:
+    static constexpr uint64_t half = uint64_t{1} << 63;
+
+    words_t first;
+    words_t span;
+};
+
+template <class Outside>
+class outside_one : public Outside
+{
+  public:
+    KEL_AVX2 outside_one(const auto &predicate, unsigned unused)
+        : Outside(predicate.first[0], predicate.span[0], unused)
+    {
+    }
+};
+
+template <class Outside>
 class outside_two
 {
   public:
-    KEL_AVX2 outside_two(const predicate_t &predicate, unsigned unused)
+    KEL_AVX2 outside_two(const auto &predicate, unsigned unused)
         : one(predicate.first[0], predicate.span[0], unused), other(predicate.first[1], predicate.span[1], unused)
     {
     }
 
-    KEL_AVX2 __m256i operator()(__m256i x) const
+    KEL_AVX2 __m256i operator()(const auto &x) const
     {
         return _mm256_and_si256(one(x), other(x));
     }
 
   private:
-    outside_interval<bits> one;
-    outside_interval<bits> other;
+    Outside one;
+    Outside other;
 };
 
-template <unsigned bits>
-class outside_one : public outside_interval<bits>
+template <class Loader, class Outside, class Predicate>
+KEL_AVX2 void interval_blocks(const uint8_t *data, const fields_t &fields, const Predicate &predicate, uint64_t *masks,
+                              size_t n)
 {
-  public:
-    KEL_AVX2 outside_one(const predicate_t &predicate, unsigned unused)
-        : outside_interval<bits>(predicate.first[0], predicate.span[0], unused)
-    {
-    }
-};
-
-template <unsigned bits, bool narrow, template <unsigned> class Outside>
-KEL_AVX2 void interval_blocks(const uint8_t *data, const fields_t &fields, const predicate_t &predicate,
-                              uint64_t *masks, size_t n)
-{
-    using loader_t = field_loader<bits, narrow, for_packing>;
-    const loader_t loader(fields);
-    const Outside<bits> outside(predicate, bits - fields.width);
+    const Loader loader(fields);
+    const Outside outside(predicate, Loader::lane_bits - fields.width);
     const uint64_t matching = predicate.negated ? 0 : ~uint64_t{0};
     for (size_t block = 0; block < n; block++) {
         uint64_t mask = 0;
         for (unsigned half = 0; half < 2; half++, data += half_elements / 8 * fields.width) {
-            __m256i outcomes[loader_t::registers];
-            for (unsigned i = 0; i < loader_t::registers; i++)
+            __m256i outcomes[Loader::registers];
+            for (unsigned i = 0; i < Loader::registers; i++)
                 outcomes[i] = outside(loader.load(data, i));
-            mask = mask << 32 | top_bits(pack_outcomes<bits>(outcomes));
+            mask = mask << 32 | top_bits(pack_outcomes<Loader::lane_bits>(outcomes));
         }
         masks[block] = mask ^ matching;
     }
@@ -152,14 +210,19 @@ KEL_AVX2 void bitmap_blocks(const uint8_t *data, const fields_t &fields, const b
 
 // ---- The choice -----------------------------------------------------------------------------------------------------
 
+template <class Loader, class Outside, class Predicate>
+mask_blocks_t<Predicate> choose_count(const Predicate &predicate)
+{
+    return predicate.intervals == 2 ? interval_blocks<Loader, outside_two<Outside>, Predicate>
+                                    : interval_blocks<Loader, outside_one<Outside>, Predicate>;
+}
+
 template <unsigned bits>
 mask_blocks_t<predicate_t> choose_intervals(const fields_t &fields, const predicate_t &predicate)
 {
-    if (predicate.intervals == 2)
-        return narrow_in(fields, bits) ? interval_blocks<bits, true, outside_two>
-                                       : interval_blocks<bits, false, outside_two>;
-    return narrow_in(fields, bits) ? interval_blocks<bits, true, outside_one>
-                                   : interval_blocks<bits, false, outside_one>;
+    return narrow_in(fields, bits)
+               ? choose_count<field_loader<bits, true, for_packing>, outside_interval<bits>>(predicate)
+               : choose_count<field_loader<bits, false, for_packing>, outside_interval<bits>>(predicate);
 }
 
 } // namespace
@@ -169,6 +232,11 @@ mask_blocks_t<predicate_t> avx2_interval_masks(const fields_t &fields, const pre
     return fields.width <= 16   ? choose_intervals<16>(fields, predicate)
            : fields.width <= 32 ? choose_intervals<32>(fields, predicate)
                                 : choose_intervals<64>(fields, predicate);
+}
+
+mask_blocks_t<wide_predicate_t> avx2_wide_masks(const fields_t &, const wide_predicate_t &predicate)
+{
+    return choose_count<word_loader, outside_wide_interval>(predicate);
 }
 
 // Large bitmaps are read by their aligned words of 4 bytes.

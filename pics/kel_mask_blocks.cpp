@@ -21,11 +21,17 @@ inline void load_lanes(const uint8_t *data, const fields_t &, Lane *lanes)
         lanes[i] = kel_load_be<Lane>(data + i * sizeof(Lane));
 }
 
+inline void load_wide_lanes(const uint8_t *data, const fields_t &fields, uint128_t *lanes)
+{
+    for (unsigned i = 0; i < block_elements; i++)
+        lanes[i] = load_wide(data + i * (fields.width / 8), fields.width);
+}
+
 // ---- Tests of a lane ------------------------------------------------------------------------------------------------
 
 template <class Lane>
 struct in_one_interval {
-    explicit in_one_interval(const predicate_t &predicate)
+    explicit in_one_interval(const auto &predicate)
         : first(static_cast<Lane>(predicate.first[0])), span(static_cast<Lane>(predicate.span[0]))
     {
     }
@@ -41,7 +47,7 @@ struct in_one_interval {
 
 template <class Lane>
 struct in_two_intervals : in_one_interval<Lane> {
-    explicit in_two_intervals(const predicate_t &predicate)
+    explicit in_two_intervals(const auto &predicate)
         : in_one_interval<Lane>(predicate), first2(static_cast<Lane>(predicate.first[1])),
           span2(static_cast<Lane>(predicate.span[1]))
     {
@@ -123,6 +129,13 @@ mask_blocks_t<predicate_t> portable_interval_masks(const fields_t &fields, const
 {
     return predicate.intervals == 2 ? choose_lane<in_two_intervals, predicate_t>(fields)
                                     : choose_lane<in_one_interval, predicate_t>(fields);
+}
+
+mask_blocks_t<wide_predicate_t> portable_wide_masks(const fields_t &, const wide_predicate_t &predicate)
+{
+    return predicate.intervals == 2
+               ? mask_blocks<uint128_t, load_wide_lanes, in_two_intervals<uint128_t>, wide_predicate_t>
+               : mask_blocks<uint128_t, load_wide_lanes, in_one_interval<uint128_t>, wide_predicate_t>;
 }
 
 mask_blocks_t<bitmap_t> portable_bitmap_masks(const fields_t &fields, const bitmap_t &)

@@ -127,12 +127,12 @@ inline bool takes_whole(const move_t &move)
     return kel_power_of_two(bits) && bits >= 8 && bits <= 8 * kel_max_elem_bytes && !move.var_dst();
 }
 
-// Whether the elements can be moved by blocks: plain fields, or what needs no change, to whole elements.
+// Whether the elements can be moved by blocks: plain or wide fields to whole elements.
 inline bool moves_by_blocks(const move_t &move, kel_fmt_t fmt)
 {
-    const bool readable = plain_fields(move.src) || unchanged(move);
-    return takes_whole(move) && fmt == kel_fmt_fixed && readable &&
-           (!move.mask || mask_offset(move.mask) <= kel_max_offset);
+    const bool readable = plain_fields(move.src) || wide_fields(move.src);
+    const bool plain = fmt == kel_fmt_fixed || (fmt == kel_fmt_rle && plain_runs(move.src));
+    return takes_whole(move) && plain && readable && (!move.mask || mask_offset(move.mask) <= kel_max_offset);
 }
 
 // A destination of whole elements, which are stored as they come. A writer of bits holds its last word back, and so
@@ -333,7 +333,7 @@ kel_status_t select_batch(Source &source, const uint64_t *masks, uint64_t elemen
 }
 
 template <unsigned bytes, class Source>
-kel_status_t select_from(const move_t &move, Source source)
+kel_status_t select_from(const move_t &move, Source &&source)
 {
     const pick_block_t pick = choose_producer(move.set(), &kernel_set_t::picks, uint64_t{bytes});
     byte_sink sink(move, bytes);
@@ -356,26 +356,159 @@ kel_status_t select_from(const move_t &move, Source source)
     return finish(move, sink, status, progress);
 }
 
+// ---- Runs -----------------------------------------------------------------------------------------------------------
+
+// An element again and again.
 template <unsigned bytes>
-kel_status_t select_blocks(const move_t &move)
+class copies
 {
-    return unchanged(move) ? select_from<bytes>(move, unchanged_elements(move.src->data, bytes))
-                           : select_from<bytes>(move, converted(move, move.src->elements));
+  public:
+    static constexpr unsigned size = 32;
+
+    explicit copies(const uint8_t *from)
+    {
+        if constexpr (bytes <= 8) {
+            uint64_t word = 0;
+            memcpy(&word, from, bytes);
+            words[0] = words[1] = word * (~uint64_t{0} / (~uint64_t{0} >> (64 - 8 * bytes)));
+        } else {
+            memcpy(&words, from, bytes);
+        }
+    }
+
+    // So many bytes of them, and what comes behind those up to a whole number of stores, of which there is at least
+    // one.
+    void put(uint8_t *to, uint64_t count) const
+    {
+        store(to);
+        for (uint64_t i = size; i < count; i += size)
+            store(to + i);
+    }
+
+    void put_exactly(uint8_t *to, uint64_t count) const
+    {
+        for (; count >= sizeof words; count -= sizeof words, to += sizeof words)
+            memcpy(to, &words, sizeof words);
+        memcpy(to, &words, count);
+    }
+
+  private:
+    typedef uint64_t words_t __attribute__((vector_size(16)));
+
+    void store(uint8_t *to) const
+    {
+        memcpy(to, &words, sizeof words);
+        memcpy(to + sizeof words, &words, sizeof words);
+    }
+
+    words_t words;
+};
+
+// What a mask takes of runs, and its sum.
+inline uint64_t take_runs(const runs_t &runs, uint64_t mask, uint32_t *taken)
+{
+    uint64_t sum = 0;
+    for (unsigned i = 0; i < runs.count; i++, mask <<= 1) {
+        taken[i] = static_cast<uint32_t>(static_cast<int64_t>(mask) >> 63) & runs.of[i];
+        sum += taken[i];
+    }
+    return sum;
 }
 
-inline kel_status_t select_blocks(const move_t &move)
+// A block with room for all of its runs, as often as they are taken.
+template <unsigned bytes>
+uint8_t *move_runs(const uint8_t *from, const uint32_t *taken, unsigned count, uint8_t *to)
+{
+    for (unsigned i = 0; i < count; i++, from += bytes) {
+        const uint64_t size = uint64_t{taken[i]} * bytes;
+        copies<bytes>(from).put(to, size);
+        to += size;
+    }
+    return to;
+}
+
+// A block in which something is to be looked at before every element.
+template <unsigned bytes>
+kel_status_t move_run_elements(const uint8_t *from, uint64_t mask, const runs_t &runs, uint64_t room, uint8_t *&to,
+                               progress_t &progress)
+{
+    for (unsigned i = 0; i < runs.count; i++, from += bytes, mask <<= 1, progress.stored++) {
+        const uint64_t run = runs.of[i];
+        if (run == 0)
+            return KEL_EDATAFMT;
+        progress.processed += run;
+        if (progress.count >= room)
+            return KEL_EOVERFLOW;
+        if (mask >> 63) {
+            copies<bytes>(from).put_exactly(to, run * bytes);
+            to += run * bytes;
+            progress.count += run;
+        }
+    }
+    return KEL_SUCCESS;
+}
+
+template <unsigned bytes, class Source>
+kel_status_t move_runs_from(const move_t &move, Source &&source)
+{
+    byte_sink sink(move, bytes);
+    run_source lengths(move.set(), move.src);
+    stream_words words(move.mask ? move.mask->data : nullptr, move.mask ? mask_offset(move.mask) : 0);
+    auto *to = static_cast<uint8_t *>(move.dst->data);
+    progress_t progress;
+    kel_status_t status = KEL_SUCCESS;
+    for (uint64_t left = move.src->elements; left > 0 && status == KEL_SUCCESS;) {
+        runs_t runs;
+        const bool sound = lengths.next(runs);
+        const uint64_t mask = move.mask ? words.next(runs.count) : ~uint64_t{0};
+        const uint8_t *from = source.next(runs.count);
+        left -= runs.count;
+        uint32_t taken[block_elements];
+        const uint64_t sum = take_runs(runs, mask, taken);
+        if (!sound || progress.count + sum + copies<bytes>::size / bytes >= sink.room) {
+            status = move_run_elements<bytes>(from, mask, runs, sink.room, to, progress);
+            continue;
+        }
+        const kept_bytes behind(to + sum * bytes, sink.end);
+        to = move_runs<bytes>(from, taken, runs.count, to);
+        progress.stored += runs.count;
+        progress.processed += runs.sum;
+        progress.count += sum;
+    }
+    sink.written(progress.count);
+    if (!move.mask)
+        progress.count = 0;
+    return finish(move, sink, status, progress);
+}
+
+// ---- The width of elements, and where they come from ----------------------------------------------------------------
+
+template <unsigned bytes, class Source>
+kel_status_t move_from(const move_t &move, Source &&source)
+{
+    return move.src->format & KEL_RLE ? move_runs_from<bytes>(move, source) : select_from<bytes>(move, source);
+}
+
+template <unsigned bytes>
+kel_status_t move_blocks(const move_t &move)
+{
+    return unchanged(move) ? move_from<bytes>(move, unchanged_elements(move.src->data, bytes))
+                           : move_from<bytes>(move, converted(move, move.src->elements));
+}
+
+inline kel_status_t move_blocks(const move_t &move)
 {
     switch (written_bits(move)) {
     case 8:
-        return select_blocks<1>(move);
+        return move_blocks<1>(move);
     case 16:
-        return select_blocks<2>(move);
+        return move_blocks<2>(move);
     case 32:
-        return select_blocks<4>(move);
+        return move_blocks<4>(move);
     case 64:
-        return select_blocks<8>(move);
+        return move_blocks<8>(move);
     default:
-        return select_blocks<16>(move);
+        return move_blocks<16>(move);
     }
 }
 
@@ -384,7 +517,7 @@ inline kel_status_t select_blocks(const move_t &move)
 inline kel_status_t run_kernel(const move_t &move, kel_type_t type, kel_fmt_t fmt)
 {
     if (move.set() && moves_by_blocks(move, fmt))
-        return move.mask ? select_blocks(move) : extract_blocks(move);
+        return move.mask || fmt == kel_fmt_rle ? move_blocks(move) : extract_blocks(move);
     if (move.set() && !move.mask && takes_whole(move) && plain_texts(move.src, type, fmt))
         return extract_texts(move);
     return general_move(move, type, fmt);

@@ -36,8 +36,6 @@ inline bool accepts(unsigned accept, int order)
 
 // ---- Reduction ------------------------------------------------------------------------------------------------------
 
-__extension__ typedef unsigned __int128 uint128_t;
-
 // A place between elements: in front of one, or behind the last one of a domain.
 template <class Word>
 struct border_t {

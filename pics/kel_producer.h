@@ -12,9 +12,11 @@ constexpr unsigned block_elements = 64;
 // Packed fields of one width.
 struct fields_t {
     const uint8_t *data; // the byte that holds the first bit
-    unsigned width;      // bits, 1 to 64
-    unsigned offset;     // bits before the first element, 0 to 7
+    unsigned width;      // bits: 1 to 64, or up to 128 in whole bytes
+    unsigned offset;     // bits before the first element, 0 to 7; of wider ones than 64 bits none
 };
+
+__extension__ typedef unsigned __int128 uint128_t;
 
 // ---- Mask words -----------------------------------------------------------------------------------------------------
 
@@ -28,6 +30,7 @@ struct membership_t {
 };
 
 using predicate_t = membership_t<uint64_t>;
+using wide_predicate_t = membership_t<uint128_t>; // of elements of more than 64 bits
 
 // A bitmap that elements are looked up in: element e matches if bit e is 1, or if negated 0.
 struct bitmap_t {
@@ -75,6 +78,7 @@ struct kernel_set_t {
     bool (*present)(); // whether this processor has the instructions
     unsigned overrun;  // bytes that loads may pass the end of blocks by
     choose_masks_t<predicate_t> *interval_masks;
+    choose_masks_t<wide_predicate_t> *wide_masks;
     choose_masks_t<bitmap_t> *bitmap_masks;
     choose_elements_t *elements;
     choose_indexes_t *indexes;
@@ -101,12 +105,19 @@ inline mask_blocks_t<predicate_t> choose_masks(const kernel_set_t *set, const fi
     return choose_producer(set, &kernel_set_t::interval_masks, fields, test);
 }
 
+inline mask_blocks_t<wide_predicate_t> choose_masks(const kernel_set_t *set, const fields_t &fields,
+                                                    const wide_predicate_t &test)
+{
+    return choose_producer(set, &kernel_set_t::wide_masks, fields, test);
+}
+
 inline mask_blocks_t<bitmap_t> choose_masks(const kernel_set_t *set, const fields_t &fields, const bitmap_t &test)
 {
     return choose_producer(set, &kernel_set_t::bitmap_masks, fields, test);
 }
 
 choose_masks_t<predicate_t> portable_interval_masks, avx2_interval_masks;
+choose_masks_t<wide_predicate_t> portable_wide_masks, avx2_wide_masks;
 choose_masks_t<bitmap_t> portable_bitmap_masks, avx2_bitmap_masks;
 choose_elements_t portable_elements, avx2_elements;
 choose_indexes_t portable_indexes, avx2_indexes;

@@ -211,8 +211,13 @@ template <unsigned values>
 kel_status_t run_kernel(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool ones)
 {
     const bool blocks = scan.set() && reducible<values>(scan, type) && takes_blocks(scan.dst, ones);
-    if (blocks && masks_by_blocks(scan.src, fmt))
-        return mask_kernel(scan, predicate_for<values, uint64_t>(scan, type, kel_width_bits(scan.src)), ones);
+    const uint64_t bits = kel_width_bits(scan.src);
+    if (blocks && masks_by_blocks(scan.src, fmt)) {
+        if (plain_fields(scan.src))
+            return mask_kernel(scan, predicate_for<values, uint64_t>(scan, type, bits), ones);
+        if (wide_fields(scan.src))
+            return mask_kernel(scan, predicate_for<values, uint128_t>(scan, type, bits), ones);
+    }
     if (blocks && plain_texts(scan.src, type, fmt) && scan.src->elements >= fewest_texts)
         return with_block_sink(scan.dst, ones, [&]<class Sink>() { return text_scan<values, Sink>(scan); });
     return ones ? general_scan<values, index_sink>(scan, type, fmt) : general_scan<values, bit_sink>(scan, type, fmt);

@@ -52,22 +52,23 @@ class bit_sink : public sink
         }
     }
 
-    // Two runs at a time are stored, as 8 bytes that start with the byte that the first run starts in. So there is no
-    // branch for full words, which no processor could predict. What the last store writes behind the last word is put
-    // back.
+    // The bits are made aside, from the word that the writer holds on, so that stores may pass the end of what they
+    // store: there is no branch for full words, which no processor could predict.
     bool put_runs(uint64_t mask, const runs_t &runs, uint64_t &matches)
     {
         const uint64_t held = out.cache_bits + runs.sum;
-        if (full() || held / 64 + 1 >= static_cast<uint64_t>(static_cast<uint64_t *>(end) - out.buf))
+        if (full() || held / 64 >= static_cast<uint64_t>(static_cast<uint64_t *>(end) - out.buf))
             return false;
-        uint64_t *const last = out.buf + held / 64;
-        uint64_t *const passed = last + (held % 64 != 0);
-        const uint64_t behind = kel_load_be<uint64_t>(passed);
-        store_runs(mask, runs, matches);
-        kel_store_be(passed, behind);
-        out.buf = last;
+        uint64_t words[block_elements * longest_run / 64 + 7];
+        kel_store_be(words, out.cache);
+        const uint64_t bits = out.cache_bits % 8;
+        byte_writer writer = {reinterpret_cast<uint8_t *>(words) + out.cache_bits / 8,
+                              out.cache << (out.cache_bits - bits), bits};
+        matches += writer.put_runs(mask, runs);
+        memcpy(out.buf, words, held / 64 * 8);
+        out.buf += held / 64;
         out.cache_bits = held % 64;
-        out.cache = kel_load_be<uint64_t>(last) & ~(~uint64_t{0} >> out.cache_bits);
+        out.cache = kel_load_be<uint64_t>(&words[held / 64]) & byte_writer::ones(out.cache_bits);
         return true;
     }
 
@@ -92,15 +93,18 @@ class bit_sink : public sink
     }
 
   private:
-    // Stores a bit stream by the byte.
+    // Stores a bit stream by the byte, and up to 40 bytes behind its end.
     struct byte_writer {
-        static constexpr uint64_t most_bits = 56; // at a time
-
         uint8_t *to;
         uint64_t held; // left-aligned, from the byte at to
         uint64_t bits; // of held, fewer than 8
 
-        void put(uint64_t field, uint64_t count) // left-aligned
+        static uint64_t ones(uint64_t count)
+        {
+            return ~(~uint64_t{0} >> count);
+        }
+
+        void put(uint64_t field, uint64_t count) // left-aligned, of up to 56 bits
         {
             held |= field >> bits;
             kel_store_be(to, held);
@@ -110,45 +114,41 @@ class bit_sink : public sink
             bits %= 8;
         }
 
-        void put_run(uint64_t match, uint64_t run)
+        void put_run(uint64_t match, uint64_t run) // of up to 256 bits
         {
-            for (uint64_t count; run > 0; run -= count) {
-                count = std::min(run, most_bits);
-                put(match & ones(count), count);
+            held |= match >> bits;
+            kel_store_be(to, held);
+            for (unsigned i = 1; i <= longest_run / 64; i++)
+                kel_store_be(to + 8 * i, match);
+            bits += run;
+            to += bits / 8;
+            held = (bits < 8 ? held : match) & ones(bits % 8);
+            bits %= 8;
+        }
+
+        // Four runs at a time, at once where they are short. Answers the sum of those whose bit of the mask is set.
+        uint64_t put_runs(uint64_t mask, const runs_t &runs)
+        {
+            uint64_t matching = 0;
+            for (unsigned i = 0; i < runs.count; i += 4) {
+                const uint32_t *const run = runs.of + i;
+                uint64_t match[4]; // all ones or zeros
+                for (unsigned j = 0; j < 4; j++, mask <<= 1) {
+                    match[j] = static_cast<uint64_t>(static_cast<int64_t>(mask) >> 63);
+                    matching += match[j] & run[j];
+                }
+                const uint64_t half = run[0] + run[1], all = half + run[2] + run[3];
+                if (all <= 56)
+                    put((match[0] & ones(run[0])) | (match[1] & ones(run[1])) >> run[0] |
+                            ((match[2] & ones(run[2])) | (match[3] & ones(run[3])) >> run[2]) >> half,
+                        all);
+                else
+                    for (unsigned j = 0; j < 4; j++)
+                        put_run(match[j], run[j]);
             }
+            return matching;
         }
     };
-
-    static uint64_t ones(uint64_t count)
-    {
-        return ~(~uint64_t{0} >> count);
-    }
-
-    void store_runs(uint64_t mask, const runs_t &runs, uint64_t &matches) const
-    {
-        kel_store_be(out.buf, out.cache);
-        const uint64_t bits = out.cache_bits % 8;
-        auto *start = reinterpret_cast<uint8_t *>(out.buf) + out.cache_bits / 8;
-        byte_writer writer = {start, out.cache << (out.cache_bits - bits), bits};
-        uint64_t matching = 0;
-        const auto take = [&] { // all ones for a match
-            const auto top = static_cast<uint64_t>(static_cast<int64_t>(mask) >> 63);
-            mask <<= 1;
-            return top;
-        };
-        for (unsigned i = 0; i < runs.count; i += 2) {
-            const uint64_t first = runs.of[i], second = runs.of[i + 1];
-            const uint64_t match = take(), next_match = take();
-            matching += (match & first) + (next_match & second);
-            if (first + second <= byte_writer::most_bits) [[likely]] {
-                writer.put((match & ones(first)) | (next_match & ones(second)) >> first, first + second);
-            } else {
-                writer.put_run(match, first);
-                writer.put_run(next_match, second);
-            }
-        }
-        matches += matching;
-    }
 };
 
 // The entry's width is the destination's, less the bits above whole bytes.

@@ -20,13 +20,21 @@ inline bool plain_fields(const kel_vec_t *src)
     return bits >= 1 && bits <= 64 && src->offset <= kel_max_offset && src->elements <= (UINT64_MAX - 2 * 8) / 64;
 }
 
-// And whose runs, if they have any, are fields of up to 32 bits.
-inline bool plain_runs(const kel_vec_t *src)
+// Or of more, in whole bytes.
+inline bool wide_fields(const kel_vec_t *src)
 {
-    return kel_power_of_two(src->aux_width) && src->aux_width <= 32 && src->aux_offset <= kel_max_offset;
+    const uint64_t bits = kel_width_bits(src);
+    return bits > 64 && bits <= 8 * kel_max_elem_bytes && bits % 8 == 0 && src->offset == 0 &&
+           src->elements <= (UINT64_MAX - 2 * 8) / (8 * kel_max_elem_bytes);
 }
 
-// The elements of a vector, which are plain fields, and its runs.
+// And whose runs, if they have any, are fields of up to a byte.
+inline bool plain_runs(const kel_vec_t *src)
+{
+    return kel_power_of_two(src->aux_width) && src->aux_width <= kel_max_aux_bits && src->aux_offset <= kel_max_offset;
+}
+
+// The elements of a vector, and its runs.
 inline fields_t element_fields(const kel_vec_t *vec)
 {
     return {static_cast<const uint8_t *>(vec->data), static_cast<unsigned>(kel_width_bits(vec)), vec->offset};
@@ -105,7 +113,7 @@ class block_cursor
     uint64_t elements;     // its elements,
     uint64_t bytes;        // its length,
     uint64_t loadable;     // and the blocks that can be loaded where they are
-    uint8_t rest[2 * 8 * 64 + 2 * most_overrun];
+    uint8_t rest[2 * 8 * 8 * kel_max_elem_bytes + 2 * most_overrun];
 };
 
 // ---- Mask words -----------------------------------------------------------------------------------------------------
@@ -145,9 +153,11 @@ class mask_source
 
 // ---- Runs -----------------------------------------------------------------------------------------------------------
 
+constexpr unsigned longest_run = 256;
+
 // Up to 64 runs, none of which is 0.
 struct runs_t {
-    uint64_t of[block_elements + 1]; // behind the last one is a 0
+    uint32_t of[block_elements + 3]; // behind the last one are zeros
     unsigned count;
     uint64_t sum;
 };
@@ -168,18 +178,19 @@ class run_source
     {
         if (at == unpacked)
             unpack();
-        const uint32_t *const block = batch + at;
+        const uint8_t *const block = batch + at;
         runs.count = static_cast<unsigned>(std::min<uint64_t>(unpacked - at, block_elements));
         at += runs.count;
-        runs.sum = 0;
-        uint64_t least = UINT64_MAX;
+        uint32_t sum = 0, zeros = 0;
         for (unsigned i = 0; i < runs.count; i++) {
-            runs.of[i] = kel_load_be<uint32_t>(&block[i]) + add_one;
-            runs.sum += runs.of[i];
-            least = std::min(least, runs.of[i]);
+            runs.of[i] = block[i] + add_one;
+            sum += runs.of[i];
+            zeros += runs.of[i] == 0;
         }
-        runs.of[runs.count] = 0;
-        return least != 0;
+        for (unsigned i = 0; i < 3; i++)
+            runs.of[runs.count + i] = 0;
+        runs.sum = sum;
+        return zeros == 0;
     }
 
   private:
@@ -193,8 +204,8 @@ class run_source
 
     block_cursor cursor;
     const element_blocks_t make;
-    const uint64_t add_one;
-    uint32_t batch[8 * block_elements];
+    const uint32_t add_one;
+    uint8_t batch[8 * block_elements];
     uint64_t unpacked = 0; // elements of the batch,
     uint64_t at = 0;       // and where the next block starts
 };

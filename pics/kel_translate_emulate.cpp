@@ -46,8 +46,8 @@ bool bears_all(const kernel_t &kernel, const lookup_t &lookup, kel_fmt_t fmt)
 
 kel_status_t run_kernel(const kernel_t &kernel, const lookup_t &lookup, kel_type_t type, kel_fmt_t fmt, bool ones)
 {
-    if (kernel.set() && !lookup.tested && masks_by_blocks(kernel.src, fmt) && takes_blocks(kernel.dst, ones) &&
-        bears_all(kernel, lookup, fmt))
+    if (kernel.set() && !lookup.tested && plain_fields(kernel.src) && masks_by_blocks(kernel.src, fmt) &&
+        takes_blocks(kernel.dst, ones) && bears_all(kernel, lookup, fmt))
         return mask_kernel<bitmap_t>(kernel, lookup, ones);
     return ones ? general_translate<index_sink>(kernel, lookup, type, fmt)
                 : general_translate<bit_sink>(kernel, lookup, type, fmt);

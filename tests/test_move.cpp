@@ -34,3 +34,25 @@ TEST(move, known_cases)
     check_move(0, {KEL_VAR, 2, 0, "0506", "0100"}, no_mask, 2, 2,
                "status -4, 0 of 1, 64 bytes 0005; EDATAFMT at element index 2");
 }
+
+// Runs in destinations of all sizes up to what they need and more, with the end inside of blocks and of runs.
+TEST(move, runs_end_anywhere)
+{
+    test_context ctx(2, 0);
+    destination_area dst;
+    random_source random(5);
+    const guarded_buffer data(160 * 12), lengths(160), mask(20);
+    for (const guarded_buffer *buffer : {&data, &lengths, &mask})
+        random.fill(buffer->data, buffer->size);
+    for (const uint32_t width : {1u, 12u})
+        for (const uint32_t to : {1u, 2u, 4u, 8u, 16u})
+            for (uint64_t elements = 0; elements < 26000; elements += random.between(64 / to, 1500)) {
+                kel_vec_t src = plain_vector(KEL_RLE, 160, width, data.data);
+                src.format |= elements % 2 * KEL_ADD_ONE; // else there are runs of 0
+                src.aux_width = elements % 3 ? 8 : 2;
+                src.aux_data = lengths.data;
+                move m = {elements % 5 ? 0 : KEL_PAD, src, plain_vector(KEL_BYTES, elements, to), elements % 7 == 0,
+                          plain_vector(KEL_BITS, 160, 1, mask.data)};
+                ASSERT_TRUE(check_roads(ctx, plain, m, dst));
+            }
+}

@@ -50,11 +50,19 @@ class kernel_sets_test : public testing::TestWithParam<const kernel_set_t *>
     }
 
     // Fields that start behind a page that faults, or such that what may be loaded ends in front of one.
-    request_t any_request(unsigned narrowest, unsigned widest)
+    request_t any_request(unsigned narrowest, unsigned widest, unsigned last_offset = 7)
     {
-        const auto width = random.between<unsigned>(narrowest, widest), offset = random.between<unsigned>(0, 7);
+        const auto width = random.between<unsigned>(narrowest, widest);
+        const auto offset = random.between<unsigned>(0, last_offset);
         const uint64_t blocks = random.between(1, most_blocks), loaded = 8 * width * blocks + set->overrun;
         return {{source.data + (random.one_in(2) ? 0 : source.size - loaded), width, offset}, blocks};
+    }
+
+    // Blocks of whole elements of 9 to 16 bytes.
+    request_t any_wide_request()
+    {
+        const unsigned width = 8 * random.between<unsigned>(9, 16);
+        return any_request(width, width, 0);
     }
 
     // Whether both producers make the same mask words.
@@ -95,6 +103,25 @@ TEST_P(kernel_sets_test, intervals)
     for (unsigned i = 0; i < 300000; i++) {
         const request_t request = any_request(1, 64);
         ASSERT_NO_FATAL_FAILURE(compare_masks(request, any_predicate(random, request.fields.width)));
+    }
+}
+
+// Intervals that begin at elements or a little before them, so that lower words decide.
+TEST_P(kernel_sets_test, wide_intervals)
+{
+    for (unsigned i = 0; i < 50000; i++) {
+        const request_t request = any_wide_request();
+        const unsigned bytes = request.fields.width / 8;
+        wide_predicate_t predicate = {{}, {}, random.between<unsigned>(1, 2), random.one_in(2)};
+        for (unsigned j = 0; j < 2; j++) {
+            const uint8_t *element = request.fields.data + bytes * random.between(0, block_elements - 1);
+            for (unsigned byte = 0; byte < bytes; byte++)
+                predicate.first[j] = predicate.first[j] << 8 | element[byte];
+            predicate.first[j] -= std::min<uint128_t>(predicate.first[j], random.one_in(2) ? 0 : random.word());
+            const uint128_t most = (~uint128_t{0} >> (128 - 8 * bytes)) - predicate.first[j];
+            predicate.span[j] = std::min<uint128_t>(most, uint128_t{random.word()} << random.between(0, 64));
+        }
+        ASSERT_NO_FATAL_FAILURE(compare_masks(request, predicate));
     }
 }
 
@@ -140,7 +167,7 @@ TEST_P(kernel_sets_test, elements)
     for (const unsigned bytes : {1u, 2u, 4u, 8u, 16u}) {
         const unsigned bits = 8 * bytes;
         for (unsigned i = 0; i < 100000; i++) {
-            const request_t request = any_request(1, 64);
+            const request_t request = random.one_in(8) ? any_wide_request() : any_request(1, 64);
             const fields_t &fields = request.fields;
             const unsigned rounded = (fields.width + 7) / 8 * 8;
             const unsigned right = rounded > bits ? rounded - bits : 0;
