@@ -5,6 +5,7 @@
 #include "bench_case.h"
 #include <algorithm>
 #include <memory>
+#include <string_view>
 
 struct width_t {
     uint64_t format;
@@ -69,6 +70,40 @@ plain_t<T> make_plain(const width_t &width, uint64_t elements)
     for (uint64_t i = 0; i < elements; i++)
         plain[i] = static_cast<T>(get_element(source_bytes(), width, i));
     return std::make_shared<const std::vector<T>>(std::move(plain));
+}
+
+// ---- Texts ----------------------------------------------------------------------------------------------------------
+
+// Elements of 1 byte up to 2 to the power of length_bits, by lengths of so many bits that are one less.
+inline kel_vec_t text_vec(uint16_t length_bits, uint64_t elements)
+{
+    kel_vec_t texts = fixed_vec(KEL_VAR | KEL_ADD_ONE, 0, elements, source_bytes());
+    texts.aux_data = source_bytes() + most_bytes / 2; // as random as the elements
+    texts.aux_width = length_bits;
+    return texts;
+}
+
+inline std::vector<std::string_view> get_texts(const kel_vec_t &vec)
+{
+    std::vector<std::string_view> texts;
+    const char *next = static_cast<const char *>(vec.data);
+    for (uint64_t i = 0; i < vec.elements; i++) {
+        const auto *lengths = static_cast<const uint8_t *>(vec.aux_data);
+        texts.emplace_back(next, 1 + get_field(lengths, i * vec.aux_width, vec.aux_width));
+        next += texts.back().size();
+    }
+    return texts;
+}
+
+inline std::string text_name(uint16_t length_bits)
+{
+    return "1 to " + std::to_string(1 << length_bits) + " bytes";
+}
+
+// Of the texts and their lengths.
+inline uint64_t text_bytes(uint16_t length_bits, uint64_t elements)
+{
+    return elements * (8 * ((1 << length_bits) + 1) / 2 + length_bits) / 8;
 }
 
 // ---- Where matches go -----------------------------------------------------------------------------------------------

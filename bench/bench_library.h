@@ -7,6 +7,7 @@
     CALL(kel_thread_init)                                                                                              \
     CALL(kel_set_debug)                                                                                                \
     CALL(kel_nop)                                                                                                      \
+    CALL(kel_scan_value)                                                                                               \
     CALL(kel_scan_range)                                                                                               \
     CALL(kel_translate)                                                                                                \
     CALL(kel_select)                                                                                                   \

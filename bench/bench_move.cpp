@@ -36,6 +36,30 @@ void add_extract(list_t list, const width_t &width, uint32_t dst_bytes, uint64_t
                     [=] { return make_extract(width, dst_bytes, elements); }, false, list == list_t::more});
 }
 
+task_t make_text_extract(uint16_t length_bits, uint32_t dst_bytes)
+{
+    const kel_vec_t src = text_vec(length_bits, in_cache);
+    const kel_vec_t dst = destination_vec({KEL_BYTES, dst_bytes}, in_cache);
+    return make_task([=](const library_t &library) { return library.kel_extract(library.ctx, 0, &src, &dst); },
+                     dst.data,
+                     [=] {
+                         field_list fields;
+                         for (const std::string_view text : get_texts(src)) {
+                             const std::string kept(text.substr(0, dst_bytes));
+                             for (const char byte : std::string(dst_bytes - kept.size(), '\0') + kept)
+                                 fields.put(static_cast<uint8_t>(byte), 8);
+                         }
+                         return outcome_t{fields.take(), 0};
+                     });
+}
+
+void add_text_extract(uint16_t length_bits, uint32_t dst_bytes)
+{
+    const width_t to = {KEL_BYTES, dst_bytes};
+    add_case(list_t::table, {"extract", text_name(length_bits) + " to " + to.name(), in_cache, limit_t::copy,
+                             packed_bytes(to, in_cache), [=] { return make_text_extract(length_bits, dst_bytes); }});
+}
+
 // ---- Select ---------------------------------------------------------------------------------------------------------
 
 // A mask in the library's order and in that of plain loops.
@@ -203,6 +227,7 @@ void add_table()
         add_extract(list_t::table, {KEL_BITS, 20}, 4, elements);
         add_extract(list_t::table, {KEL_BYTES, 4}, 4, elements);
     }
+    add_text_extract(4, 16);
     for (const uint64_t bytes : plain_bytes) {
         add_logical(list_t::table, logical_and, aligned, bytes);
         add_logical(list_t::table, logical_or, aligned, bytes);

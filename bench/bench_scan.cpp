@@ -125,54 +125,41 @@ task_t make_run_scan()
         [=] { return expect_matches(to_bits, expanded.size(), [&](uint64_t i) { return range.holds(expanded[i]); }); });
 }
 
-// Elements of 1 to 4 bytes, by lengths of 2 bits that are one less.
-constexpr uint64_t length_bits = 2;
-
-const uint8_t *length_bytes()
+// The tenth of texts from the middle on, or those equal to one of 5 bytes.
+task_t make_text_scan(uint16_t length_bits, output_t output, bool equality)
 {
-    return source_bytes() + most_bytes / 2; // as random as the elements
-}
-
-uint64_t length_of(uint64_t element)
-{
-    return 1 + get_field(length_bytes(), element * length_bits, length_bits);
-}
-
-// Byte strings against values of 2 bytes: cut to the shorter length, and then the shorter is the lesser.
-int compare_strings(uint64_t left, uint64_t left_bytes, uint64_t right)
-{
-    const uint64_t bytes = std::min<uint64_t>(left_bytes, 2);
-    const uint64_t left_cut = left >> 8 * (left_bytes - bytes);
-    const uint64_t right_cut = right >> 8 * (2 - bytes);
-    if (left_cut != right_cut)
-        return left_cut < right_cut ? -1 : 1;
-    return left_bytes < 2 ? -1 : left_bytes > 2;
-}
-
-task_t make_string_scan()
-{
+    const kel_vec_t src = text_vec(length_bits, in_cache);
+    const kel_vec_t dst = destination_vec(output.width, in_cache);
     const range_t range({KEL_BYTES, 2}, 0.1);
-    kel_vec_t src = fixed_vec(KEL_VAR | KEL_ADD_ONE, 0, in_cache, source_bytes());
-    src.aux_data = const_cast<uint8_t *>(length_bytes());
-    src.aux_width = length_bits;
-    const kel_vec_t dst = destination_vec(to_bits.width, in_cache);
     const kel_int_t lower = fixed_val(KEL_BYTES, 2, 0, range.lower);
     const kel_int_t upper = fixed_val(KEL_BYTES, 2, 0, range.upper);
+    std::vector<std::string_view> texts = get_texts(src);
+    const auto sought = *std::find_if(texts.begin(), texts.end(), [](const auto &text) { return text.size() == 5; });
+    const auto *bytes = reinterpret_cast<const uint8_t *>(sought.data());
+    const kel_int_t same = fixed_val(KEL_BYTES, 5, 0, get_field(bytes, 0, 40));
     return make_task(
         [=](const library_t &library) {
-            return library.kel_scan_range(library.ctx, 0, &src, &dst, KEL_GE_AND_LE, &lower, &upper);
+            return equality
+                       ? library.kel_scan_value(library.ctx, output.flags, &src, &dst, KEL_EQ, &same)
+                       : library.kel_scan_range(library.ctx, output.flags, &src, &dst, KEL_GE_AND_LE, &lower, &upper);
         },
         dst.data,
         [=] {
-            uint64_t bytes = 0; // before the element: elements are asked for in their order
-            return expect_matches(to_bits, in_cache, [&](uint64_t i) {
-                const uint64_t length = length_of(i);
-                const uint64_t element = get_field(source_bytes(), 8 * bytes, 8 * length);
-                bytes += length;
-                return compare_strings(element, length, range.lower) >= 0 &&
-                       compare_strings(element, length, range.upper) <= 0;
+            const auto text_of = [](uint64_t value) {
+                return std::string{static_cast<char>(value >> 8), static_cast<char>(value)};
+            };
+            const std::string least = text_of(range.lower), most = text_of(range.upper);
+            return expect_matches(output, in_cache, [&](uint64_t i) {
+                return equality ? texts[i] == sought : texts[i] >= least && texts[i] <= most;
             });
         });
+}
+
+void add_text_scan(uint16_t length_bits, const output_t &output, bool equality)
+{
+    const std::string name = text_name(length_bits) + " " + output.name + (equality ? ", equality" : ", 10%");
+    add_case(list_t::table, {"scan", name, in_cache, limit_t::read, text_bytes(length_bits, in_cache),
+                             [=] { return make_text_scan(length_bits, output, equality); }});
 }
 
 void add_aux_scans()
@@ -181,9 +168,10 @@ void add_aux_scans()
     add_case(list_t::table,
              {"scan", "12 bits in runs of 10 to bits, 10%", runs.elements, limit_t::read,
               packed_bytes(run_width, runs.lengths.size()) / 8 * 8 + runs.lengths.size(), make_run_scan});
-    constexpr uint64_t mean_bits = 8 * 5 / 2 + length_bits;
-    add_case(list_t::table, {"scan", "1 to 4 bytes to bits, 10%", in_cache, limit_t::read, in_cache * mean_bits / 8,
-                             make_string_scan});
+    add_text_scan(2, to_bits, false);
+    add_text_scan(4, to_bits, true);
+    add_text_scan(4, to_bits, false);
+    add_text_scan(4, to_index2, false);
 }
 
 // ---- Lookups --------------------------------------------------------------------------------------------------------
