@@ -68,7 +68,7 @@ template <int op, bool shifted1, bool shifted2, bool popcnt>
                                                      const source_bytes &src2, uint8_t *dst, uint64_t n)
 {
     constexpr unsigned line = 64, ahead = 4 * line; // bytes
-    const auto [invert_src, invert] = operation;
+    const uint64_t invert_src = operation.invert_src, invert = operation.invert;
     const auto make = [=](uint64_t j) {
         const uint64_t b = src2.word<shifted2>(j) ^ invert_src;
         const uint64_t word = join<op>(src1.word<shifted1>(j), b) ^ invert;
