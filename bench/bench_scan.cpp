@@ -125,7 +125,7 @@ task_t make_run_scan()
         [=] { return expect_matches(to_bits, expanded.size(), [&](uint64_t i) { return range.holds(expanded[i]); }); });
 }
 
-// The tenth of texts from the middle on, or those equal to one of 5 bytes.
+// The tenth of texts from the middle on, or those equal to one of 3 bytes.
 task_t make_text_scan(uint16_t length_bits, output_t output, bool equality)
 {
     const kel_vec_t src = text_vec(length_bits, in_cache);
@@ -134,9 +134,9 @@ task_t make_text_scan(uint16_t length_bits, output_t output, bool equality)
     const kel_int_t lower = fixed_val(KEL_BYTES, 2, 0, range.lower);
     const kel_int_t upper = fixed_val(KEL_BYTES, 2, 0, range.upper);
     std::vector<std::string_view> texts = get_texts(src);
-    const auto sought = *std::find_if(texts.begin(), texts.end(), [](const auto &text) { return text.size() == 5; });
+    const auto sought = *std::find_if(texts.begin(), texts.end(), [](const auto &text) { return text.size() == 3; });
     const auto *bytes = reinterpret_cast<const uint8_t *>(sought.data());
-    const kel_int_t same = fixed_val(KEL_BYTES, 5, 0, get_field(bytes, 0, 40));
+    const kel_int_t same = fixed_val(KEL_BYTES, 3, 0, get_field(bytes, 0, 24));
     return make_task(
         [=](const library_t &library) {
             return equality
