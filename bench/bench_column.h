@@ -4,6 +4,7 @@
 
 #include "bench_case.h"
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <string_view>
 
@@ -150,4 +151,58 @@ inline kel_vec_t destination_vec(const width_t &width, uint64_t elements)
 inline constexpr unsigned output_unit(const output_t &output)
 {
     return output.flags & KEL_ONES_INDEX ? output.width.width : 0;
+}
+
+// ---- Runs -----------------------------------------------------------------------------------------------------------
+
+inline constexpr width_t run_width = {KEL_BITS, 12};
+inline constexpr unsigned run_means[] = {2, 10, 100};
+
+// Run lengths from 1 on, of a byte each.
+struct runs_t {
+    std::vector<uint8_t> lengths;
+    uint64_t elements = 0; // runs expanded
+};
+
+inline const runs_t &get_runs(unsigned mean)
+{
+    static std::map<unsigned, runs_t> all;
+    runs_t &made = all[mean];
+    uint64_t random = mean;
+    while (made.elements < in_cache) {
+        made.lengths.push_back(static_cast<uint8_t>(1 + next_random(random) % (2 * mean - 1)));
+        made.elements += made.lengths.back();
+    }
+    return made;
+}
+
+inline kel_vec_t run_vec(unsigned mean)
+{
+    const std::vector<uint8_t> &lengths = get_runs(mean).lengths;
+    kel_vec_t vec = source_vec(run_width, lengths.size());
+    vec.format |= KEL_RLE;
+    vec.aux_data = const_cast<uint8_t *>(lengths.data());
+    vec.aux_width = 8;
+    return vec;
+}
+
+inline std::vector<uint64_t> expand(unsigned mean)
+{
+    const std::vector<uint8_t> &lengths = get_runs(mean).lengths;
+    std::vector<uint64_t> expanded;
+    for (uint64_t i = 0; i < lengths.size(); i++)
+        expanded.insert(expanded.end(), lengths[i], get_element(source_bytes(), run_width, i));
+    return expanded;
+}
+
+inline std::string run_name(unsigned mean)
+{
+    return run_width.name() + " in runs of " + std::to_string(mean);
+}
+
+// Bytes of the source, in whole words.
+inline uint64_t run_bytes(unsigned mean)
+{
+    const uint64_t runs = get_runs(mean).lengths.size();
+    return packed_bytes(run_width, runs) / 8 * 8 + runs / 8 * 8;
 }

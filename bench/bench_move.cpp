@@ -9,6 +9,12 @@ namespace
 void put_adapted(field_list &to, const uint8_t *stream, const width_t &width, uint64_t index, uint32_t dst_bytes)
 {
     const uint64_t bytes = (width.bits() + 7) / 8;
+    if (dst_bytes > 8) { // of whole bytes
+        to.put(0, 8 * (dst_bytes - bytes));
+        for (uint64_t i = 0; i < bytes; i++)
+            to.put(stream[index * bytes + i], 8);
+        return;
+    }
     const uint64_t element = get_element(stream, width, index);
     to.put(bytes > dst_bytes ? element >> 8 * (bytes - dst_bytes) : element, 8 * dst_bytes);
 }
@@ -34,6 +40,21 @@ void add_extract(list_t list, const width_t &width, uint32_t dst_bytes, uint64_t
     const width_t to = {KEL_BYTES, dst_bytes};
     add_case(list, {"extract", width.name() + " to " + to.name(), elements, limit_t::copy, packed_bytes(to, elements),
                     [=] { return make_extract(width, dst_bytes, elements); }, false, list == list_t::more});
+}
+
+task_t make_run_extract(unsigned mean)
+{
+    const kel_vec_t src = run_vec(mean);
+    const std::vector<uint64_t> expanded = expand(mean);
+    const kel_vec_t dst = destination_vec({KEL_BYTES, 2}, expanded.size());
+    return make_task([=](const library_t &library) { return library.kel_extract(library.ctx, 0, &src, &dst); },
+                     dst.data,
+                     [=] {
+                         field_list fields;
+                         for (const uint64_t element : expanded)
+                             fields.put(element, 16);
+                         return outcome_t{fields.take(), 0};
+                     });
 }
 
 task_t make_text_extract(uint16_t length_bits, uint32_t dst_bytes)
@@ -211,6 +232,7 @@ void add_copy_and_fill(list_t list, uint64_t bytes)
 constexpr width_t whole[] = {{KEL_BYTES, 1}, {KEL_BYTES, 2}, {KEL_BYTES, 4}, {KEL_BYTES, 8}};
 constexpr width_t more_widths[] = {{KEL_BITS, 1},  {KEL_BITS, 4},  {KEL_BITS, 12},
                                    {KEL_BITS, 16}, {KEL_BITS, 24}, {KEL_BYTES, 3}};
+constexpr width_t wide = {KEL_BYTES, 12};
 constexpr uint64_t more_percents[] = {1, 10, 50, 99};
 constexpr uint64_t plain_bytes[] = {in_cache, 4 * out_of_cache};
 constexpr uint64_t few_bytes = 100;
@@ -221,6 +243,11 @@ void add_table()
         add_select(list_t::table, width, width.width, 50, in_cache);
     add_select(list_t::table, whole[2], 4, 10, in_cache);
     add_select(list_t::table, whole[2], 4, 50, out_of_cache);
+    add_select(list_t::table, wide, 16, 50, in_cache);
+    add_extract(list_t::table, wide, 16, in_cache);
+    for (const unsigned mean : run_means)
+        add_case(list_t::table, {"extract", run_name(mean) + " to 2 bytes", get_runs(mean).elements, limit_t::copy,
+                                 2 * get_runs(mean).elements, [=] { return make_run_extract(mean); }});
     for (const uint64_t elements : sizes) {
         add_extract(list_t::table, {KEL_BITS, 7}, 1, elements);
         add_extract(list_t::table, {KEL_BITS, 12}, 2, elements);

@@ -73,50 +73,20 @@ void add_scan(list_t list, const width_t &width, const output_t &output, double 
     snprintf(percent, sizeof percent, "%g%%", 100 * share);
     const bool longer = list == list_t::more;
     add_case(list, {"scan", width.name() + " " + output.name + ", " + percent, elements, limit_t::read,
-                    packed_bytes(width, elements), [=] { return make_scan(width, output, share, elements); }, !longer,
-                    longer});
+                    packed_bytes(width, elements), [=] { return make_scan(width, output, share, elements); },
+                    !longer && width.bits() <= 64, longer});
 }
 
 // ---- Scans with an aux stream ---------------------------------------------------------------------------------------
 
-constexpr width_t run_width = {KEL_BITS, 12};
-constexpr uint64_t run_bits = 8;
-constexpr uint64_t longest_run = 19; // from 1 on: 10 in the mean
-
-struct runs_t {
-    std::vector<uint8_t> lengths;
-    uint64_t elements = 0; // runs expanded
-};
-
-const runs_t &get_runs()
-{
-    static const runs_t runs = [] {
-        runs_t made;
-        made.lengths.resize((in_cache / (longest_run / 2 + 1) + 7) / 8 * 8);
-        uint64_t random = 1;
-        for (uint8_t &length : made.lengths) {
-            length = static_cast<uint8_t>(1 + next_random(random) % longest_run);
-            made.elements += length;
-        }
-        return made;
-    }();
-    return runs;
-}
-
-task_t make_run_scan()
+task_t make_run_scan(unsigned mean)
 {
     const range_t range(run_width, 0.1);
-    const runs_t &runs = get_runs();
-    kel_vec_t src = source_vec(run_width, runs.lengths.size());
-    src.format |= KEL_RLE;
-    src.aux_data = const_cast<uint8_t *>(runs.lengths.data());
-    src.aux_width = run_bits;
-    const kel_vec_t dst = destination_vec(to_bits.width, runs.elements);
+    const kel_vec_t src = run_vec(mean);
+    const std::vector<uint64_t> expanded = expand(mean);
+    const kel_vec_t dst = destination_vec(to_bits.width, expanded.size());
     const kel_int_t lower = bound(run_width, range.lower, 0);
     const kel_int_t upper = bound(run_width, range.upper, 0);
-    std::vector<uint64_t> expanded;
-    for (uint64_t i = 0; i < runs.lengths.size(); i++)
-        expanded.insert(expanded.end(), runs.lengths[i], get_element(source_bytes(), run_width, i));
     return make_task(
         [=](const library_t &library) {
             return library.kel_scan_range(library.ctx, 0, &src, &dst, KEL_GE_AND_LE, &lower, &upper);
@@ -164,10 +134,9 @@ void add_text_scan(uint16_t length_bits, const output_t &output, bool equality)
 
 void add_aux_scans()
 {
-    const runs_t &runs = get_runs();
-    add_case(list_t::table,
-             {"scan", "12 bits in runs of 10 to bits, 10%", runs.elements, limit_t::read,
-              packed_bytes(run_width, runs.lengths.size()) / 8 * 8 + runs.lengths.size(), make_run_scan});
+    for (const unsigned mean : run_means)
+        add_case(list_t::table, {"scan", run_name(mean) + " to bits, 10%", get_runs(mean).elements, limit_t::read,
+                                 run_bytes(mean), [=] { return make_run_scan(mean); }});
     add_text_scan(2, to_bits, false);
     add_text_scan(4, to_bits, true);
     add_text_scan(4, to_bits, false);
@@ -226,8 +195,8 @@ constexpr struct {
     bool in_cache_alone; // in the table
 } widths[] = {{{KEL_BITS, 1}, false},  {{KEL_BITS, 4}, true},  {{KEL_BITS, 8}, false}, {{KEL_BITS, 12}, false},
               {{KEL_BITS, 16}, false}, {{KEL_BITS, 20}, true}, {{KEL_BITS, 24}, true}, {{KEL_BITS, 32}, false},
-              {{KEL_BITS, 64}, false}, {{KEL_BYTES, 3}, true}, {{KEL_BYTES, 5}, true}};
-constexpr width_t more_widths[] = {{KEL_BITS, 7}, {KEL_BYTES, 8}, {KEL_BYTES, 16}};
+              {{KEL_BITS, 64}, false}, {{KEL_BYTES, 3}, true}, {{KEL_BYTES, 5}, true}, {{KEL_BYTES, 16}, true}};
+constexpr width_t more_widths[] = {{KEL_BITS, 7}, {KEL_BYTES, 8}};
 constexpr double shares[] = {0.001, 0.1, 0.5};
 constexpr uint32_t code_bits[] = {8, 16, 24};
 

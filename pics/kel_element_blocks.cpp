@@ -1,4 +1,5 @@
 // The producers of destination elements in portable code.
+#include "kel_limits.h"
 #include "kel_unpack.h"
 
 namespace
@@ -8,7 +9,7 @@ template <class Word>
 struct word_element {
     static constexpr unsigned bits = 8 * sizeof(Word);
 
-    static void store(uint8_t *to, unsigned i, auto field, unsigned left)
+    static void store(uint8_t *to, unsigned i, uint64_t field, unsigned left)
     {
         kel_store_be(to + i * sizeof(Word), static_cast<Word>(field << left));
     }
@@ -21,12 +22,6 @@ struct qword_element {
         kel_store_be<uint64_t>(to + 16 * i, left >= 64 ? field << (left - 64) : 0);
         kel_store_be<uint64_t>(to + 16 * i + 8, left >= 64 ? 0 : field);
     }
-
-    static void store(uint8_t *to, unsigned i, uint128_t field, unsigned left)
-    {
-        kel_store_be(to + 16 * i, static_cast<uint64_t>(field << left >> 64));
-        kel_store_be(to + 16 * i + 8, static_cast<uint64_t>(field << left));
-    }
 };
 
 template <class Element, unsigned bytes, bool wide>
@@ -37,18 +32,28 @@ void element_blocks(const uint8_t *data, const fields_t &fields, unsigned right,
         unpack<wide>(data, fields, right, [=](unsigned i, uint64_t field) { Element::store(block, i, field, left); });
 }
 
-template <class Element>
-void wide_blocks(const uint8_t *data, const fields_t &fields, unsigned right, unsigned left, void *to, size_t n)
+// Wide elements: of too many bytes the first, and around too few of them zeros. Those are moved by their first and
+// their last eight.
+template <unsigned bytes>
+void wide_blocks(const uint8_t *data, const fields_t &fields, unsigned, unsigned left, void *to, size_t n)
 {
-    auto *block = static_cast<uint8_t *>(to);
-    for (unsigned i = 0; i < n * block_elements; i++, data += fields.width / 8)
-        Element::store(block, i, load_wide(data, fields.width) >> right, left);
+    const unsigned size = fields.width / 8, front = (128 - fields.width - left) / 8;
+    auto *element = static_cast<uint8_t *>(to);
+    for (size_t i = 0; i < n * block_elements; i++, data += size, element += bytes) {
+        if constexpr (bytes < kel_max_elem_bytes) {
+            memcpy(element, data, bytes);
+        } else {
+            memset(element, 0, bytes);
+            memcpy(element + front, data, 8);
+            memcpy(element + front + size - 8, data + size - 8, 8);
+        }
+    }
 }
 
 template <class Element, unsigned bytes>
 element_blocks_t choose_width(const fields_t &fields)
 {
-    return fields.width > 64                    ? wide_blocks<Element>
+    return fields.width > 64                    ? wide_blocks<bytes>
            : fields.width > widest_narrow_field ? element_blocks<Element, bytes, true>
                                                 : element_blocks<Element, bytes, false>;
 }

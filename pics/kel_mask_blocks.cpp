@@ -21,10 +21,14 @@ inline void load_lanes(const uint8_t *data, const fields_t &, Lane *lanes)
         lanes[i] = kel_load_be<Lane>(data + i * sizeof(Lane));
 }
 
-inline void load_wide_lanes(const uint8_t *data, const fields_t &fields, uint128_t *lanes)
+// Wide elements, by their first and their last eight bytes.
+inline void load_wide(const uint8_t *data, const fields_t &fields, uint128_t *lanes)
 {
-    for (unsigned i = 0; i < block_elements; i++)
-        lanes[i] = load_wide(data + i * (fields.width / 8), fields.width);
+    const unsigned bytes = fields.width / 8;
+    for (unsigned i = 0; i < block_elements; i++, data += bytes) {
+        const uint64_t high = kel_load_be<uint64_t>(data) >> (128 - fields.width);
+        lanes[i] = uint128_t{high} << 64 | kel_load_be<uint64_t>(data + bytes - 8);
+    }
 }
 
 // ---- Tests of a lane ------------------------------------------------------------------------------------------------
@@ -133,9 +137,8 @@ mask_blocks_t<predicate_t> portable_interval_masks(const fields_t &fields, const
 
 mask_blocks_t<wide_predicate_t> portable_wide_masks(const fields_t &, const wide_predicate_t &predicate)
 {
-    return predicate.intervals == 2
-               ? mask_blocks<uint128_t, load_wide_lanes, in_two_intervals<uint128_t>, wide_predicate_t>
-               : mask_blocks<uint128_t, load_wide_lanes, in_one_interval<uint128_t>, wide_predicate_t>;
+    return predicate.intervals == 2 ? mask_blocks<uint128_t, load_wide, in_two_intervals<uint128_t>, wide_predicate_t>
+                                    : mask_blocks<uint128_t, load_wide, in_one_interval<uint128_t>, wide_predicate_t>;
 }
 
 mask_blocks_t<bitmap_t> portable_bitmap_masks(const fields_t &fields, const bitmap_t &)

@@ -463,8 +463,9 @@ kel_status_t move_runs_from(const move_t &move, Source &&source)
         const uint64_t mask = move.mask ? words.next(runs.count) : ~uint64_t{0};
         const uint8_t *from = source.next(runs.count);
         left -= runs.count;
-        uint32_t taken[block_elements];
-        const uint64_t sum = take_runs(runs, mask, taken);
+        uint32_t masked[block_elements];
+        const uint32_t *const taken = move.mask ? masked : runs.of;
+        const uint64_t sum = move.mask ? take_runs(runs, mask, masked) : runs.sum;
         if (!sound || progress.count + sum + copies<bytes>::size / bytes >= sink.room) {
             status = move_run_elements<bytes>(from, mask, runs, sink.room, to, progress);
             continue;

@@ -64,11 +64,13 @@ class bit_sink : public sink
         const uint64_t bits = out.cache_bits % 8;
         byte_writer writer = {reinterpret_cast<uint8_t *>(words) + out.cache_bits / 8,
                               out.cache << (out.cache_bits - bits), bits};
-        matches += writer.put_runs(mask, runs);
+        writer.put_runs(mask, runs);
+        matches -= popc_words(&out.cache, 1);
         memcpy(out.buf, words, held / 64 * 8);
         out.buf += held / 64;
         out.cache_bits = held % 64;
         out.cache = kel_load_be<uint64_t>(&words[held / 64]) & byte_writer::ones(out.cache_bits);
+        matches += popc_words(words, held / 64) + popc_words(&out.cache, 1);
         return true;
     }
 
@@ -126,17 +128,14 @@ class bit_sink : public sink
             bits %= 8;
         }
 
-        // Four runs at a time, at once where they are short. Answers the sum of those whose bit of the mask is set.
-        uint64_t put_runs(uint64_t mask, const runs_t &runs)
+        // Four runs at a time, at once where they are short.
+        void put_runs(uint64_t mask, const runs_t &runs)
         {
-            uint64_t matching = 0;
             for (unsigned i = 0; i < runs.count; i += 4) {
                 const uint32_t *const run = runs.of + i;
                 uint64_t match[4]; // all ones or zeros
-                for (unsigned j = 0; j < 4; j++, mask <<= 1) {
+                for (unsigned j = 0; j < 4; j++, mask <<= 1)
                     match[j] = static_cast<uint64_t>(static_cast<int64_t>(mask) >> 63);
-                    matching += match[j] & run[j];
-                }
                 const uint64_t half = run[0] + run[1], all = half + run[2] + run[3];
                 if (all <= 56)
                     put((match[0] & ones(run[0])) | (match[1] & ones(run[1])) >> run[0] |
@@ -146,7 +145,6 @@ class bit_sink : public sink
                     for (unsigned j = 0; j < 4; j++)
                         put_run(match[j], run[j]);
             }
-            return matching;
         }
     };
 };

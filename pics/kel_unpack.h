@@ -31,11 +31,4 @@ inline void unpack(const uint8_t *data, const fields_t &fields, unsigned right, 
 
 constexpr unsigned widest_narrow_field = 57;
 
-// A wide element: its first and its last eight bytes.
-inline uint128_t load_wide(const uint8_t *element, unsigned width)
-{
-    const uint64_t high = kel_load_be<uint64_t>(element) >> (128 - width);
-    return uint128_t{high} << 64 | kel_load_be<uint64_t>(element + width / 8 - 8);
-}
-
 } // namespace
