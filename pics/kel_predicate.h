@@ -71,7 +71,7 @@ struct outcomes_t {
 };
 
 template <class Word>
-outcomes_t<Word> outcomes(uint64_t element_bits, uint128_t value, uint64_t value_bits)
+[[gnu::always_inline]] inline outcomes_t<Word> outcomes(uint64_t element_bits, uint128_t value, uint64_t value_bits)
 {
     const uint64_t rounded = kel_round_bits(element_bits);
     const uint64_t value_rounded = kel_round_bits(value_bits);
@@ -90,7 +90,7 @@ outcomes_t<Word> outcomes(uint64_t element_bits, uint128_t value, uint64_t value
 
 // The elements that an operator accepts, but for NE, for which it is those that it does not accept.
 template <class Word>
-interval_t<Word> accepted(unsigned accept, const outcomes_t<Word> &at)
+[[gnu::always_inline]] inline interval_t<Word> accepted(unsigned accept, const outcomes_t<Word> &at)
 {
     if (accept == accept_ne || accept == accept_eq)
         return {at.equal, at.greater};
@@ -101,7 +101,8 @@ interval_t<Word> accepted(unsigned accept, const outcomes_t<Word> &at)
 
 // A predicate of two intervals: empty ones are left out, and no interval at all is the negation of all.
 template <class Word>
-membership_t<Word> make_predicate(interval_t<Word> a, interval_t<Word> b, bool negated, border_t<Word> domain)
+[[gnu::always_inline]] inline membership_t<Word> make_predicate(interval_t<Word> a, interval_t<Word> b, bool negated,
+                                                                border_t<Word> domain)
 {
     if (a.empty())
         a = std::exchange(b, {});
@@ -112,20 +113,22 @@ membership_t<Word> make_predicate(interval_t<Word> a, interval_t<Word> b, bool n
 }
 
 template <class Word>
-membership_t<Word> reduce(const operator_t &op, const outcomes_t<Word> &at)
+[[gnu::always_inline]] inline membership_t<Word> reduce(const operator_t &op, const outcomes_t<Word> &at)
 {
     return make_predicate<Word>(accepted(op.accept[0], at), {}, op.accept[0] == accept_ne, at.end);
 }
 
 // The joins that operators have: EQ or EQ, NE and NE, and of two orders either both of a range or one of its outsides.
 template <class Word>
-membership_t<Word> reduce(const operator_t &op, const outcomes_t<Word> &lower, const outcomes_t<Word> &upper)
+[[gnu::always_inline]] inline membership_t<Word> reduce(const operator_t &op, const outcomes_t<Word> &lower,
+                                                        const outcomes_t<Word> &upper)
 {
     const interval_t<Word> a = accepted(op.accept[0], lower);
     const interval_t<Word> b = accepted(op.accept[1], upper);
     if (op.accept[0] == accept_eq || op.accept[0] == accept_ne)
         return make_predicate(a, b, op.accept[0] == accept_ne, lower.end);
     if (op.both)
-        return make_predicate<Word>({std::max(a.begin, b.begin), std::min(a.end, b.end)}, {}, false, lower.end);
+        return make_predicate<Word>({a.begin < b.begin ? b.begin : a.begin, a.end < b.end ? a.end : b.end}, {}, false,
+                                    lower.end);
     return make_predicate<Word>({a.end, b.begin}, {}, true, lower.end); // below a or above b: not between
 }
