@@ -182,7 +182,10 @@ uint64_t do_logical_il(int op, uint64_t flags, const void *src1, const void *src
         const auto run = op == kel_op_and  ? run_words<kel_op_and>
                          : op == kel_op_or ? run_words<kel_op_or>
                                            : run_words<kel_op_xor>;
-        count = run(operation, bytes1, bytes2, to, words, have_popcnt);
+        // Words are shifted by bits of a byte; validation refuses offsets that pass one.
+        const source_bytes words1 = {bytes1.data + offset1 / 8, offset1 % 8};
+        const source_bytes words2 = {bytes2.data + offset2 / 8, offset2 % 8};
+        count = run(operation, words1, words2, to, words, have_popcnt);
         bytes1.data += 8 * words;
         bytes2.data += 8 * words;
         to += 8 * words;

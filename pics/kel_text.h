@@ -16,7 +16,8 @@ constexpr unsigned longest_text = 16;
 // Whether a source is of variable width, with lengths in fields of up to 8 bits.
 inline bool plain_texts(const kel_vec_t *src, kel_type_t type, kel_fmt_t fmt)
 {
-    return fmt == kel_fmt_mixed && type == kel_type_uint128 && plain_runs(src) && src->aux_width <= 8 &&
+    const bool texts = (src->format & (KEL_VAR | KEL_RLE)) == KEL_VAR; // a bad operator can lead here without
+    return fmt == kel_fmt_mixed && type == kel_type_uint128 && texts && plain_runs(src) &&
            src->offset <= kel_max_offset && src->elements <= UINT64_MAX / 256;
 }
 
@@ -155,7 +156,7 @@ class text_source
     const uint8_t above; // 1, by which a length is more than what is kept of it
     bool sound = true;
     place_t places[block_batch];
-    uint8_t lengths[block_batch * block_elements];
+    uint8_t lengths[block_batch * block_elements + most_overrun]; // looked up by a producer
     uint8_t within[block_batch * block_elements];
     uint8_t copy[block_elements * longest_text + 2 * longest_text];
 };

@@ -195,6 +195,14 @@ TEST(scan_death, operators_above_their_families)
     const outcome expected = call(s, o, emulation(s, o), true);
     s.op += 32;
     EXPECT_TRUE(check(ctx, o, calls, s, expected, dst));
+
+    const guarded_buffer wide(100 * 16);
+    kel_vec_t without_lengths = plain_vector(KEL_BYTES, 100, 16, wide.data);
+    without_lengths.aux_width = 8;
+    const kel_int_t filling = {KEL_BYTES, 16, {0, 0xa5a5a5a5a5a5a5a5, 0xa5a5a5a5a5a5a5a5}};
+    const kel::column found = kel::column::bits(100, 1);
+    EXPECT_EQ(kel_scan_value(unvalidated, 0, &without_lengths, found, KEL_EQ_OR_EQ, &filling).count, 100u);
+
     const auto op = static_cast<kel_compare_t>(1000);
     EXPECT_DEATH(kel_scan_value(unvalidated, 0, &s.src, &s.dst, op, &zero), "kel_scan_value_emulate.*0");
     EXPECT_DEATH(kel_scan_range(unvalidated, 0, &s.src, &s.dst, op, &zero, &zero), "kel_scan_range_emulate.*0");
