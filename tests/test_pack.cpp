@@ -83,8 +83,13 @@ TEST(pack, values_that_do_not_fit_are_not_written)
 
 TEST(pack, sizes_and_widths)
 {
-    constexpr uint64_t sizes[][4] = {{0, 5, 0, 64},    {1, 1, 8, 128},    {64, 1, 8, 128},
-                                     {65, 1, 16, 128}, {512, 1, 64, 128}, {513, 1, 72, 192}};
+    constexpr uint64_t sizes[][4] = {{0, 5, 0, 64},
+                                     {1, 1, 8, 128},
+                                     {64, 1, 8, 128},
+                                     {65, 1, 16, 128},
+                                     {512, 1, 64, 128},
+                                     {513, 1, 72, 192},
+                                     {UINT64_MAX, 2, UINT64_MAX / 64 * 64, UINT64_MAX / 64 * 64}};
     for (const auto &[elements, bits, source, destination] : sizes) {
         EXPECT_EQ(kel_source_size(elements, static_cast<uint32_t>(bits)), source);
         EXPECT_EQ(kel_destination_size(elements, static_cast<uint32_t>(bits)), destination);

@@ -169,6 +169,9 @@ TEST(scan, value_beyond_32_bytes)
     EXPECT_EQ(matches(wide, KEL_GT, twos), 0x20);
     EXPECT_EQ(matches(narrow, KEL_LE, one), 0xff);
     EXPECT_EQ(matches(narrow, KEL_GE, one), 0);
+    const kel_int_t pair = bytes(2, 0x0101); // a short value beside the long one
+    const kel::column dst = kel::column::bits(12, 1);
+    EXPECT_EQ(kel_scan_range(ctx, 0, &narrow, dst, KEL_LT_OR_GT, &pair, &one).count, 12u);
 }
 
 // Elements without a byte have no data to be read: the length is looked at first.
