@@ -24,8 +24,10 @@ kel_status_t put_elements(Sink &sink, uint64_t mask, uint64_t elements, progress
     return KEL_SUCCESS;
 }
 
+// Inlined, so that what the sink and the progress hold stays in registers.
 template <class Sink>
-kel_status_t put_blocks(Sink &sink, uint64_t *masks, uint64_t elements, progress_t &progress)
+[[gnu::always_inline]] inline kel_status_t put_blocks(Sink &sink, uint64_t *masks, uint64_t elements,
+                                                      progress_t &progress)
 {
     kel_status_t status = KEL_SUCCESS;
     [[maybe_unused]] const auto kept = sink.keep(masks, (elements + block_elements - 1) / block_elements);
