@@ -155,7 +155,7 @@ class mask_source
 
 constexpr unsigned longest_run = 256;
 
-// Up to 64 runs, none of which is 0.
+// Up to 64 runs; next tells whether one is 0.
 struct runs_t {
     uint32_t of[block_elements + 3]; // behind the last one are zeros
     unsigned count;
