@@ -52,6 +52,6 @@ for compilers in "cc c++ -Wuseless-cast" "clang clang++"; do
     done
 done
 
-clients sources -DKEL_SOURCE="$source"
+clients sources -DKEL_SOURCE="$source" -DKEL_VECTOR=OFF
 built=$(cmake --build "$scratch/sources" --target help | grep -cE ' (test_|kel_bench|flights)' || true)
 [ "$built" = 0 ] || { echo "a build inside a client's has targets of the project's own"; exit 1; }
