@@ -107,6 +107,8 @@ bool takes_part(const case_t &of, runner_t runner)
     switch (runner) {
     case runner_limit:
         return of.limit != limit_t::none;
+    case runner_portable:
+        return !of.once;
     case runner_walk:
         return of.walk;
     case runner_plain:

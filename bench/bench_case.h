@@ -51,6 +51,7 @@ struct case_t {
     std::function<task_t()> make;
     bool plain = false; // has a plain loop
     bool walk = false;  // has element-by-element kernels
+    bool once = false;  // calls no library that is loaded, so that there is no second build of it
 };
 
 // The table is what runs without a filter; the long list runs under one.
@@ -60,6 +61,7 @@ void add_case(list_t list, case_t added);
 // The cases and benchmarks of each unit, in the order of the table.
 void add_scans();
 void add_moves();
+void add_packing();
 void add_decoders();
 void add_calls();
 void add_trainers();

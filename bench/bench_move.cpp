@@ -141,7 +141,7 @@ void add_select(list_t list, const width_t &width, uint32_t dst_bytes, uint64_t 
     const bool longer = list == list_t::more;
     add_case(list, {"select", shape + ", " + std::to_string(percent) + "%", elements, limit_t::read,
                     packed_bytes(width, elements), [=] { return make_select(width, dst_bytes, percent, elements); },
-                    !longer, longer});
+                    !longer && width.bits() <= 64, longer});
 }
 
 // ---- Plain memory ---------------------------------------------------------------------------------------------------
@@ -153,7 +153,8 @@ struct place_t {
 };
 
 constexpr place_t aligned = {"aligned", 0, 0};
-constexpr place_t places[] = {{"3 bytes off", 3, 0}, {"5 bits off", 0, 5}};
+constexpr place_t bits_off = {"5 bits off", 0, 5};
+constexpr place_t bytes_off = {"3 bytes off", 3, 0};
 
 struct logical_t {
     const char *name;
@@ -243,6 +244,8 @@ void add_table()
         add_select(list_t::table, width, width.width, 50, in_cache);
     add_select(list_t::table, whole[2], 4, 10, in_cache);
     add_select(list_t::table, whole[2], 4, 50, out_of_cache);
+    add_select(list_t::table, {KEL_BITS, 12}, 2, 50, in_cache);
+    add_select(list_t::table, {KEL_BYTES, 3}, 4, 50, in_cache);
     add_select(list_t::table, wide, 16, 50, in_cache);
     add_extract(list_t::table, wide, 16, in_cache);
     for (const unsigned mean : run_means)
@@ -258,6 +261,7 @@ void add_table()
     for (const uint64_t bytes : plain_bytes) {
         add_logical(list_t::table, logical_and, aligned, bytes);
         add_logical(list_t::table, logical_or, aligned, bytes);
+        add_logical(list_t::table, logical_and, bits_off, bytes);
         add_copy_and_fill(list_t::table, bytes);
     }
 }
@@ -277,8 +281,7 @@ void add_more()
         }
     }
     for (const uint64_t bytes : plain_bytes)
-        for (const place_t &place : places)
-            add_logical(list_t::more, logical_and, place, bytes);
+        add_logical(list_t::more, logical_and, bytes_off, bytes);
     add_logical(list_t::more, logical_and, aligned, few_bytes);
     add_copy_and_fill(list_t::more, few_bytes);
 }

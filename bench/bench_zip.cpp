@@ -1,5 +1,5 @@
 // Expansion of codeword streams, beside memcpy and beside the decoders of lz4 and zstd on the same bytes.
-#include "bench_case.h"
+#include "bench_column.h"
 #include "kel_zip.h"
 #include <algorithm>
 #include <lz4.h>
@@ -181,32 +181,63 @@ class codecs_t
     std::map<const library_t *, kel_zip_t *> codecs;
 };
 
-// An extract of a compressed column of bytes, which expands it and copies the outcome.
-void add_decode(const dictionary_t &shape)
+using call_t = std::function<kel_result_t(const library_t &library, const kel_vec_t &src)>;
+
+// A row of an operation on a compressed column of bytes, which is expanded first.
+void add_compressed(const char *operation, const std::string &shape, const coded_t &coded, uint64_t counted,
+                    const call_t &call, const std::function<outcome_t()> &expect)
 {
-    static const coded_t coded(shape, 0, in_cache);
-    const auto make = [] {
+    const auto make = [=, &coded] {
         const auto codecs = std::make_shared<codecs_t>(coded);
-        const kel_vec_t dst = fixed_vec(KEL_BYTES, 1, coded.plain.size(), destination_bytes());
         return make_task(
-            [=](const library_t &library) {
-                const kel_vec_t src = coded.vec(codecs->of(library), coded.plain.size());
-                return library.kel_extract(library.ctx, 0, &src, &dst);
+            [=, &coded](const library_t &library) {
+                return call(library, coded.vec(codecs->of(library), coded.plain.size()));
             },
-            dst.data,
-            [] {
-                return outcome_t{coded.plain, 0};
-            });
+            destination_bytes(), expect);
     };
-    add_case(list_t::table, {"decode", std::to_string(shape.symbols) + " symbols of 1 to 7 bytes", coded.codewords,
-                             limit_t::copy, coded.plain.size(), make});
+    add_case(list_t::table, {operation, shape, counted, limit_t::copy, coded.plain.size(), make});
+}
+
+void add_compressed_rows()
+{
+    static const coded_t coded({1024, 4}, 0, in_cache);
+    const uint64_t bytes = coded.plain.size();
+    const auto extract = [=](const library_t &library, const kel_vec_t &src) {
+        const kel_vec_t dst = fixed_vec(KEL_BYTES, 1, bytes, destination_bytes());
+        return library.kel_extract(library.ctx, 0, &src, &dst);
+    };
+    add_compressed("decode", "1024 symbols of 1 to 7 bytes", coded, coded.codewords, extract, [] {
+        return outcome_t{coded.plain, 0};
+    });
+    constexpr uint64_t half = 0x7f;
+    const auto scan = [=](const library_t &library, kel_vec_t src) {
+        src.format |= KEL_BYTES;
+        const kel_vec_t dst = fixed_vec(KEL_BITS, 1, bytes, destination_bytes());
+        const kel_int_t most = fixed_val(KEL_BYTES, 1, 0, half);
+        return library.kel_scan_value(library.ctx, 0, &src, &dst, KEL_LE, &most);
+    };
+    add_compressed("scan", "1 byte, compressed, to bits, 50%", coded, bytes, scan,
+                   [=] { return expect_matches(to_bits, bytes, [](uint64_t i) { return coded.plain[i] <= half; }); });
+    const auto select = [=](const library_t &library, const kel_vec_t &src) {
+        const kel_vec_t dst = fixed_vec(KEL_BYTES, 1, bytes, destination_bytes());
+        const kel_vec_t mask = fixed_vec(KEL_BITS, 1, bytes, source_bytes());
+        return library.kel_select(library.ctx, 0, &src, &dst, &mask);
+    };
+    add_compressed("select", "1 byte, compressed, 50%", coded, bytes, select, [=] {
+        outcome_t selected = {};
+        for (uint64_t i = 0; i < bytes; i++)
+            if (get_field(source_bytes(), i, 1))
+                selected.bytes.push_back(coded.plain[i]);
+        selected.count = selected.bytes.size();
+        return selected;
+    });
 }
 
 } // namespace
 
 void add_decoders()
 {
-    add_decode({1024, 4});
+    add_compressed_rows();
     for (const unsigned symbols : {16u, 256u, 1024u})
         for (const unsigned length : {2u, 4u, 8u}) {
             const dictionary_t shape = {symbols, length};

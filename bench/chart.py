@@ -29,7 +29,7 @@ def best(runs):
             portable = min(other["ratio"] * other["ns"] for other in same)
             row["ratio"] = portable / min(other["ns"] for other in same)
         row["ns"] = min(other["ns"] for other in same)
-        for rate in ("elements_per_ns", "gb_per_s", "limit_gb_per_s"):
+        for rate in ("elements_per_ns", "elements_per_cycle", "gb_per_s", "limit_gb_per_s"):
             row[rate] = max((other[rate] for other in same if other[rate]), default=None)
         if row["limit_gb_per_s"]:
             row["share"] = row["gb_per_s"] / row["limit_gb_per_s"]
@@ -66,8 +66,8 @@ def digits(value, form):
 
 def table(rows):
     lines = [
-        "| Operation | Shape | Elements | Per ns | GB/s | Limit, GB/s | Share | Ratio | Plain loop, per ns |",
-        "|---|---|--:|--:|--:|--:|--:|--:|--:|",
+        "| Operation | Shape | Elements | Per ns | Per cycle | GB/s | Limit, GB/s | Share | Ratio | Plain loop, per ns |",
+        "|---|---|--:|--:|--:|--:|--:|--:|--:|--:|",
     ]
     few = 0.1  # shares below have a digit more
     calls = ["| Call | ns |", "|---|--:|"]
@@ -78,6 +78,7 @@ def table(rows):
                 row["shape"],
                 size(row["elements"]),
                 digits(row["elements_per_ns"], ".2f"),
+                digits(row["elements_per_cycle"], ".2f"),
                 digits(row["gb_per_s"], ".1f"),
                 f"{row['limit']} {digits(row['limit_gb_per_s'], '.0f')}",
                 digits(row["share"], ".1%" if row["share"] < few else ".0%"),

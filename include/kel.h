@@ -170,8 +170,8 @@ typedef struct kel_int {
     uint32_t
         elem_width;    /**< width of the value, in bits with KEL_BITS, else in bytes; the limits of a source element */
     uint64_t dword[3]; /**< the value, most significant word first: up to 8 bytes stand in dword[2], up to 16 in
-                            dword[1] and dword[2]. Bytes above the width are to be zero (tested
-                            by KEL_DEBUG_EXTRA). */
+                            dword[1] and dword[2]. Bytes above the width are to be zero; KEL_DEBUG_EXTRA tests
+                            those in the word that holds the value's first byte. */
 } kel_int_t;
 
 /** @} */

@@ -314,6 +314,22 @@ class column
         return wide{base} == own_base ? unpack(std::forward<Values>(values), base) : KEL_EDATASIZE;
     }
 
+    /** Reads the elements whose bit in mask is 1, as many as values has room for, with the column's base:
+     * kel_unpack_selected. */
+    template <integers Values>
+    requires std::ranges::output_range<Values, number_of<Values>>
+    [[nodiscard]] kel_result_t unpack_selected(kel_context_t *ctx, const kel_vec_t *mask,
+                                               Values &&values) const noexcept
+    {
+        const std::span all(values);
+        const auto base = static_cast<number_of<Values>>(own_base);
+        if (wide{base} != own_base)
+            return {KEL_EDATASIZE, 0, 0};
+        if (!holds(0, vec.elements))
+            return {KEL_EINVAL, 0, 0};
+        return kel_unpack_selected(ctx, &vec, mask, all.data(), all.size(), sizeof all[0], static_cast<uint64_t>(base));
+    }
+
     /** Packs values as runs; vec.elements becomes their number: kel_pack_runs. The base becomes the column's. */
     template <integers Values>
     kel_status_t pack_runs(const Values &values, number_of<Values> base = 0) noexcept

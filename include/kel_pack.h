@@ -3,7 +3,7 @@
  * The client's side of a column: packs integers and texts of the host into vectors, and reads results back.
  *
  * A companion of kel.h for C11 and C++, complete in this header: the functions are inline, need no library and no
- * context, allocate nothing, and keep nothing. A vector is described as for kel.h; its buffers are the caller's, and
+ * context (but for kel_unpack_selected), allocate nothing, and keep nothing. A vector is described as for kel.h; its buffers are the caller's, and
  * need no alignment here. Only the bits of the named elements are written, and no byte is touched that holds none of
  * the elements that are packed or read.
  *
@@ -111,7 +111,8 @@ static inline void kel_put_field(void *stream, uint64_t bit, uint32_t bits, uint
 
 #define KEL_PACK_INLINE static inline __attribute__((always_inline))
 
-#define KEL_PACK_BATCH 64 /* words */
+#define KEL_PACK_BATCH 64   /* words */
+#define KEL_PACK_BLOCK 2048 /* elements; a multiple of 512, so that a slice of blocks is aligned as the whole */
 
 /* The lowest bits, of which there is at least one. */
 KEL_PACK_INLINE uint64_t kel_ones(uint32_t bits)
@@ -129,6 +130,8 @@ KEL_PACK_INLINE uint64_t kel_in_lanes(uint32_t lane, uint64_t number)
 KEL_PACK_INLINE uint64_t kel_add_lanes(uint64_t word, uint32_t lane, uint64_t term)
 {
     const uint64_t tops = kel_in_lanes(lane, UINT64_C(1) << (lane - 1));
+    if (lane == 64)
+        return word + term;
     return term ? ((word & ~tops) + (term & ~tops)) ^ ((word ^ term) & tops) : word;
 }
 
@@ -147,11 +150,13 @@ KEL_PACK_INLINE uint64_t kel_split_pairs(uint64_t word, uint32_t lane, uint32_t 
 
 KEL_PACK_INLINE uint64_t kel_join_lanes(uint64_t word, uint32_t lane, uint32_t bits)
 {
+    if (lane == 64)
+        return word & kel_ones(bits); /* without effect, but a plain copy becomes a slow instruction */
     if (lane <= 8)
         word = kel_join_pairs(word, 8, bits);
     if (lane <= 16)
         word = kel_join_pairs(word, 16, 16 / lane * bits);
-    return lane <= 32 ? kel_join_pairs(word, 32, 32 / lane * bits) : word;
+    return kel_join_pairs(word, 32, 32 / lane * bits);
 }
 
 /* Bits above the field are left out. */
@@ -429,6 +434,37 @@ static inline kel_status_t kel_unpack(const kel_vec_t *vec, uint64_t first, uint
     }
 }
 
+/**
+ * Reads the elements of src whose bit in mask is 1, and adds base to each: a kel_select whose result goes to an array
+ * of the host without a pass over memory. It makes a kel_select of each 2,048 elements, with KEL_DEBUG_EXTRA, log
+ * lines and counters as each of them has, and 16 KB of the stack. src: as for kel_pack, but for KEL_RLE. mask: as for
+ * kel_select. room: how many values there is room for; count: how many have been written.
+ *
+ * KEL_EINVAL, KEL_EDATASIZE: as kel_unpack, or mask has fewer elements than src; KEL_EOVERFLOW: more than room are
+ * selected, and values has the first ones; or what kel_select answers. After another failure nothing has been written.
+ */
+static inline kel_result_t kel_unpack_selected(kel_context_t *ctx, const kel_vec_t *src, const kel_vec_t *mask,
+                                               void *values, uint64_t room, size_t value_width, uint64_t base)
+{
+    uint8_t selected[8 * KEL_PACK_BLOCK + 64] __attribute__((aligned(64)));
+    const kel_vec_t dst = {KEL_BYTES, KEL_PACK_BLOCK, selected, (uint32_t)value_width, 0, 0, 0, NULL, NULL, 0};
+    kel_vec_t part = *src, bits = *mask;
+    kel_result_t result = {kel_unpack(&part, 0, 0, values, value_width, base), 0, 0};
+    if (result.status == KEL_SUCCESS && (src->format & KEL_RLE || mask->elements < src->elements))
+        result.status = KEL_EINVAL;
+    for (uint64_t first = 0; result.status == KEL_SUCCESS && first < src->elements; first += KEL_PACK_BLOCK) {
+        part.elements = bits.elements = src->elements - first < KEL_PACK_BLOCK ? src->elements - first : KEL_PACK_BLOCK;
+        part.data = (uint8_t *)src->data + first / 8 * kel_element_bits(src);
+        bits.data = (uint8_t *)mask->data + first / 8;
+        const kel_result_t some = kel_select(ctx, 0, &part, &dst, &bits);
+        const uint64_t fitting = some.count < room - result.count ? some.count : room - result.count;
+        result.status = fitting < some.count ? KEL_EOVERFLOW : some.status;
+        (void)kel_unpack(&dst, 0, fitting, (uint8_t *)values + result.count * value_width, value_width, base);
+        result.count += fitting;
+    }
+    return result;
+}
+
 /** @} */
 
 /**
@@ -551,6 +587,7 @@ static inline size_t kel_text_at(const kel_vec_t *vec, uint64_t at, const char *
 /** @} */
 
 #undef KEL_PACK_BATCH
+#undef KEL_PACK_BLOCK
 #undef KEL_PACK_INLINE
 
 #ifdef __cplusplus

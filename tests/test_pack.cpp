@@ -101,6 +101,41 @@ TEST(pack, sizes_and_widths)
         EXPECT_EQ(kel_width_for(greatest), bits) << greatest;
 }
 
+// Blocks, their borders, an array that is too short, and what is refused.
+TEST(pack, what_a_mask_selects)
+{
+    const kel::context ctx = kel::open();
+    for (const uint64_t elements : {1u, 511u, 2048u, 2049u, 5000u})
+        for (const uint32_t bits : {1u, 7u, 12u, 16u, 24u, 32u}) {
+            SCOPED_TRACE(testing::Message() << elements << " elements of " << bits << " bits");
+            const guarded_buffer data((elements * bits + 7) / 8 + 7, 8), marks((elements + 14) / 8, 1);
+            random_numbers.fill(data.data, data.size);
+            random_numbers.fill(marks.data, marks.size);
+            const kel_vec_t src = {KEL_BITS, elements, data.data, bits, 0, 0, 0, nullptr, nullptr, 0};
+            const uint8_t offset = random_numbers.between<uint8_t>(0, 7);
+            kel_vec_t mask = {KEL_BITS, elements, marks.data, 1, offset, 0, 0, nullptr, nullptr, 0};
+            std::vector<int32_t> all(elements), back(elements + 1, 17), expected;
+            ASSERT_EQ(kel_unpack(&src, 0, elements, all.data(), 4, static_cast<uint64_t>(-40)), KEL_SUCCESS);
+            for (uint64_t i = 0; i < elements; i++)
+                if (kel_get_field(marks.data, offset + i, 1))
+                    expected.push_back(all[i]);
+            const auto run = [&](uint64_t room, size_t width) {
+                return kel_unpack_selected(ctx, &src, &mask, back.data(), room, width, static_cast<uint64_t>(-40));
+            };
+            for (const uint64_t room : {uint64_t{0}, expected.size() / 2, expected.size()}) {
+                const kel_result_t result = run(room, 4);
+                EXPECT_EQ(result.status, room < expected.size() ? KEL_EOVERFLOW : KEL_SUCCESS);
+                EXPECT_EQ(result.count, room);
+                EXPECT_TRUE(std::equal(back.begin(), back.begin() + static_cast<ptrdiff_t>(room), expected.begin()));
+                EXPECT_EQ(back[room], 17);
+            }
+            EXPECT_EQ(run(elements, 16).status, KEL_EINVAL);
+            EXPECT_EQ(run(elements, 1).status, bits > 8 ? KEL_EDATASIZE : KEL_SUCCESS);
+            mask.elements--;
+            EXPECT_EQ(run(elements, 4).status, KEL_EINVAL);
+        }
+}
+
 // What is packed as runs must come out of the library as it went in.
 TEST(pack, runs)
 {

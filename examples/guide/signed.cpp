@@ -12,7 +12,7 @@ int main()
     const kel::context ctx = kel::open();
     if (!ctx)
         return 1;
-    for (const int limit : {-5, 80, 1000, -300}) {
+    for (const int limit : {80, 1000, -300, -5}) {
         const kel::column_value value = column.value(limit); // less the base, in the column's width
         std::cout << "above " << limit << ": ";
         if (value.place == kel::place::below) {
@@ -27,8 +27,10 @@ int main()
         }
     }
 
-    std::vector<int32_t> back(degrees.size());
-    if (column.unpack(back) != KEL_SUCCESS) // adds the base
+    std::vector<int32_t> found(degrees.size());
+    const kel_result_t result = column.unpack_selected(ctx, above, found); // adds the base
+    if (result.status != KEL_SUCCESS)
         return 1;
-    std::cout << "the coldest: " << back[3] << '\n';
+    for (size_t i = 0; i < result.count; i++)
+        std::cout << found[i] << '\n';
 }
