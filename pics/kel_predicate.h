@@ -45,6 +45,14 @@ struct border_t {
     auto operator<=>(const border_t &) const = default;
 };
 
+// One of two borders, by their members: a whole one that was chosen would be loaded in one piece, which has to wait for
+// the stores of both.
+template <class Word>
+[[gnu::always_inline]] inline border_t<Word> choose(bool first, border_t<Word> a, border_t<Word> b)
+{
+    return {first ? a.end : b.end, first ? a.at : b.at};
+}
+
 // Elements from one border to another.
 template <class Word>
 struct interval_t {
@@ -62,7 +70,7 @@ struct interval_t {
     }
 };
 
-// The borders between the outcomes of elements that fit in a word, against a value of value_bits (1 to 128).
+// The borders between the outcomes of elements that fit in a word, against a value of value_bits, at least 1.
 template <class Word>
 struct outcomes_t {
     border_t<Word> equal;   // in front of the first element that is not below
@@ -70,8 +78,8 @@ struct outcomes_t {
     border_t<Word> end;     // of the domain
 };
 
-template <class Word>
-[[gnu::always_inline]] inline outcomes_t<Word> outcomes(uint64_t element_bits, uint128_t value, uint64_t value_bits)
+template <class Word, class Value>
+[[gnu::always_inline]] inline outcomes_t<Word> outcomes(uint64_t element_bits, Value value, uint64_t value_bits)
 {
     const uint64_t rounded = kel_round_bits(element_bits);
     const uint64_t value_rounded = kel_round_bits(value_bits);
@@ -83,9 +91,10 @@ template <class Word>
     const Word highest = last >> cut; // of what is left of an element
     const auto cut_value = static_cast<Word>(value);
     const border_t<Word> end = {true, last + 1};
-    const border_t<Word> at_value = value > highest ? end : border_t<Word>{false, cut_value << cut};
-    const border_t<Word> above_value = value >= highest ? end : border_t<Word>{false, (cut_value + 1) << cut};
-    return {rounded >= value_rounded ? at_value : above_value, rounded > value_rounded ? at_value : above_value, end};
+    const border_t<Word> at_value = choose(value > highest, end, {false, cut_value << cut});
+    const border_t<Word> above_value = choose(value >= highest, end, {false, (cut_value + 1) << cut});
+    return {choose(rounded >= value_rounded, at_value, above_value),
+            choose(rounded > value_rounded, at_value, above_value), end};
 }
 
 // The elements that an operator accepts, but for NE, for which it is those that it does not accept.
@@ -95,8 +104,8 @@ template <class Word>
     if (accept == accept_ne || accept == accept_eq)
         return {at.equal, at.greater};
     const bool low = accept & outcome_less;
-    const border_t<Word> border = accept == accept_lt || accept == accept_ge ? at.equal : at.greater;
-    return low ? interval_t<Word>{{}, border} : interval_t<Word>{border, at.end};
+    const border_t<Word> border = choose(accept == accept_lt || accept == accept_ge, at.equal, at.greater);
+    return {choose(low, {}, border), choose(low, border, at.end)};
 }
 
 // A predicate of two intervals: empty ones are left out, and no interval at all is the negation of all.
@@ -128,7 +137,7 @@ template <class Word>
     if (op.accept[0] == accept_eq || op.accept[0] == accept_ne)
         return make_predicate(a, b, op.accept[0] == accept_ne, lower.end);
     if (op.both)
-        return make_predicate<Word>({a.begin < b.begin ? b.begin : a.begin, a.end < b.end ? a.end : b.end}, {}, false,
-                                    lower.end);
+        return make_predicate<Word>({choose(a.begin < b.begin, b.begin, a.begin), choose(a.end < b.end, a.end, b.end)},
+                                    {}, false, lower.end);
     return make_predicate<Word>({a.end, b.begin}, {}, true, lower.end); // below a or above b: not between
 }

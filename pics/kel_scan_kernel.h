@@ -151,13 +151,15 @@ bool reducible(const scan_t &scan, kel_type_t type)
     return fits;
 }
 
-// For elements of that many bits, which fit in a word.
-template <unsigned values, class Word>
-membership_t<Word> predicate_for(const scan_t &scan, kel_type_t type, uint64_t element_bits)
+// For elements of that many bits, which fit in a word, and values of the type that Value holds.
+template <unsigned values, class Word, class Value>
+membership_t<Word> predicate_for(const scan_t &scan, uint64_t element_bits)
 {
     const auto at = [&](const kel_int_t *val) {
-        const uint64_t high = type == kel_type_uint128 ? value_word(val, 1) : 0;
-        return outcomes<Word>(element_bits, uint128_t{high} << 64 | val->dword[2], kel_width_bits(val));
+        Value value = val->dword[2];
+        if constexpr (sizeof(Value) > sizeof(uint64_t))
+            value |= Value{value_word(val, 1)} << 64;
+        return outcomes<Word>(element_bits, value, kel_width_bits(val));
     };
     if constexpr (values == 1)
         return reduce(scan.op, at(scan.val[0]));
@@ -197,7 +199,7 @@ kel_status_t text_scan(const scan_t &scan)
     progress_t progress;
     text_test_t test;
     for (unsigned bytes = 1; bytes <= longest_text; bytes++)
-        test.set(bytes, predicate_for<values, uint128_t>(scan, kel_type_uint128, 8 * bytes));
+        test.set(bytes, predicate_for<values, uint128_t, uint128_t>(scan, 8 * bytes));
     text_masks source(scan.set(), scan.src, test);
     kel_status_t status = for_all_masks(
         source, [&](uint64_t *masks, uint64_t elements) { return put_blocks(to, masks, elements, progress); });
@@ -214,9 +216,12 @@ kel_status_t run_kernel(const scan_t &scan, kel_type_t type, kel_fmt_t fmt, bool
     const uint64_t bits = kel_width_bits(scan.src);
     if (blocks && masks_by_blocks(scan.src, fmt)) {
         if (plain_fields(scan.src))
-            return mask_kernel(scan, predicate_for<values, uint64_t>(scan, type, bits), ones);
+            return mask_kernel(scan,
+                               type == kel_type_uint64 ? predicate_for<values, uint64_t, uint64_t>(scan, bits)
+                                                       : predicate_for<values, uint64_t, uint128_t>(scan, bits),
+                               ones);
         if (wide_fields(scan.src))
-            return mask_kernel(scan, predicate_for<values, uint128_t>(scan, type, bits), ones);
+            return mask_kernel(scan, predicate_for<values, uint128_t, uint128_t>(scan, bits), ones);
     }
     if (blocks && plain_texts(scan.src, type, fmt) && scan.src->elements >= fewest_texts)
         return with_block_sink(scan.dst, ones, [&]<class Sink>() { return text_scan<values, Sink>(scan); });
