@@ -126,7 +126,7 @@ kel_status_t mask_kernel(const kernel_t &kernel, const Test &test)
 // Whether a source's elements can be tested by blocks, if they are plain or wide fields.
 inline bool masks_by_blocks(const kel_vec_t *src, kel_fmt_t fmt)
 {
-    return fmt == kel_fmt_fixed || (fmt == kel_fmt_rle && plain_runs(src));
+    return fmt == kel_fmt_fixed || (fmt == kel_fmt_rle && plain_aux(src));
 }
 
 // Whether a destination can take whole mask words: a bit vector, or a list of 2- or 4-byte entries.

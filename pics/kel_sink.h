@@ -174,28 +174,38 @@ class index_sink : public sink
     uint64_t index = 0;
 };
 
-// Keeps what stands behind the end of some compactions, below a limit, and puts it back.
+// Keeps what stands behind the end of some stores, below a limit, and puts it back.
 class kept_bytes
 {
   public:
+    static constexpr size_t most = 32; // a group: eight entries or elements of up to 4 bytes, four elements of 8 bytes
+
     kept_bytes(uint8_t *end, const void *limit) : place(end)
     {
         if (end < limit)
-            size = std::min<size_t>(sizeof kept, static_cast<size_t>(static_cast<const uint8_t *>(limit) - end));
-        memcpy(kept, place, size);
+            size = std::min(most, static_cast<size_t>(static_cast<const uint8_t *>(limit) - end));
+        copy(kept, place);
     }
 
     ~kept_bytes()
     {
-        memcpy(place, kept, size);
+        copy(place, kept);
     }
 
     kept_bytes(const kept_bytes &) = delete;
 
   private:
+    void copy(uint8_t *to, const uint8_t *from) const
+    {
+        if (size == most) [[likely]]
+            memcpy(to, from, most); // at once
+        else
+            memcpy(to, from, size);
+    }
+
     uint8_t *const place;
     size_t size = 0;
-    uint8_t kept[32]; // a group: eight entries or elements of up to 4 bytes, four elements of 8 bytes
+    uint8_t kept[most];
 };
 
 // An index list whose entries are whole words, which a block can store by themselves.

@@ -1,4 +1,4 @@
-// Sources by blocks: the mask words, the runs and the elements of a vector, 64 at a time.
+// Sources by blocks: the mask words and the runs of a vector, 64 at a time.
 //
 // Blocks are loaded where they stand. Those whose load would pass the end of the vector are copied first: the last ones
 // of every source.
@@ -8,7 +8,6 @@
 #include "kel_producer.h"
 #include <algorithm>
 #include <iterator>
-#include <utility>
 
 // ---- Shapes ---------------------------------------------------------------------------------------------------------
 
@@ -28,19 +27,19 @@ inline bool wide_fields(const kel_vec_t *src)
            src->elements <= (UINT64_MAX - 2 * 8) / (8 * kel_max_elem_bytes);
 }
 
-// And whose runs, if they have any, are fields of up to a byte.
-inline bool plain_runs(const kel_vec_t *src)
+// Sources whose runs or lengths, if they have any, are fields of up to a byte.
+inline bool plain_aux(const kel_vec_t *src)
 {
     return kel_power_of_two(src->aux_width) && src->aux_width <= kel_max_aux_bits && src->aux_offset <= kel_max_offset;
 }
 
-// The elements of a vector, and its runs.
+// The elements of a vector, and the lengths or runs beside them.
 inline fields_t element_fields(const kel_vec_t *vec)
 {
     return {static_cast<const uint8_t *>(vec->data), static_cast<unsigned>(kel_width_bits(vec)), vec->offset};
 }
 
-inline fields_t run_fields(const kel_vec_t *vec)
+inline fields_t aux_fields(const kel_vec_t *vec)
 {
     return {static_cast<const uint8_t *>(vec->aux_data), vec->aux_width, vec->aux_offset};
 }
@@ -74,6 +73,12 @@ class block_cursor
     const fields_t &shape() const
     {
         return fields;
+    }
+
+    // Elements that are left.
+    uint64_t left() const
+    {
+        return elements;
     }
 
     // The next blocks, at most the given number of them, which is not 0. They stay where they are until the next call.
@@ -151,11 +156,34 @@ class mask_source
     const mask_blocks_t<Test> make;
 };
 
-// ---- Runs -----------------------------------------------------------------------------------------------------------
+// ---- The stream beside elements -------------------------------------------------------------------------------------
+
+// The lengths or runs of a source's elements, as bytes.
+class aux_source
+{
+  public:
+    aux_source(const kernel_set_t *set, const kel_vec_t *src)
+        : cursor(set->overrun, aux_fields(src), src->elements),
+          make(choose_producer(set, &kernel_set_t::elements, cursor.shape(), sizeof(uint8_t)))
+    {
+    }
+
+    // Unpacks the next blocks, at most the given number of them, and answers how many elements they have.
+    uint64_t unpack(uint8_t *to, uint64_t most)
+    {
+        const blocks_t taken = cursor.take(most);
+        make(taken.data, cursor.shape(), 0, 0, to, taken.blocks);
+        return taken.elements;
+    }
+
+  private:
+    block_cursor cursor;
+    const element_blocks_t make;
+};
 
 constexpr unsigned longest_run = 256;
 
-// Up to 64 runs; next tells whether one is 0.
+// Up to 64 runs.
 struct runs_t {
     uint32_t of[block_elements + 3]; // behind the last one are zeros
     unsigned count;
@@ -167,17 +195,17 @@ class run_source
 {
   public:
     run_source(const kernel_set_t *set, const kel_vec_t *src)
-        : cursor(set->overrun, run_fields(src), src->elements),
-          make(choose_producer(set, &kernel_set_t::elements, cursor.shape(), sizeof *batch)),
-          add_one(src->format & KEL_ADD_ONE ? 1 : 0)
+        : aux(set, src), add_one(src->format & KEL_ADD_ONE ? 1 : 0)
     {
     }
 
     // Moves on by a block, and tells whether none of its runs is 0.
     bool next(runs_t &runs)
     {
-        if (at == unpacked)
-            unpack();
+        if (at == unpacked) {
+            unpacked = aux.unpack(batch, std::size(batch) / block_elements);
+            at = 0;
+        }
         const uint8_t *const block = batch + at;
         runs.count = static_cast<unsigned>(std::min<uint64_t>(unpacked - at, block_elements));
         at += runs.count;
@@ -194,96 +222,11 @@ class run_source
     }
 
   private:
-    void unpack()
-    {
-        const blocks_t taken = cursor.take(std::size(batch) / block_elements);
-        make(taken.data, cursor.shape(), 0, 0, batch, taken.blocks);
-        at = 0;
-        unpacked = taken.elements;
-    }
-
-    block_cursor cursor;
-    const element_blocks_t make;
+    aux_source aux;
     const uint32_t add_one;
     uint8_t batch[8 * block_elements];
     uint64_t unpacked = 0; // elements of the batch,
     uint64_t at = 0;       // and where the next block starts
-};
-
-// ---- Elements -------------------------------------------------------------------------------------------------------
-
-// Whole elements that are taken as they stand.
-class unchanged_elements
-{
-  public:
-    unchanged_elements(const void *first, uint64_t size) : data(static_cast<const uint8_t *>(first)), bytes(size) {}
-
-    // The next count elements.
-    const uint8_t *next(uint64_t count)
-    {
-        return std::exchange(data, data + count * bytes);
-    }
-
-    void skip(uint64_t count)
-    {
-        data += count * bytes;
-    }
-
-  private:
-    const uint8_t *data;
-    const uint64_t bytes; // of an element
-};
-
-// Fields that are turned into elements of the destination: cut, or shifted to the high end.
-class converted_elements
-{
-  public:
-    // Elements of a number of bytes out of the first count elements of src.
-    converted_elements(const kernel_set_t *set, const kel_vec_t *src, uint64_t count, uint64_t size,
-                       const adaptation_t &shift)
-        : cursor(set->overrun, element_fields(src), count), bytes(size), right(static_cast<unsigned>(shift.right)),
-          left(static_cast<unsigned>(shift.left)),
-          make(choose_producer(set, &kernel_set_t::elements, cursor.shape(), size))
-    {
-    }
-
-    // The next block, of 64 elements but at the end of the source.
-    const uint8_t *next(uint64_t)
-    {
-        convert(cursor.take(1), block);
-        return block;
-    }
-
-    void skip(uint64_t)
-    {
-        cursor.take(1);
-    }
-
-    // All elements that are left, of which there are count.
-    void convert_all(uint8_t *to, uint64_t count)
-    {
-        while (count >= block_elements) {
-            const blocks_t taken = cursor.take(count / block_elements);
-            convert(taken, to);
-            to += taken.elements * bytes;
-            count -= taken.elements;
-        }
-        if (count > 0)
-            memcpy(to, next(count), count * bytes);
-    }
-
-  private:
-    void convert(const blocks_t &taken, void *to) const
-    {
-        make(taken.data, cursor.shape(), right, left, to, taken.blocks);
-    }
-
-    block_cursor cursor;
-    const uint64_t bytes; // of an element
-    const unsigned right;
-    const unsigned left;
-    const element_blocks_t make;
-    uint8_t block[block_elements * kel_max_elem_bytes];
 };
 
 } // namespace

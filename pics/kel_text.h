@@ -17,7 +17,7 @@ constexpr unsigned longest_text = 16;
 inline bool plain_texts(const kel_vec_t *src, kel_type_t type, kel_fmt_t fmt)
 {
     const bool texts = (src->format & (KEL_VAR | KEL_RLE)) == KEL_VAR; // a bad operator can lead here without
-    return fmt == kel_fmt_mixed && type == kel_type_uint128 && texts && plain_runs(src) &&
+    return fmt == kel_fmt_mixed && type == kel_type_uint128 && texts && plain_aux(src) &&
            src->offset <= kel_max_offset && src->elements <= UINT64_MAX / 256;
 }
 
@@ -39,9 +39,8 @@ class text_source
 {
   public:
     text_source(const kernel_set_t *set, const kel_vec_t *src)
-        : cursor(set->overrun, run_fields(src), src->elements),
-          make(choose_producer(set, &kernel_set_t::elements, cursor.shape(), uint64_t{1})),
-          data(static_cast<const uint8_t *>(src->data)), offset(src->offset), above(src->format & KEL_ADD_ONE ? 0 : 1)
+        : aux(set, src), data(static_cast<const uint8_t *>(src->data)), offset(src->offset),
+          above(src->format & KEL_ADD_ONE ? 0 : 1)
     {
     }
 
@@ -55,12 +54,11 @@ class text_source
         count = 0;
         if (!sound)
             return 0;
-        const blocks_t taken = cursor.take(block_batch);
-        unpack(taken);
-        while (sound && count < taken.blocks)
+        const uint64_t taken = unpack();
+        while (sound && block_elements * count < taken)
             sound = measure(places[count], &lengths[block_elements * count], &within[block_elements * count]);
-        const uint64_t elements = std::min(taken.elements, block_elements * count);
-        bytes -= block_elements * count - elements;
+        const uint64_t elements = std::min(taken, block_elements * count);
+        bytes -= block_elements * count - elements; // of what stands behind the last text
         return elements;
     }
 
@@ -93,14 +91,14 @@ class text_source
         bool longer;
     };
 
-    void unpack(const blocks_t &taken)
+    uint64_t unpack()
     {
-        make(taken.data, cursor.shape(), 0, 0, lengths, taken.blocks);
-        const uint64_t fields = block_elements * taken.blocks;
-        for (uint64_t first = 0; first < fields; first += block_elements)
+        const uint64_t taken = aux.unpack(lengths, block_batch);
+        for (uint64_t first = 0; first < taken; first += block_elements)
             for (unsigned i = 0; i < block_elements; i++)
                 lengths[first + i] = static_cast<uint8_t>(lengths[first + i] - above);
-        memset(lengths + taken.elements, 0, fields - taken.elements);
+        memset(lengths + taken, 0, -taken % block_elements);
+        return taken;
     }
 
     // Takes a block into the batch if all lengths are sound.
@@ -146,14 +144,13 @@ class text_source
         return to;
     }
 
-    block_cursor cursor; // of the lengths
-    const element_blocks_t make;
+    aux_source aux;
     const uint8_t *data; // of the batch,
     uint64_t bytes = 0;  // its size,
     uint64_t before = 0; // the bytes of those before it,
     uint64_t count = 0;  // and its blocks
     const unsigned offset;
-    const uint8_t above; // 1, by which a length is more than what is kept of it
+    const uint8_t above; // 1 if lengths are stored as they are, and not less 1
     bool sound = true;
     place_t places[block_batch];
     uint8_t lengths[block_batch * block_elements + most_overrun]; // looked up by a producer

@@ -96,13 +96,15 @@ TEST_F(texts, scans)
     }
 }
 
-TEST_F(texts, extracts)
+TEST_F(texts, moves)
 {
     for (unsigned n = 0; n < 1500; n++) {
         const kel_vec_t src = any_texts();
         const uint64_t room = random.one_in(4) ? src.elements / 2 : src.elements;
         const uint32_t width = 1u << random.between(0, 4);
-        ASSERT_NO_FATAL_FAILURE(
-            compare(move{random.one_in(2) ? KEL_PAD : 0, src, plain_vector(KEL_BYTES, room, width), false, {}}));
+        kel_vec_t mask = plain_vector(KEL_BITS, src.elements, 1, src.aux_data);
+        mask.offset = random.between<uint8_t>(0, 7);
+        ASSERT_NO_FATAL_FAILURE(compare(
+            move{random.one_in(2) ? KEL_PAD : 0, src, plain_vector(KEL_BYTES, room, width), random.one_in(2), mask}));
     }
 }
