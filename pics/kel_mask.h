@@ -8,17 +8,20 @@
 namespace
 {
 
-// A block that the sink refused as a whole.
+// A block that the sink refused as a whole. runs: one for each element; null: all are 1.
 template <class Sink>
-kel_status_t put_elements(Sink &sink, uint64_t mask, uint64_t elements, progress_t &progress)
+kel_status_t put_elements(Sink &sink, uint64_t mask, const uint32_t *runs, uint64_t elements, progress_t &progress)
 {
-    for (; elements > 0; elements--, mask <<= 1) {
-        progress.processed++;
+    for (uint64_t i = 0; i < elements; i++, mask <<= 1) {
+        const uint64_t run = runs ? runs[i] : 1;
+        if (run == 0)
+            return KEL_EDATAFMT;
+        progress.processed += run;
         if (sink.full())
             return KEL_EOVERFLOW;
         const bool match = mask >> 63;
-        progress.count += match;
-        sink.put(match, 1);
+        progress.count += match ? run : 0;
+        sink.put(match, run);
         progress.stored++;
     }
     return KEL_SUCCESS;
@@ -39,33 +42,12 @@ template <class Sink>
             progress.stored += in_block;
             progress.processed += in_block;
         } else {
-            status = put_elements(sink, masks[block], in_block, progress);
+            status = put_elements(sink, masks[block], nullptr, in_block, progress);
             masks[block] = 0; // its matches are counted already
         }
     }
     progress.count += popc_words(masks, block);
     return status;
-}
-
-// ---- Runs -----------------------------------------------------------------------------------------------------------
-
-// A block that was refused as a whole.
-template <class Sink>
-kel_status_t put_run_elements(Sink &sink, uint64_t mask, const runs_t &runs, progress_t &progress)
-{
-    for (unsigned i = 0; i < runs.count; i++, mask <<= 1) {
-        const uint64_t run = runs.of[i];
-        if (run == 0)
-            return KEL_EDATAFMT;
-        progress.processed += run;
-        if (sink.full())
-            return KEL_EOVERFLOW;
-        const bool match = mask >> 63;
-        progress.count += match ? run : 0;
-        sink.put(match, run);
-        progress.stored++;
-    }
-    return KEL_SUCCESS;
 }
 
 template <class Sink>
@@ -81,7 +63,7 @@ kel_status_t put_run_blocks(Sink &sink, const uint64_t *masks, uint64_t elements
             progress.stored += runs.count;
             progress.processed += runs.sum;
         } else {
-            status = put_run_elements(sink, *masks, runs, progress);
+            status = put_elements(sink, *masks, runs.of, runs.count, progress);
         }
     }
     return status;
@@ -104,6 +86,14 @@ kel_status_t for_all_masks(Source &source, const Put &put)
     return status;
 }
 
+// Puts all mask words of a source without runs.
+template <class Sink, class Source>
+kel_status_t put_all_masks(Sink &to, Source &source, progress_t &progress)
+{
+    return for_all_masks(source,
+                         [&](uint64_t *masks, uint64_t elements) { return put_blocks(to, masks, elements, progress); });
+}
+
 template <class Sink, class Test>
 kel_status_t mask_kernel(const kernel_t &kernel, const Test &test)
 {
@@ -117,8 +107,7 @@ kel_status_t mask_kernel(const kernel_t &kernel, const Test &test)
             return put_run_blocks(to, masks, elements, runs, progress);
         });
     } else {
-        status = for_all_masks(
-            source, [&](uint64_t *masks, uint64_t elements) { return put_blocks(to, masks, elements, progress); });
+        status = put_all_masks(to, source, progress);
     }
     return finish(kernel, to, status, progress);
 }

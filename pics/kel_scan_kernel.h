@@ -201,8 +201,7 @@ kel_status_t text_scan(const scan_t &scan)
     for (unsigned bytes = 1; bytes <= longest_text; bytes++)
         test.set(bytes, predicate_for<values, uint128_t, uint128_t>(scan, 8 * bytes));
     text_masks source(scan.set(), scan.src, test);
-    kel_status_t status = for_all_masks(
-        source, [&](uint64_t *masks, uint64_t elements) { return put_blocks(to, masks, elements, progress); });
+    kel_status_t status = put_all_masks(to, source, progress);
     if (status == KEL_SUCCESS)
         status = walk_into<uint128_unalign>(scan, to, true, false, progress, scan_visitor<values>(scan, to));
     return finish(scan, to, status, progress);
@@ -237,6 +236,15 @@ struct family_t {
     int first_op;
     unsigned op_bits;
     operator_t operators[count];
+
+    // The operators that there are, a bit for each.
+    constexpr uint32_t ops() const
+    {
+        uint32_t set = 0;
+        for (unsigned i = 0; i < count; i++)
+            set |= uint32_t{operators[i].accept[0] != 0} << (first_op + i);
+        return set;
+    }
 };
 
 // The place of a kernel in its family. Class, format and operator are fields of one number, as stored tables have them,
