@@ -60,13 +60,6 @@ static bool val_valid(const kel_int_t *val)
 
 // ---- Validation -----------------------------------------------------------------------------------------------------
 
-// Sets of operators, a bit for each.
-static constexpr uint32_t value_ops =
-    1u << KEL_EQ | 1u << KEL_GE | 1u << KEL_NE | 1u << KEL_LT | 1u << KEL_LE | 1u << KEL_GT;
-static constexpr uint32_t range_ops =
-    1u << KEL_EQ_OR_EQ | 1u << KEL_GE_AND_LE | 1u << KEL_NE_AND_NE | 1u << KEL_LT_OR_GT | 1u << KEL_GE_AND_LT |
-    1u << KEL_LT_OR_GE | 1u << KEL_GT_AND_LE | 1u << KEL_LE_OR_GT | 1u << KEL_GT_AND_LT | 1u << KEL_LE_OR_GE;
-
 KEL_INLINED static inline int val_shape_valid(kel_context_t *ctx, const kel_int_t *val, const char *name,
                                               unsigned version, int log)
 {
@@ -94,7 +87,7 @@ static int scan_valid(kel_context_t *ctx, uint64_t flags, const scan_args &a, ke
         "kel_scan_{value/range}_post() cannot be a pipeline target for a source with pipe flags KEL_PIPE_MASK";
     const pipe_target_t target = {a.src, nullptr, nullptr, KEL_PIPE_SRC | KEL_PIPE_AUX, refusal};
     return kel_validate([=, &a](auto log) KEL_INLINED {
-        const uint32_t ops = a.upper ? range_ops : value_ops;
+        const uint32_t ops = a.upper ? kel_range_ops : kel_value_ops;
         const unsigned op_bit = static_cast<uint32_t>(a.op) % 32; // kept: an operator is tested modulo 32
 
         int valid = src_valid(ctx, a.src, KEL_VAR, 0, "src", version, log);

@@ -2,6 +2,7 @@
 #include "kel_text.h"
 #include "kel_init.h"
 #include "kel_platform.h"
+#include "kel_scan.h"
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
@@ -48,6 +49,12 @@ constexpr word_t op_words[] = {
     {KEL_GT_AND_LT, "GT_AND_LT"},
     {KEL_LE_OR_GE, "LE_OR_GE"},
 };
+static_assert([] {
+    uint32_t ops = 0;
+    for (const word_t &op : op_words)
+        ops |= 1u << op.value;
+    return ops == (kel_value_ops | kel_range_ops);
+}());
 
 // In the order of the bits, but for "nowait", which stands behind the synchronisation words.
 constexpr word_t flag_words[] = {

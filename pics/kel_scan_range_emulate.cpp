@@ -27,6 +27,7 @@ static constexpr family_t<16> family = {
             {{accept_le, accept_ge}, false}, // KEL_LE_OR_GE
         },
 };
+static_assert(family.ops() == kel_range_ops);
 
 kel_status_t kel_scan_range_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                     kel_compare_t op, const kel_int_t *lower, const kel_int_t *upper, cca_t *cca)

@@ -19,6 +19,7 @@ static constexpr family_t<8> family = {
             {{accept_gt}, false}, // KEL_GT
         },
 };
+static_assert(family.ops() == kel_value_ops);
 
 kel_status_t kel_scan_value_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                     kel_compare_t op, const kel_int_t *val, cca_t *cca)
