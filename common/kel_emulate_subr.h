@@ -11,8 +11,8 @@
 // ---- Dispatch -------------------------------------------------------------------------------------------------------
 
 // The element types of the kernels. A class is twice the type's number; the odd classes are for aligned elements of
-// equal widths. Dispatch takes uint8 for a width of 0 alone, and neither uint16 nor uint32 nor an odd class; an operator
-// that spills into the class can lead there, and gets the general kernels.
+// equal widths. Dispatch takes uint8 for a width of 0 alone, and neither uint16 nor uint32 nor an odd class; an
+// operator that spills into the class can lead there, and gets the general kernels.
 enum kel_type_t : unsigned {
     kel_type_uintptr,
     kel_type_uint8,

@@ -210,8 +210,8 @@ kel_status_t post(kel_queue_t *queue, uint64_t flags, const typename Op::args &a
     return queue_get_next(queue, flags, &cca, status, udata, Op::pipe_dst(args));
 }
 
-// A full queue comes before every validation but that of null arguments. The operation's own outcome stays in its slot: a request that fails has
-// been posted all the same.
+// A full queue comes before every validation but that of null arguments. The operation's own outcome stays in its slot:
+// a request that fails has been posted all the same.
 template <class Op, unsigned version>
 kel_status_t kel_post_il(kel_queue_t *queue, uint64_t flags, const typename Op::args &args, void *udata)
 {

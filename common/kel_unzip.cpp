@@ -113,8 +113,8 @@ struct stream_t {
     {
     }
 
-    // Reads the codewords one by one. Kept: a codeword of 0 bits, that of a dictionary with one symbol, has as its value
-    // the low half of the word that the reader holds, so that it is valid only while that half is zero.
+    // Reads the codewords one by one. Kept: a codeword of 0 bits, that of a dictionary with one symbol, has as its
+    // value the low half of the word that the reader holds, so that it is valid only while that half is zero.
     kel_input_t reader() const
     {
         kel_input_t in;

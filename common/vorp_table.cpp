@@ -1,5 +1,5 @@
-// From a trained dictionary to the final table: the symbols in the order of their codewords, and the section of a stream
-// that they make. Under the row rule the longest symbols go until every row of a codec fits.
+// From a trained dictionary to the final table: the symbols in the order of their codewords, and the section of a
+// stream that they make. Under the row rule the longest symbols go until every row of a codec fits.
 #include "vorp.h"
 #include <initializer_list>
 

@@ -32,8 +32,8 @@ void element_blocks(const uint8_t *data, const fields_t &fields, unsigned right,
         unpack<wide>(data, fields, right, [=](unsigned i, uint64_t field) { Element::store(block, i, field, left); });
 }
 
-// Wide elements: of too many bytes the first, and around too few of them zeros. Those are moved by their first and
-// their last eight.
+// Elements of 9 to 16 bytes. A narrower destination element gets the first bytes of one. That of 16 bytes gets all, by
+// two moves of 8 bytes that may overlap, and zeros in front or behind.
 template <unsigned bytes>
 void wide_blocks(const uint8_t *data, const fields_t &fields, unsigned, unsigned left, void *to, size_t n)
 {

@@ -196,6 +196,7 @@ uint64_t do_logical_il(int op, uint64_t flags, const void *src1, const void *src
 kel_status_t kel_logical_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src1, const kel_vec_t *src2,
                                  const kel_vec_t *dst, int op, cca_t *cca)
 {
+    // A context without producers counts in plain code, which then is tested. There may be no context at all.
     const int have_popcnt = (!ctx || ctx->kernels) && kel_have_popcnt();
     const uint64_t count = do_logical_il(op, flags, src1->data, src2->data, dst->data, src1->elements, src1->offset,
                                          src2->offset, have_popcnt);

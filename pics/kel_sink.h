@@ -301,7 +301,8 @@ inline kel_status_t finish(const kernel_t &kernel, sink &to, kel_status_t status
 
 // ---- From the walk to a sink ----------------------------------------------------------------------------------------
 
-// The walk to a sink. make_visit<Type>(progress) makes what outputs an element: the test for overflow comes before each.
+// The walk to a sink. make_visit<Type>(progress) makes what outputs an element; the test for overflow comes before
+// each.
 template <class Type, class Sink, class MakeVisit>
 kel_status_t walk_into(const kernel_t &kernel, Sink &to, bool widths, bool runs, progress_t &progress,
                        const MakeVisit &make_visit)

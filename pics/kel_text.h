@@ -44,8 +44,8 @@ class text_source
     {
     }
 
-    // Moves on by up to block_batch blocks, and answers the number of their texts: 0 at the end, and in front of a block
-    // with a length that is no text's.
+    // Moves on by up to block_batch blocks, and answers the number of their texts: 0 at the end, and in front of a
+    // block with a length that is no text's.
     uint64_t next()
     {
         data += bytes;
@@ -91,6 +91,7 @@ class text_source
         bool longer;
     };
 
+    // Unpacks the lengths of a batch, and answers how many texts it has. Those that fill up its last block have 1 byte.
     uint64_t unpack()
     {
         const uint64_t taken = aux.unpack(lengths, block_batch);

@@ -50,9 +50,10 @@ class text_test_t
     }
 
   private:
-    static constexpr unsigned few = 16; // candidates that are looked at one by one
+    static constexpr unsigned few = 16; // up to so many candidates are looked at one by one, others with all 64
 
-    // One for each length. That of texts of up to 8 bytes is told by the high words alone.
+    // Intervals of 16 bytes that start with a text, one for each length less 1. Of texts of up to 8 bytes the low word
+    // is any, so that the high words tell.
     struct intervals_t {
         template <bool longer>
         bool outside(const uint8_t *text, unsigned length) const

@@ -107,8 +107,8 @@ struct uintptr_unalign {
 // ---- The walk -------------------------------------------------------------------------------------------------------
 
 // Takes the stored elements one after the other: visit(element, bits, run) is called with each, and may stop the walk
-// by a status. widths: the aux stream holds the elements' lengths; runs: their repeat counts. A length is read before its
-// element, a run behind it.
+// by a status. widths: the aux stream holds the elements' lengths; runs: their repeat counts. A length is read before
+// its element, a run behind it.
 template <class Type, bool widths, bool runs, class Visit>
 kel_status_t walk_elements(const kernel_t &kernel, progress_t &progress, Visit visit)
 {
@@ -126,7 +126,9 @@ kel_status_t walk_elements(const kernel_t &kernel, progress_t &progress, Visit v
         if (kel_input_t first = aux; kelio_aux_get(&first, src->aux_width) + add_one == 0)
             return KEL_EDATAFMT;
     kelio_vec_input(kernel.ctx, src, src->data, Type::cached, &in); // loads the first word at once: there has to be one
-    if constexpr (widths) // those that blocks have taken; only data in error leaves others
+    // What blocks have taken is read again, without visits: only the lengths tell where the next element stands. Blocks
+    // leave elements in error alone, so that this comes before a failure, at most once a call.
+    if constexpr (widths)
         for (uint64_t passed = 0; passed < progress.stored; passed++)
             Type::get(&in, 8 * (kelio_aux_get(&aux, src->aux_width) + add_one));
 
@@ -154,8 +156,8 @@ kel_status_t walk_source(const kernel_t &kernel, bool widths, bool runs, progres
                     : walk_elements<Type, false, false>(kernel, progress, visit);
 }
 
-// Calls run<Type>(widths, runs) for the type and the form of a source. The remaining types, whose classes dispatch never
-// takes, lead to that of 64 bits.
+// Calls run<Type>(widths, runs) for the type and the form of a source. The remaining types, whose classes dispatch
+// never takes, lead to that of 64 bits.
 template <class Run>
 kel_status_t with_element_type(const kernel_t &kernel, kel_type_t type, kel_fmt_t fmt, const Run &run)
 {
