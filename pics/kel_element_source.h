@@ -132,41 +132,44 @@ auto zero_element()
         return two_words_t{};
 }
 
-// How texts become destination elements: one is loaded so that its bytes are where they have to be, and those around it
-// are cleared.
+// How texts become destination elements: one is loaded so that its first bytes are where they have to be, and those
+// around it are cleared.
 template <unsigned bytes>
 class text_adapter
 {
     using Word = decltype(zero_element<bytes>());
 
   public:
-    explicit text_adapter(bool left)
+    explicit text_adapter(bool left) : most_before(left ? 0 : bytes - 1)
     {
         for (unsigned i = 0; i < longest_text; i++) {
-            const unsigned cleared = bytes - std::min(i + 1, bytes);
-            before[i] = static_cast<uint8_t>(left ? 0 : cleared);
-            memset(&kept[i], 0, sizeof kept[i]);
-            memset(reinterpret_cast<uint8_t *>(&kept[i]) + before[i], 0xff, bytes - cleared);
+            const unsigned moved = std::min(i + 1, bytes);
+            kept[i] = zero_element<bytes>();
+            memset(reinterpret_cast<uint8_t *>(&kept[i]) + (left ? 0 : bytes - moved), 0xff, moved);
         }
     }
 
     void put(const texts_t &texts, uint8_t *to) const
     {
+        int8_t places[block_elements]; // where texts are loaded from, as texts.within
+        for (unsigned i = 0; i < block_elements; i++)
+            places[i] = static_cast<int8_t>(texts.within[i] - (most_before - std::min(texts.lengths[i], most_before)));
         for (unsigned group = 0; group < 8; group++) {
             const uint8_t *const first = texts.data + texts.groups[group];
-            for (unsigned i = 8 * group; i < 8 * group + 8; i++, to += bytes) {
+            const uint8_t *const lengths = texts.lengths + 8 * group;
+#pragma GCC unroll 8
+            for (unsigned i = 0; i < 8; i++, to += bytes) {
                 Word word;
-                const unsigned length = texts.lengths[i];
-                memcpy(&word, first + texts.within[i] - before[length], sizeof word);
-                word &= kept[length];
+                memcpy(&word, first + places[8 * group + i], sizeof word);
+                word &= kept[lengths[i]];
                 memcpy(to, &word, sizeof word);
             }
         }
     }
 
   private:
-    Word kept[longest_text];      // by length less 1, as all tables
-    uint8_t before[longest_text]; // bytes that are loaded before a text
+    Word kept[longest_text];   // by length less 1
+    const uint8_t most_before; // bytes that are loaded in front of a text, of one byte
 };
 
 template <unsigned bytes>
