@@ -27,13 +27,6 @@ inline bool kel_have_avx2()
     return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2") && __builtin_cpu_supports("popcnt");
 }
 
-// Whether PDEP and PEXT take a few cycles. Before the third generation of their line AMD's processors have them in
-// microcode, with some cycles for each bit of the mask: a hundred and more where a step for each element takes thirty.
-inline bool kel_have_fast_pdep()
-{
-    return !__builtin_cpu_is("amdfam15h") && !__builtin_cpu_is("amdfam17h");
-}
-
 // What CPUID says of the population count: bit 23 of ECX of leaf 0x80000001. It is slow, and the bit is clear on many
 // processors that have the instruction, so no request asks here.
 unsigned popcnt_supported(void);

@@ -6,29 +6,44 @@
 namespace
 {
 
-// The places of the set bits of a byte, a byte for each, the lowest first; behind them zeros.
-KEL_AVX2 inline __m128i set_places(uint64_t byte)
+// For each number of so many bits the places of those that are set, that of the top bit being 0. A place is that of one
+// or two parts of an element, and each part has a lane; what stands behind the last one is any.
+template <class Lane, unsigned bits, unsigned parts>
+struct places_table {
+    constexpr places_table()
+    {
+        for (unsigned number = 0; number < 1u << bits; number++)
+            for (unsigned i = 0, next = 0; i < bits; i++)
+                for (unsigned part = 0; part < parts && number << i >> (bits - 1) & 1; part++)
+                    of[number][next++] = static_cast<Lane>(parts * i + part);
+    }
+
+    alignas(32) Lane of[1u << bits][bits * parts] = {};
+};
+
+constexpr places_table<uint8_t, 8, 1> places_of_eight;
+constexpr places_table<uint32_t, 4, 2> halves_of_four; // of words
+
+// Whether a mask has so few bits that a step for each is faster than one for each group of so many elements.
+KEL_AVX2 inline bool few_set(uint64_t mask, unsigned elements)
 {
-    const uint64_t chosen = _pdep_u64(byte, 0x0101010101010101) * 0xff;
-    return _mm_cvtsi64_si128(static_cast<int64_t>(_pext_u64(0x0706050403020100, chosen)));
+    return static_cast<uint64_t>(_mm_popcnt_u64(mask)) <= 32 / elements;
 }
 
-// Whether a mask has so few bits that a step for each is faster.
-KEL_AVX2 inline bool few_set(uint64_t mask)
-{
-    constexpr uint64_t few = 12;
-    return static_cast<uint64_t>(_mm_popcnt_u64(mask)) <= few;
-}
-
-// Calls put(places, count, i) for the groups of so many elements of a block, the first element of a group being i.
+// Calls put(chosen, count, i) for the groups of so many elements of a block: with a group's bits of the mask, their
+// number, and its first element.
 template <unsigned elements, class Put>
 KEL_AVX2 inline void for_each_group(uint64_t mask, const Put &put)
 {
-    uint64_t left = reverse_bits(mask);
-    for (unsigned i = 0; i < block_elements; i += elements, left >>= elements) {
-        const uint64_t chosen = left & ((1u << elements) - 1);
-        put(set_places(chosen), static_cast<unsigned>(_mm_popcnt_u64(chosen)), i);
+    for (unsigned i = 0; i < block_elements; i += elements, mask <<= elements) {
+        const uint64_t chosen = mask >> (block_elements - elements);
+        put(chosen, static_cast<unsigned>(_mm_popcnt_u64(chosen)), i);
     }
+}
+
+KEL_AVX2 inline __m128i load_places(uint64_t chosen)
+{
+    return _mm_loadl_epi64(reinterpret_cast<const __m128i_u *>(places_of_eight.of[chosen]));
 }
 
 // ---- Indexes --------------------------------------------------------------------------------------------------------
@@ -58,10 +73,10 @@ struct entries_of_four {
 template <class Entries>
 KEL_AVX2 uint8_t *index_block(uint64_t mask, uint64_t index, uint8_t *to)
 {
-    if (few_set(mask))
+    if (few_set(mask, 8))
         return portable_indexes(Entries::bytes)(mask, index, to);
-    for_each_group<8>(mask, [&](__m128i places, unsigned count, unsigned i) KEL_AVX2 {
-        Entries::store(places, index + i, to);
+    for_each_group<8>(mask, [&](uint64_t chosen, unsigned count, unsigned i) KEL_AVX2 {
+        Entries::store(load_places(chosen), index + i, to);
         to += Entries::bytes * count;
     });
     return to;
@@ -73,20 +88,20 @@ KEL_AVX2 uint8_t *index_block(uint64_t mask, uint64_t index, uint8_t *to)
 struct bytes_of_eight {
     static constexpr unsigned bytes = 1, elements = 8;
 
-    KEL_AVX2 static void pick(const uint8_t *from, __m128i places, uint8_t *to)
+    KEL_AVX2 static void pick(const uint8_t *from, uint64_t chosen, uint8_t *to)
     {
         const __m128i all = _mm_loadl_epi64(reinterpret_cast<const __m128i_u *>(from));
-        _mm_storel_epi64(reinterpret_cast<__m128i_u *>(to), _mm_shuffle_epi8(all, places));
+        _mm_storel_epi64(reinterpret_cast<__m128i_u *>(to), _mm_shuffle_epi8(all, load_places(chosen)));
     }
 };
 
 struct pairs_of_eight {
     static constexpr unsigned bytes = 2, elements = 8;
 
-    KEL_AVX2 static void pick(const uint8_t *from, __m128i places, uint8_t *to)
+    KEL_AVX2 static void pick(const uint8_t *from, uint64_t chosen, uint8_t *to)
     {
         const __m128i all = _mm_loadu_si128(reinterpret_cast<const __m128i_u *>(from));
-        const __m128i twice = _mm_mullo_epi16(_mm_cvtepu8_epi16(places), _mm_set1_epi16(0x0202));
+        const __m128i twice = _mm_mullo_epi16(_mm_cvtepu8_epi16(load_places(chosen)), _mm_set1_epi16(0x0202));
         const __m128i both = _mm_add_epi16(twice, _mm_set1_epi16(0x0100));
         _mm_storeu_si128(reinterpret_cast<__m128i_u *>(to), _mm_shuffle_epi8(all, both));
     }
@@ -95,10 +110,10 @@ struct pairs_of_eight {
 struct fours_of_eight {
     static constexpr unsigned bytes = 4, elements = 8;
 
-    KEL_AVX2 static void pick(const uint8_t *from, __m128i places, uint8_t *to)
+    KEL_AVX2 static void pick(const uint8_t *from, uint64_t chosen, uint8_t *to)
     {
         const __m256i all = _mm256_loadu_si256(reinterpret_cast<const __m256i_u *>(from));
-        const __m256i picked = _mm256_permutevar8x32_epi32(all, _mm256_cvtepu8_epi32(places));
+        const __m256i picked = _mm256_permutevar8x32_epi32(all, _mm256_cvtepu8_epi32(load_places(chosen)));
         _mm256_storeu_si256(reinterpret_cast<__m256i_u *>(to), picked);
     }
 };
@@ -106,23 +121,21 @@ struct fours_of_eight {
 struct eights_of_four {
     static constexpr unsigned bytes = 8, elements = 4;
 
-    KEL_AVX2 static void pick(const uint8_t *from, __m128i places, uint8_t *to)
+    KEL_AVX2 static void pick(const uint8_t *from, uint64_t chosen, uint8_t *to)
     {
         const __m256i all = _mm256_loadu_si256(reinterpret_cast<const __m256i_u *>(from));
-        const __m256i twice = _mm256_slli_epi64(_mm256_cvtepu8_epi64(places), 1);
-        const __m256i next = _mm256_add_epi64(_mm256_slli_epi64(twice, 32), _mm256_set1_epi64x(int64_t{1} << 32));
-        const __m256i picked = _mm256_permutevar8x32_epi32(all, _mm256_or_si256(twice, next));
-        _mm256_storeu_si256(reinterpret_cast<__m256i_u *>(to), picked);
+        const __m256i halves = _mm256_load_si256(reinterpret_cast<const __m256i *>(halves_of_four.of[chosen]));
+        _mm256_storeu_si256(reinterpret_cast<__m256i_u *>(to), _mm256_permutevar8x32_epi32(all, halves));
     }
 };
 
 template <class Elements>
 KEL_AVX2 uint8_t *pick_block(const uint8_t *from, uint64_t mask, uint8_t *to)
 {
-    if (few_set(mask))
+    if (few_set(mask, Elements::elements))
         return portable_picks(Elements::bytes)(from, mask, to);
-    for_each_group<Elements::elements>(mask, [&](__m128i places, unsigned count, unsigned i) KEL_AVX2 {
-        Elements::pick(from + Elements::bytes * i, places, to);
+    for_each_group<Elements::elements>(mask, [&](uint64_t chosen, unsigned count, unsigned i) KEL_AVX2 {
+        Elements::pick(from + Elements::bytes * i, chosen, to);
         to += Elements::bytes * count;
     });
     return to;

@@ -6,10 +6,8 @@
 // Loads of portable code are words of 8 bytes, those of AVX2 have 16, each from a byte of a block on.
 const kernel_set_t kernel_sets[] = {
 #if KEL_HAVE_AVX2_UNITS
-    {"avx2", [] { return kel_have_avx2() && kel_have_fast_pdep(); }, 16, avx2_interval_masks, avx2_wide_masks,
-     avx2_bitmap_masks, avx2_elements, avx2_indexes, avx2_picks},
-    {"avx2_without_pdep", kel_have_avx2, 16, avx2_interval_masks, avx2_wide_masks, avx2_bitmap_masks, avx2_elements,
-     portable_indexes, portable_picks},
+    {"avx2", kel_have_avx2, 16, avx2_interval_masks, avx2_wide_masks, avx2_bitmap_masks, avx2_elements, avx2_indexes,
+     avx2_picks},
 #endif
     {"portable", [] { return true; }, 8, portable_interval_masks, portable_wide_masks, portable_bitmap_masks,
      portable_elements, portable_indexes, portable_picks},
