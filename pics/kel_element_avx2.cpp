@@ -60,22 +60,35 @@ KEL_AVX2 void byte_blocks(const uint8_t *data, const fields_t &fields, unsigned 
     }
 }
 
-// Wide elements in 16 bytes.
-KEL_AVX2 void wide_blocks(const uint8_t *data, const fields_t &fields, unsigned, unsigned left, void *out, size_t n)
+// Whole bytes in as many or more: only their places change.
+template <unsigned bytes>
+KEL_AVX2 void whole_blocks(const uint8_t *data, const fields_t &fields, unsigned, unsigned left, void *out, size_t n)
 {
-    const __m128i order = _mm_add_epi8(lane_bytes<128>([](unsigned i, unsigned) { return i; }),
-                                       _mm_set1_epi8(static_cast<char>((fields.width + left) / 8 - 16)));
-    const wide_loader loader(fields, order);
+    constexpr unsigned in_half = 16 / bytes; // of a register
+    const unsigned size = fields.width / 8, step = in_half * size;
+    const auto all = [](unsigned byte) KEL_AVX2 { return _mm_set1_epi8(static_cast<char>(byte)); };
+    // Which byte of its element each byte is; those that are none are 0.
+    const __m128i byte =
+        _mm_add_epi8(lane_bytes<8 * bytes>([](unsigned i, unsigned) { return i; }), all(size + left / 8 - bytes));
+    const __m128i none = _mm_or_si128(byte, _mm_cmpgt_epi8(byte, all(size - 1)));
+    const __m128i first = _mm_mullo_epi16(lane_bytes<8 * bytes>([](unsigned, unsigned lane) { return lane / bytes; }),
+                                          _mm_set1_epi16(static_cast<int16_t>(size)));
+    const __m256i order = _mm256_broadcastsi128_si256(_mm_add_epi8(_mm_and_si128(none, all(0x8f)), first));
     auto *to = static_cast<__m256i *>(out);
-    for (size_t i = 0; i < n * block_elements / 2; i++, data += 2 * loader.bytes)
-        store(to, loader.load(data, data + loader.bytes));
+    for (size_t i = 0; i < n * block_elements / in_half; i += 2, data += 2 * step)
+        store(to, _mm256_shuffle_epi8(load_both(data, data + step), order));
 }
 
-element_blocks_t pick(const fields_t &fields, unsigned bits, element_blocks_t narrow, element_blocks_t wide)
+template <unsigned bytes>
+element_blocks_t choose_blocks(const fields_t &fields)
 {
-    if (fields.width > bits)
+    if (fields.width > 8 * bytes)
         return nullptr;
-    return narrow_in(fields, bits) ? narrow : wide;
+    if (fields.width % 8 == 0 && fields.offset == 0)
+        return whole_blocks<bytes>;
+    if constexpr (bytes <= 8)
+        return narrow_in(fields, 8 * bytes) ? word_blocks<8 * bytes, true> : word_blocks<8 * bytes, false>;
+    return nullptr;
 }
 
 } // namespace
@@ -84,15 +97,15 @@ element_blocks_t avx2_elements(const fields_t &fields, uint64_t bytes)
 {
     switch (bytes) {
     case 1:
-        return pick(fields, 16, byte_blocks<true>, byte_blocks<false>);
+        return fields.width > 16 ? nullptr : narrow_in(fields, 16) ? byte_blocks<true> : byte_blocks<false>;
     case 2:
-        return pick(fields, 16, word_blocks<16, true>, word_blocks<16, false>);
+        return choose_blocks<2>(fields);
     case 4:
-        return pick(fields, 32, word_blocks<32, true>, word_blocks<32, false>);
+        return choose_blocks<4>(fields);
     case 8:
-        return pick(fields, 64, word_blocks<64, true>, word_blocks<64, false>);
+        return choose_blocks<8>(fields);
     default:
-        return fields.width > 64 ? wide_blocks : nullptr;
+        return choose_blocks<16>(fields);
     }
 }
 
