@@ -242,7 +242,7 @@ struct family_t {
     {
         uint32_t set = 0;
         for (unsigned i = 0; i < count; i++)
-            set |= uint32_t{operators[i].accept[0] != 0} << (first_op + i);
+            set |= uint32_t{operators[i].accept[0] != 0} << (static_cast<unsigned>(first_op) + i);
         return set;
     }
 };
