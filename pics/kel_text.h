@@ -95,7 +95,7 @@ class text_source
     uint64_t unpack()
     {
         const uint64_t taken = aux.unpack(lengths, block_batch);
-        for (uint64_t first = 0; first < taken; first += block_elements)
+        for (uint64_t first = 0; above && first < taken; first += block_elements)
             for (unsigned i = 0; i < block_elements; i++)
                 lengths[first + i] = static_cast<uint8_t>(lengths[first + i] - above);
         memset(lengths + taken, 0, -taken % block_elements);

@@ -42,16 +42,16 @@ class text_test_t
         return taken;
     }
 
-    // The mask word of those of 64 texts that candidates tells; the other bits are 0.
-    uint64_t masks(const texts_t &texts, uint64_t candidates) const
+    // The mask word of those of 64 texts that candidates tells; the other bits are 0. few: whether it pays to look at
+    // these one by one.
+    uint64_t masks(const texts_t &texts, uint64_t candidates, bool few) const
     {
-        const uint64_t outside = intervals == 2 ? outside_of<2>(texts, candidates) : outside_of<1>(texts, candidates);
+        const uint64_t outside =
+            intervals == 2 ? outside_of<2>(texts, candidates, few) : outside_of<1>(texts, candidates, few);
         return (negated ? outside : ~outside) & candidates;
     }
 
   private:
-    static constexpr unsigned few = 16; // up to so many candidates are looked at one by one, others with all 64
-
     // Intervals of 16 bytes that start with a text, one for each length less 1. Of texts of up to 8 bytes the low word
     // is any, so that the high words tell.
     struct intervals_t {
@@ -97,9 +97,9 @@ class text_test_t
     }
 
     template <unsigned intervals>
-    uint64_t outside_of(const texts_t &texts, uint64_t candidates) const
+    uint64_t outside_of(const texts_t &texts, uint64_t candidates, bool few) const
     {
-        if (popc_words(&candidates, 1) > few)
+        if (!few)
             return texts.longer ? outside_of_all<intervals, true>(texts) : outside_of_all<intervals, false>(texts);
         uint64_t mask = 0;
         for (; candidates != 0; candidates &= candidates - 1) {
@@ -136,14 +136,17 @@ class text_masks
         uint64_t decided[block_batch];
         look_up(test.decided_lengths(), decided);
         look_up(test.taken_lengths(), masks);
+        const bool few = block_elements * blocks - popc_words(decided, blocks) <= few_candidates * blocks;
         for (uint64_t block = 0; block < blocks; block++)
             if (const uint64_t candidates = ~decided[block]; candidates != 0)
-                masks[block] |= test.masks(source.block(block), candidates);
+                masks[block] |= test.masks(source.block(block), candidates, few);
         masks[blocks - 1] &= ~uint64_t{0} << (block_elements * blocks - elements);
         return elements;
     }
 
   private:
+    static constexpr unsigned few_candidates = 16; // of a block: up to so many are looked at one by one
+
     static bitmap_t lookup(const uint8_t *lengths)
     {
         return {lengths, longest_text, false};
