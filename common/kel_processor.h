@@ -5,12 +5,16 @@
 // under virtualisation, and takes microseconds.
 #pragma once
 
+// The widest registers, in bits, that there are vector kernels for; 0: portable code alone.
 #if !defined(KEL_VECTOR)
-#define KEL_VECTOR 1
+#define KEL_VECTOR 512
 #endif
 
-#if KEL_VECTOR && defined(__x86_64__)
+#if KEL_VECTOR >= 256 && defined(__x86_64__)
 #define KEL_HAVE_AVX2_UNITS 1
+#endif
+#if KEL_VECTOR >= 512 && defined(__x86_64__)
+#define KEL_HAVE_AVX512_UNITS 1
 #endif
 
 #define KEL_POPCNT __attribute__((target("popcnt")))
@@ -25,6 +29,19 @@ inline bool kel_have_popcnt()
 inline bool kel_have_avx2()
 {
     return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2") && __builtin_cpu_supports("popcnt");
+}
+
+// What servers have since they have permutes of bytes.
+#define KEL_AVX512                                                                                                     \
+    __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi,avx512vbmi2,avx512bitalg,avx512vpopcntdq,"    \
+                          "avx2,bmi2,popcnt")))
+
+inline bool kel_have_avx512()
+{
+    return kel_have_avx2() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+           __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
+           __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2") &&
+           __builtin_cpu_supports("avx512bitalg") && __builtin_cpu_supports("avx512vpopcntdq");
 }
 
 // What CPUID says of the population count: bit 23 of ECX of leaf 0x80000001. It is slow, and the bit is clear on many

@@ -33,8 +33,12 @@ template <class Sink>
                                                       progress_t &progress)
 {
     kel_status_t status = KEL_SUCCESS;
-    [[maybe_unused]] const auto kept = sink.keep(masks, (elements + block_elements - 1) / block_elements);
-    size_t block = 0;
+    size_t block = sink.put_whole(masks, elements / block_elements);
+    const uint64_t whole = block * block_elements;
+    elements -= whole;
+    progress.stored += whole;
+    progress.processed += whole;
+    [[maybe_unused]] const auto kept = sink.keep(masks + block, (elements + block_elements - 1) / block_elements);
     for (; elements > 0 && status == KEL_SUCCESS; block++) {
         const uint64_t in_block = std::min<uint64_t>(elements, block_elements);
         elements -= in_block;

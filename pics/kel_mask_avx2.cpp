@@ -229,7 +229,8 @@ mask_blocks_t<predicate_t> choose_intervals(const fields_t &fields, const predic
 
 mask_blocks_t<predicate_t> avx2_interval_masks(const fields_t &fields, const predicate_t &predicate)
 {
-    return fields.width <= 16   ? choose_intervals<16>(fields, predicate)
+    return fields.width == 1    ? nullptr
+           : fields.width <= 16 ? choose_intervals<16>(fields, predicate)
            : fields.width <= 32 ? choose_intervals<32>(fields, predicate)
                                 : choose_intervals<64>(fields, predicate);
 }

@@ -104,6 +104,23 @@ void mask_blocks(const uint8_t *data, const fields_t &fields, const Test &test, 
     }
 }
 
+// Elements of one bit: their words as they stand, or their complement, or all zeros or ones.
+void bit_blocks(const uint8_t *data, const fields_t &fields, const predicate_t &predicate, uint64_t *masks, size_t n)
+{
+    const auto matches = [&](uint64_t bit) {
+        const bool inside = predicate.intervals == 2 ? in_two_intervals<uint64_t>(predicate)(bit)
+                                                     : in_one_interval<uint64_t>(predicate)(bit);
+        return inside != predicate.negated ? ~uint64_t{0} : 0;
+    };
+    const uint64_t zero = matches(0), differs = matches(1) ^ zero;
+    for (size_t block = 0; block < n; block++, data += 8) {
+        uint64_t word = kel_load_be<uint64_t>(data);
+        if (fields.offset)
+            word = word << fields.offset | data[8] >> (8 - fields.offset);
+        masks[block] = (word & differs) ^ zero;
+    }
+}
+
 template <class Lane, template <class> class Match, class Test>
 mask_blocks_t<Test> choose_unpack(const fields_t &fields)
 {
@@ -131,6 +148,8 @@ mask_blocks_t<Test> choose_lane(const fields_t &fields)
 
 mask_blocks_t<predicate_t> portable_interval_masks(const fields_t &fields, const predicate_t &predicate)
 {
+    if (fields.width == 1)
+        return bit_blocks;
     return predicate.intervals == 2 ? choose_lane<in_two_intervals, predicate_t>(fields)
                                     : choose_lane<in_one_interval, predicate_t>(fields);
 }

@@ -54,7 +54,7 @@ using element_blocks_t = void (*)(const uint8_t *data, const fields_t &fields, u
 // ---- Compaction -----------------------------------------------------------------------------------------------------
 //
 // What is left of 64 elements: those whose mask bit is set, the first element's bit on top. Answers the end of what was
-// written. Vector forms need room for all 64: they store a group whole, up to 32 bytes behind that end, which is to be
+// written. Vector forms need room for all 64: they store a group whole, up to 64 bytes behind that end, which is to be
 // written over, or put back.
 
 // The indexes of the elements, from that of the first one on, as big-endian entries.
@@ -85,7 +85,7 @@ struct kernel_set_t {
     choose_picks_t *picks;
 };
 
-constexpr unsigned most_overrun = 16; // of all sets
+constexpr unsigned most_overrun = 64; // of all sets
 
 // From the widest vectors down to portable code, which has all producers. A record without a name ends the table.
 extern const kernel_set_t kernel_sets[];
@@ -116,9 +116,9 @@ inline mask_blocks_t<bitmap_t> choose_masks(const kernel_set_t *set, const field
     return choose_producer(set, &kernel_set_t::bitmap_masks, fields, test);
 }
 
-choose_masks_t<predicate_t> portable_interval_masks, avx2_interval_masks;
+choose_masks_t<predicate_t> portable_interval_masks, avx2_interval_masks, avx512_interval_masks;
 choose_masks_t<wide_predicate_t> portable_wide_masks, avx2_wide_masks;
-choose_masks_t<bitmap_t> portable_bitmap_masks, avx2_bitmap_masks;
-choose_elements_t portable_elements, avx2_elements;
-choose_indexes_t portable_indexes, avx2_indexes;
-choose_picks_t portable_picks, avx2_picks;
+choose_masks_t<bitmap_t> portable_bitmap_masks, avx2_bitmap_masks, avx512_bitmap_masks;
+choose_elements_t portable_elements, avx2_elements, avx512_elements;
+choose_indexes_t portable_indexes, avx2_indexes, avx512_indexes;
+choose_picks_t portable_picks, avx2_picks, avx512_picks;

@@ -1,9 +1,10 @@
 // Where the outcome of a scan or translate goes: bit vectors and index lists.
 //
 // A sink takes one stored element with its run (put), or the outcome of up to 64 elements as a mask word, the first
-// element on top (put_block), or the outcome of as many elements with their runs (put_runs, which counts the matches).
-// It refuses a block whose elements have to be written one by one to come out right: near the end of the destination,
-// and where an index does not fit in an entry. full() is the test that comes before every element. It looks at stored
+// element on top (put_block), or those of some whole blocks (put_whole, which answers how many it took), or the outcome
+// of up to 64 elements with their runs (put_runs, which counts the matches). It refuses a block whose elements have to
+// be written one by one to come out right: near the end of the destination, and where an index does not fit in an
+// entry. full() is the test that comes before every element. It looks at stored
 // words alone, so that what the writer still holds may go behind the end.
 #pragma once
 
@@ -81,6 +82,16 @@ class bit_sink : public sink
     keeper keep(const uint64_t *, size_t)
     {
         return {};
+    }
+
+    size_t put_whole(const uint64_t *masks, size_t n)
+    {
+        const auto room = static_cast<uint8_t *>(end) - reinterpret_cast<uint8_t *>(out.buf);
+        n = std::min(n, room > 0 ? (static_cast<size_t>(room) + 7) / 8 : 0);
+        for (size_t i = 0; i < n; i++)
+            kel_store_be(out.buf + i, masks[i]);
+        out.buf += n;
+        return n;
     }
 
     bool put_block(uint64_t mask, uint64_t elements)
@@ -178,7 +189,7 @@ class index_sink : public sink
 class kept_bytes
 {
   public:
-    static constexpr size_t most = 32; // a group: eight entries or elements of up to 4 bytes, four elements of 8 bytes
+    static constexpr size_t most = 64; // the widest register
 
     kept_bytes(uint8_t *end, const void *limit) : place(end)
     {
@@ -224,9 +235,27 @@ class entry_sink : public index_sink
         return {reinterpret_cast<uint8_t *>(out.buf) + out.cache_bits / 8 + popc_words(masks, n) * sizeof(Entry), end};
     }
 
+    // All or none.
+    size_t put_whole(const uint64_t *masks, size_t n)
+    {
+        const uint64_t ones = popc_words(masks, n), elements = n * block_elements;
+        if (n == 0 || !fits(ones + block_elements, elements))
+            return 0;
+        if (ones > 0) {
+            const kept_bytes behind = keep(masks, n);
+            auto *start = reinterpret_cast<uint8_t *>(out.buf);
+            uint8_t *next = begin(start);
+            for (size_t i = 0; i < n; i++)
+                next = put_indexes(masks[i], index + i * block_elements, next);
+            reload(start, next);
+        }
+        index += elements;
+        return n;
+    }
+
     bool put_block(uint64_t mask, uint64_t elements)
     {
-        if (!fits(block_elements))
+        if (!fits(block_elements, block_elements))
             return false;
         if (mask != 0) {
             auto *start = reinterpret_cast<uint8_t *>(out.buf);
@@ -238,7 +267,7 @@ class entry_sink : public index_sink
 
     bool put_runs(uint64_t mask, const runs_t &runs, uint64_t &matches)
     {
-        if (!fits(runs.sum))
+        if (!fits(runs.sum, runs.sum))
             return false;
         if (mask == 0) {
             index += runs.sum;
@@ -260,12 +289,12 @@ class entry_sink : public index_sink
   private:
     const index_block_t put_indexes;
 
-    // Whether the indexes of so many elements have room, and fit in entries.
-    bool fits(uint64_t elements) const
+    // Whether so many entries have room, and the indexes of so many elements fit in them.
+    bool fits(uint64_t entries, uint64_t elements) const
     {
         const auto held = static_cast<ptrdiff_t>(out.cache_bits / 8);
         const ptrdiff_t room = static_cast<uint8_t *>(end) - reinterpret_cast<uint8_t *>(out.buf) - held;
-        return room >= 0 && elements <= static_cast<uint64_t>(room) / sizeof(Entry) &&
+        return room >= 0 && entries <= static_cast<uint64_t>(room) / sizeof(Entry) &&
                index + elements - 1 <= std::numeric_limits<Entry>::max();
     }
 

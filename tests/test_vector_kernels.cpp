@@ -72,7 +72,7 @@ class kernel_sets_test : public testing::TestWithParam<const kernel_set_t *>
         uint64_t expected[most_blocks] = {}, seen[most_blocks] = {};
         const fields_t &fields = request.fields;
         const auto twin = choose_masks(portable, fields, test), made = choose_masks(set, fields, test);
-        ASSERT_EQ(made == twin, set == portable) << request;
+        ASSERT_TRUE(made != twin || set == portable || fields.width == 1) << request;
         twin(fields.data, fields, test, expected, request.blocks);
         made(fields.data, fields, test, seen, request.blocks);
         ASSERT_EQ(hex(seen, sizeof seen), hex(expected, sizeof expected)) << request;
@@ -185,7 +185,7 @@ TEST_P(kernel_sets_test, elements)
     }
 }
 
-// Compactions of any mask. The vector form may leave something in the 32 bytes behind its end, within the room of a
+// Compactions of any mask. The vector form may leave something in the 64 bytes behind its end, within the room of a
 // block.
 TEST_P(kernel_sets_test, compactions)
 {
@@ -200,7 +200,7 @@ TEST_P(kernel_sets_test, compactions)
             ASSERT_EQ(end - room.data, length);
             ASSERT_EQ(memcmp(room.data, expected, static_cast<size_t>(length)), 0) << std::hex << mask;
             const uint8_t *const stop = room.data + room.size;
-            ASSERT_TRUE(std::all_of(std::min(end + 32, stop), stop, [](uint8_t byte) { return byte == 0xa5; }));
+            ASSERT_TRUE(std::all_of(std::min(end + 64, stop), stop, [](uint8_t byte) { return byte == 0xa5; }));
             memset(room.data, 0xa5, room.size);
         };
         const pick_block_t pick = choose_producer(set, &kernel_set_t::picks, uint64_t{bytes});
