@@ -5,5 +5,5 @@
 kel_status_t kel_extract_emulate(kel_context_t *ctx, uint64_t flags, const kel_vec_t *src, const kel_vec_t *dst,
                                  cca_t *cca)
 {
-    return move_emulate({{ctx, src, dst, 0, cca}, flags, nullptr, false}, "Emulating kel_extract");
+    return move_emulate<false>({{ctx, src, dst, 0, cca}, flags, nullptr, false}, "Emulating kel_extract");
 }

@@ -133,28 +133,34 @@ kel_status_t move_masked(const move_t &move, Elements &elements)
 
 // ---- The choice of a kernel -----------------------------------------------------------------------------------------
 
-template <unsigned bytes, class Elements>
-kel_status_t move_from(const move_t &move, Elements &&elements)
+// Elements without runs. select: whether the kernel is one of select, which all have a mask.
+template <bool select, unsigned bytes, class Elements>
+kel_status_t move_plain(const move_t &move, Elements &elements)
 {
-    if (move.src->format & KEL_RLE)
-        return move_masked<bytes, run_mover<bytes>>(move, elements);
-    return move.mask ? move_masked<bytes, picker<bytes>>(move, elements) : move_all<bytes>(move, elements);
+    if constexpr (select)
+        return move_masked<bytes, picker<bytes>>(move, elements);
+    else
+        return move_all<bytes>(move, elements);
 }
 
-template <unsigned bytes>
+template <bool select, unsigned bytes>
 kel_status_t move_fields(const move_t &move)
 {
     const uint64_t bits = kel_width_bits(move.src);
+    const auto move_from = [&](auto &&elements) {
+        return move.src->format & KEL_RLE ? move_masked<bytes, run_mover<bytes>>(move, elements)
+                                          : move_plain<select, bytes>(move, elements);
+    };
     if (bits == 8 * bytes && move.src->offset == 0)
-        return move_from<bytes>(move, unchanged_elements<bytes>(move.src));
-    const adaptation_t shift = kel_adaptation(move.flags, bits, 8 * bytes);
-    return move_from<bytes>(move, converted_elements<bytes>(move.set(), move.src, shift));
+        return move_from(unchanged_elements<bytes>(move.src));
+    return move_from(converted_elements<bytes>(move.set(), move.src, kel_adaptation(move.flags, bits, 8 * bytes)));
 }
 
-template <unsigned bytes>
+template <bool select, unsigned bytes>
 kel_status_t move_texts(const move_t &move)
 {
-    return move_from<bytes>(move, text_elements<bytes>(move.set(), move.src, move.flags & KEL_PAD));
+    text_elements<bytes> texts(move.set(), move.src, move.flags & KEL_PAD);
+    return move_plain<select, bytes>(move, texts);
 }
 
 // Calls run<bytes>() for elements of so many bytes.
@@ -181,19 +187,21 @@ inline bool has_fields(const kel_vec_t *src, kel_fmt_t fmt)
     return (fmt == kel_fmt_fixed || (fmt == kel_fmt_rle && plain_aux(src))) && (plain_fields(src) || wide_fields(src));
 }
 
-inline kel_status_t run_kernel(const move_t &move, kel_type_t type, kel_fmt_t fmt)
+template <bool select>
+kel_status_t run_kernel(const move_t &move, kel_type_t type, kel_fmt_t fmt)
 {
     if (move.set() && takes_whole(move) && (!move.mask || mask_offset(move.mask) <= kel_max_offset)) {
         const uint64_t bytes = written_bits(move) / 8;
         if (has_fields(move.src, fmt))
-            return with_bytes(bytes, [&]<unsigned size>() { return move_fields<size>(move); });
+            return with_bytes(bytes, [&]<unsigned size>() { return move_fields<select, size>(move); });
         if (plain_texts(move.src, type, fmt))
-            return with_bytes(bytes, [&]<unsigned size>() { return move_texts<size>(move); });
+            return with_bytes(bytes, [&]<unsigned size>() { return move_texts<select, size>(move); });
     }
     return general_move(move, type, fmt);
 }
 
-inline kel_status_t move_emulate(move_t &&move, const char *verbose_line)
+template <bool select>
+kel_status_t move_emulate(move_t &&move, const char *verbose_line)
 {
     const kel_vec_t *src = move.src;
     const uint64_t dst_bytes = kel_dispatch_bytes(move.dst->format, move.dst->elem_width);
@@ -204,7 +212,7 @@ inline kel_status_t move_emulate(move_t &&move, const char *verbose_line)
     const kel_fmt_t fmt = kel_dispatch_fmt(src);
     move.ext = kel_dispatch_ext(move.ctx, src);
     move.pad = src->format & KEL_VAR || kel_round_bits(kel_width_bits(src)) / 8 != dst_bytes;
-    return with_plain_source(move, type, fmt, [&] { return run_kernel(move, type, fmt); });
+    return with_plain_source(move, type, fmt, [&] { return run_kernel<select>(move, type, fmt); });
 }
 
 } // namespace
