@@ -31,10 +31,11 @@ kel_status_t move_all(const move_t &move, Elements &elements)
     kel_status_t status = KEL_SUCCESS;
     while (const uint64_t ready = status == KEL_SUCCESS ? elements.ready() : 0) {
         const uint64_t moved = std::min(ready, to.room());
-        const uint64_t rest = moved % block_elements;
-        elements.fill(to.to, moved - rest);
+        const uint64_t rest = moved % block_elements, whole = moved - rest;
+        if (whole > 0)
+            elements.fill(to.to, whole);
         if (rest > 0)
-            memcpy(to.to + (moved - rest) * bytes, elements.next(rest), rest * bytes);
+            memcpy(to.to + whole * bytes, elements.next(rest), rest * bytes);
         to.to += moved * bytes;
         progress.stored += moved;
         if (moved < ready)
