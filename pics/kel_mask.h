@@ -79,7 +79,7 @@ kel_status_t put_run_blocks(Sink &sink, const uint64_t *masks, uint64_t elements
 template <class Source, class Put>
 kel_status_t for_all_masks(Source &source, const Put &put)
 {
-    uint64_t masks[block_batch];
+    uint64_t masks[Source::batch];
     kel_status_t status = KEL_SUCCESS;
     while (status == KEL_SUCCESS) {
         const uint64_t elements = source.next(masks);

@@ -246,7 +246,8 @@ class entry_sink : public index_sink
             auto *start = reinterpret_cast<uint8_t *>(out.buf);
             uint8_t *next = begin(start);
             for (size_t i = 0; i < n; i++)
-                next = put_indexes(masks[i], index + i * block_elements, next);
+                if (masks[i] != 0)
+                    next = put_indexes(masks[i], index + i * block_elements, next);
             reload(start, next);
         }
         index += elements;

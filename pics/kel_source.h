@@ -131,6 +131,8 @@ template <class Test>
 class mask_source
 {
   public:
+    static constexpr size_t batch = 128; // blocks: a producer takes a while to begin
+
     [[gnu::always_inline]] // a call would cost a short scan too much
     mask_source(const kernel_set_t *set, const kel_vec_t *src, const Test &tested)
         : test(tested), cursor(set->overrun, element_fields(src), src->elements),
@@ -140,9 +142,9 @@ class mask_source
 
     // Fills masks and answers the number of elements that they stand for; 0 at the end. The bits of the last word
     // behind the last element are 0.
-    uint64_t next(uint64_t (&masks)[block_batch])
+    uint64_t next(uint64_t (&masks)[batch])
     {
-        const blocks_t taken = cursor.take(block_batch);
+        const blocks_t taken = cursor.take(batch);
         if (taken.elements == 0)
             return 0;
         make(taken.data, cursor.shape(), test, masks, taken.blocks);

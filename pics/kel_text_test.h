@@ -121,19 +121,21 @@ class text_test_t
 class text_masks
 {
   public:
+    static constexpr size_t batch = block_batch;
+
     text_masks(const kernel_set_t *set, const kel_vec_t *src, const text_test_t &tested)
         : test(tested), source(set, src), find(choose_masks(set, {nullptr, 8, 0}, lookup(tested.decided_lengths())))
     {
     }
 
     // As of a mask_source; 0 in front of lengths that are no text's, too.
-    uint64_t next(uint64_t (&masks)[block_batch])
+    uint64_t next(uint64_t (&masks)[batch])
     {
         const uint64_t elements = source.next();
         if (elements == 0)
             return 0;
         const uint64_t blocks = source.blocks();
-        uint64_t decided[block_batch];
+        uint64_t decided[batch];
         look_up(test.decided_lengths(), decided);
         look_up(test.taken_lengths(), masks);
         const bool few = block_elements * blocks - popc_words(decided, blocks) <= few_candidates * blocks;
